@@ -1,0 +1,82 @@
+#include "foundation/exception.h"
+
+#include <dlfcn.h>
+#include <execinfo.h>
+
+#include "foundation/logging/category.h"
+#include "foundation/object.h"
+
+namespace fn {
+namespace {
+logging::Category logException_("fn.exception");
+}
+
+Exception::Exception(StackTrace trace) : Exception(String(), trace) {}
+
+Exception::Exception(String message, StackTrace trace) : _message(std::move(message)) {
+  if (trace == StackTrace::Capture)
+    _info.stackTrace = captureStackTrace(2);
+}
+
+String Exception::toString() const {
+  String text = className();
+  if (!_message.empty())
+    text += ": " + _message;
+  if (_info.detail)
+    text += " (" + *_info.detail + ")";
+  if (_info.path)
+    text += " [path " + *_info.path + "]";
+  if (_info.errnoValue)
+    text += fmt::format(" [errno {}]", *_info.errnoValue);
+  if (_info.uvErrno)
+    text += fmt::format(" [uv errno {}]", *_info.uvErrno);
+  if (_info.winError)
+    text += fmt::format(" [windows error {}]", *_info.winError);
+  if (_info.errorCode)
+    text += fmt::format(" [code {}]", *_info.errorCode);
+  return text;
+}
+
+std::vector<StackFrame> Exception::captureStackTrace(int skip) {
+  void* addresses[64];
+  int count = backtrace(addresses, 64);
+  std::vector<StackFrame> frames;
+  for (int i = skip; i < count; ++i) {
+    StackFrame frame;
+    frame.address = reinterpret_cast<uintptr_t>(addresses[i]);
+    Dl_info info{};
+    if (dladdr(addresses[i], &info)) {
+      if (info.dli_fname)
+        frame.moduleName = info.dli_fname;
+      if (info.dli_sname)
+        frame.symbolName = info.dli_sname;
+    }
+    frames.push_back(std::move(frame));
+  }
+  return frames;
+}
+
+String describeException(std::exception_ptr const& error) {
+  try {
+    std::rethrow_exception(error);
+  } catch (Exception const& e) {
+    return e.toString();
+  } catch (std::exception const& e) {
+    return String(fmt::format("{}: {}", demangledTypeName(typeid(e)), e.what()));
+  } catch (...) {
+    return "Unknown Exception";
+  }
+}
+
+void logException(std::exception_ptr const& error, std::string_view context) {
+  if (context.empty())
+    logException_.log(logging::ERR, "{}", describeException(error));
+  else
+    logException_.log(logging::ERR, "{}: {}", context, describeException(error));
+}
+
+void unhandledException() {
+  logException(std::current_exception(), "Unhandled exception");
+}
+
+}  // namespace fn

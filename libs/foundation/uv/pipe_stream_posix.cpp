@@ -1,0 +1,18 @@
+#include <sys/socket.h>
+
+#include "foundation/uv/pipe_stream.h"
+
+namespace fn::uv {
+
+std::optional<uint32_t> PipeStream::peerUserId() const {
+  int fd = fileno();
+  if (fd < 0)
+    return std::nullopt;
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
+    return std::nullopt;
+  return credentials.uid;
+}
+
+}  // namespace fn::uv

@@ -1,0 +1,147 @@
+#include "foundation/uv/stream.h"
+
+#include "foundation/uv/loop.h"
+
+namespace fn::uv {
+
+struct Stream::WriteRequest {
+  uv_write_t request{};
+  AutoPtr<Stream> stream;
+  ByteArray bytes;
+  std::vector<WriteCallback> callbacks;
+};
+
+Stream::Stream(Loop& loop, uv_stream_t* handle) : _loop(loop), _handle(handle) {
+  retain();  // released by the close callback
+}
+
+void Stream::attachHandle() {
+  _handle->data = this;
+}
+
+Stream::~Stream() = default;
+
+void Stream::readStart(ReadCallback callback) {
+  _onRead = std::move(callback);
+  int rc = uv_read_start(
+      _handle,
+      [](uv_handle_t* h, size_t, uv_buf_t* buf) {
+        auto* self = static_cast<Stream*>(h->data);
+        // The reader consumes every chunk inside the read callback, so one buffer serves all.
+        if (self->_readBuffer.empty())
+          self->_readBuffer.resize(64 * 1024);
+        buf->base = reinterpret_cast<char*>(self->_readBuffer.data());
+        buf->len = self->_readBuffer.size();
+      },
+      [](uv_stream_t* h, ssize_t n, uv_buf_t const* buf) {
+        auto* self = static_cast<Stream*>(h->data);
+        if (self->_closing || !self->_onRead)
+          return;
+        AutoPtr<Stream> protect(self);
+        guarded([&] { self->_onRead(buf->base, n); });
+      });
+  if (rc < 0) {
+    // Report the failure the way a failed read would be reported, but not from inside the
+    // caller: deliveries are posted.
+    AutoPtr<Stream> protect(this);
+    _loop.post([protect, rc] {
+      if (!protect->_closing && protect->_onRead)
+        protect->_onRead(nullptr, rc);
+    });
+  }
+}
+
+void Stream::readStop() {
+  if (!_closing)
+    uv_read_stop(_handle);
+}
+
+void Stream::write(ByteArray const& bytes, WriteCallback done) {
+  writeWith([&](ByteArray& out) { out.insert(out.end(), bytes.begin(), bytes.end()); },
+            std::move(done));
+}
+
+void Stream::queued(WriteCallback done) {
+  if (done)
+    _pendingCallbacks.push_back(std::move(done));
+  if (!_flushQueued) {
+    _flushQueued = true;
+    AutoPtr<Stream> protect(this);
+    _loop.atEndOfIteration([protect] { protect->flush(); });
+  }
+}
+
+void Stream::failWrite(WriteCallback done) {
+  if (!done)
+    return;
+  _loop.post([done = std::move(done)]() mutable { done(Status("write", UV_ECANCELED)); });
+}
+
+void Stream::flush() {
+  _flushQueued = false;
+  if (_closing || _pending.empty())
+    return;
+  auto* request = new WriteRequest{};
+  request->stream = AutoPtr<Stream>(this);
+  request->bytes.swap(_pending);
+  request->callbacks.swap(_pendingCallbacks);
+  request->request.data = request;
+  _inFlight += request->bytes.size();
+  uv_buf_t buf = uv_buf_init(reinterpret_cast<char*>(request->bytes.data()),
+                             static_cast<unsigned>(request->bytes.size()));
+  auto completed = [](uv_write_t* r, int status) {
+    std::unique_ptr<WriteRequest> request(static_cast<WriteRequest*>(r->data));
+    request->stream->_inFlight -= request->bytes.size();
+    for (auto& callback : request->callbacks)
+      guarded([&] { callback(Status("write", status)); });
+  };
+  int rc = uv_write(&request->request, _handle, &buf, 1, completed);
+  if (rc < 0) {
+    // libuv did not take the request: finish it ourselves, later.
+    _loop.post([request, rc] {
+      std::unique_ptr<WriteRequest> owned(request);
+      owned->stream->_inFlight -= owned->bytes.size();
+      for (auto& callback : owned->callbacks)
+        guarded([&] { callback(Status("write", rc)); });
+    });
+  }
+}
+
+Status Stream::listen(int backlog, ConnectionCallback onConnection) {
+  _onConnection = std::move(onConnection);
+  return Status("listen", uv_listen(_handle, backlog, [](uv_stream_t* h, int status) {
+                  auto* self = static_cast<Stream*>(h->data);
+                  if (self->_closing || !self->_onConnection)
+                    return;
+                  AutoPtr<Stream> protect(self);
+                  guarded([&] { self->_onConnection(Status("listen", status)); });
+                }));
+}
+
+Status Stream::accept(Stream& client) {
+  return Status("accept", uv_accept(_handle, client._handle));
+}
+
+void Stream::close() {
+  if (_closing)
+    return;
+  _closing = true;
+  _onRead = nullptr;
+  _onConnection = nullptr;
+  _pending.clear();
+  auto callbacks = std::move(_pendingCallbacks);
+  _pendingCallbacks.clear();
+  for (auto& callback : callbacks)
+    failWrite(std::move(callback));
+  uv_close(reinterpret_cast<uv_handle_t*>(_handle),
+           [](uv_handle_t* h) { static_cast<Stream*>(h->data)->release(); });
+}
+
+int Stream::fileno() const {
+  uv_os_fd_t fd;
+  if (uv_fileno(reinterpret_cast<uv_handle_t const*>(_handle), &fd) < 0)
+    return -1;
+  return static_cast<int>(fd);
+}
+
+}  // namespace fn::uv

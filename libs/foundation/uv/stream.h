@@ -1,0 +1,87 @@
+#pragma once
+
+// fn::uv::Stream: a libuv stream handle (pipe) with batched writes.
+//
+// Lifetime: the wrapper keeps itself alive from creation until libuv's close callback, so the
+// owner must call close(); the object is freed only after the close callback, once the owner's
+// references are gone too. close() is idempotent. Callbacks run on the loop thread and are
+// dropped by close(): after close() no read callback runs, and pending write callbacks are
+// called with UV_ECANCELED.
+//
+// Writes made during one loop iteration are gathered into a single uv_write issued before
+// the loop next waits.
+
+#include <uv.h>
+
+#include <functional>
+#include <vector>
+
+#include "foundation/byte_array.h"
+#include "foundation/object.h"
+#include "foundation/uv/status.h"
+
+namespace fn::uv {
+
+class Loop;
+
+class FN_EXPORT Stream : public RefCountedObject {
+public:
+  /// (bytes, count): count > 0 bytes read, UV_EOF at the end, another negative code on error.
+  using ReadCallback = std::function<void(char const* bytes, ssize_t count)>;
+  using WriteCallback = std::move_only_function<void(Status)>;
+  using ConnectionCallback = std::function<void(Status)>;
+
+  Loop& loop() const { return _loop; }
+  bool closed() const { return _closing; }
+
+  void readStart(ReadCallback callback);
+  void readStop();
+
+  /// Queues `bytes`; `done` (may be empty) runs once they are written or have failed.
+  void write(ByteArray const& bytes, WriteCallback done = {});
+  /// Lets `fill` append the bytes to send straight into the pending buffer (no copy).
+  template <typename Fill>
+  void writeWith(Fill&& fill, WriteCallback done = {}) {
+    if (_closing) {
+      failWrite(std::move(done));
+      return;
+    }
+    fill(_pending);
+    queued(std::move(done));
+  }
+  /// Bytes queued but not yet handed to the kernel.
+  size_t pendingBytes() const { return _pending.size() + _inFlight; }
+
+  Status listen(int backlog, ConnectionCallback onConnection);
+  Status accept(Stream& client);
+
+  void close();
+
+  /// The operating system's descriptor, or -1.
+  int fileno() const;
+
+protected:
+  /// `handle` is a member of the subclass: it calls attachHandle() once it initialised it.
+  Stream(Loop& loop, uv_stream_t* handle);
+  ~Stream() override;
+  void attachHandle();
+
+private:
+  struct WriteRequest;
+  void queued(WriteCallback done);
+  void failWrite(WriteCallback done);
+  void flush();
+
+  Loop& _loop;
+  uv_stream_t* _handle;
+  ReadCallback _onRead;
+  ConnectionCallback _onConnection;
+  ByteArray _pending;
+  std::vector<WriteCallback> _pendingCallbacks;
+  size_t _inFlight = 0;
+  bool _flushQueued = false;
+  bool _closing = false;
+  ByteArray _readBuffer;
+};
+
+}  // namespace fn::uv
