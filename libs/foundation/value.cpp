@@ -240,7 +240,7 @@ size_t Value::erase(Value const& key) {
   return map ? map->erase(key) : 0;
 }
 
-Value const& Value::at(size_t index) const {
+Value const& Value::element(size_t index) const {
   auto const& array = asArray();
   if (index >= array.size())
     throw withDetail(RangeException("Index out of range"), String::number(index));

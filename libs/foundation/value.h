@@ -184,7 +184,7 @@ public:
   size_t erase(Value const& key);
 
   // Array access.
-  Value const& at(size_t index) const;
+  Value const& element(size_t index) const;
   void append(Value item);
   size_t size() const;
 

@@ -1,4 +1,5 @@
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "foundation/uv/pipe_stream.h"
 
@@ -13,6 +14,15 @@ std::optional<uint32_t> PipeStream::peerUserId() const {
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
     return std::nullopt;
   return credentials.uid;
+}
+
+}  // namespace fn::uv
+
+namespace fn::uv {
+
+bool PipeStream::peerIsSameUser() const {
+  auto uid = peerUserId();
+  return uid && *uid == static_cast<uint32_t>(geteuid());
 }
 
 }  // namespace fn::uv

@@ -125,6 +125,10 @@ Status Stream::accept(Stream& client) {
 void Stream::close() {
   if (_closing)
     return;
+  // Hand what is queued to the kernel first: a last record (a release, a goodbye) written
+  // just before closing must not be lost. libuv writes at once when the socket has room.
+  if (!_pending.empty())
+    flush();
   _closing = true;
   _onRead = nullptr;
   _onConnection = nullptr;

@@ -1,0 +1,352 @@
+#include "core/ipc/dispatcher.h"
+
+#include "core/ipc/payload.h"
+#include "core/ipc/pipe_path.h"
+#include "foundation/assert.h"
+#include "foundation/file.h"
+#include "foundation/logging/category.h"
+
+namespace ipc {
+namespace {
+fn::logging::Category logDispatcher("ipc.dispatcher");
+}
+
+class Dispatcher::WorkerConnection : public fn::RefCountedObject {
+public:
+  WorkerConnection(Dispatcher& dispatcher, fn::AutoPtr<fn::uv::PipeStream> stream)
+      : dispatcher(dispatcher), stream(std::move(stream)), reader(dispatcher._options.maxFrameSize) {
+    // The reader lives as long as the connection; each handler keeps the connection alive for
+    // the length of the call.
+    reader.onMessage([this](fn::Value record, size_t length) {
+      Connection self(this);
+      this->dispatcher.onWorkerMessage(self, std::move(record), length);
+    });
+    reader.onEndOfStream([this] {
+      Connection self(this);
+      this->dispatcher.onWorkerEOS(self);
+    });
+    reader.onError([this](fn::uv::Status const& status) {
+      Connection self(this);
+      logDispatcher.log(fn::logging::ERR, "Received read error {} from {}", status.toString(),
+                        info.displayName);
+      this->dispatcher.onWorkerEOS(self);
+    });
+  }
+
+  void const* address() const { return this; }
+
+  Dispatcher& dispatcher;
+  WorkerInfo info;
+  fn::AutoPtr<fn::uv::PipeStream> stream;
+  fn::Handle notRespondingTimer;
+  fn::Handle nextPingTimer;
+  MessageReader reader;
+  bool ended = false;
+};
+
+Dispatcher::Dispatcher(fn::uv::Loop& loop, fn::Duration const& timeout)
+    : Dispatcher(loop, timeout, Options()) {}
+
+Dispatcher::Dispatcher(fn::uv::Loop& loop, fn::Duration const& timeout, Options options)
+    : _loop(loop),
+      _timeout(timeout),
+      _options(options),
+      _pipePath(makePipePath()),
+      _worker(*this, loop, _pipePath, "DispatcherWorker", "", false) {}
+
+Dispatcher::~Dispatcher() {
+  for (auto const& connection : _connections) {
+    connection->reader.stop();
+    connection->notRespondingTimer.invalidate();
+    connection->nextPingTimer.invalidate();
+    connection->stream->close();
+  }
+  _connections.clear();
+  _workers.clear();
+  _worker.stop();
+  if (_pipeStream) {
+    _pipeStream->close();
+    fn::File(_pipePath).remove();
+  }
+}
+
+void Dispatcher::bind() {
+  FN_ASSERT_LOOP_THREAD();
+  if (fn::File(_pipePath).exists())
+    fn::File(_pipePath).remove();
+  _pipeStream = fn::uv::PipeStream::create(_loop);
+  _pipeStream->bind(_pipePath).throwOnError();
+}
+
+void Dispatcher::start() {
+  FN_ASSERT_LOOP_THREAD();
+  _pipeStream->listen(128, [this](fn::uv::Status const& status) { onConnection(status); })
+      .throwOnError();
+  _worker.connect();
+}
+
+void Dispatcher::onConnection(fn::uv::Status const& status) {
+  status.throwOnError();
+  auto stream = fn::uv::PipeStream::create(_loop);
+  _pipeStream->accept(*stream).throwOnError();
+  if (!stream->peerIsSameUser()) {
+    logDispatcher.log(fn::logging::WRN, "Refusing a connection from user {}: not the hub's user",
+                      stream->peerUserId().value_or(~0u));
+    stream->close();
+    return;
+  }
+  Connection connection(new WorkerConnection(*this, stream));
+  WorkerConnection* raw = connection.get();
+  stream->readStart([raw](char const* bytes, ssize_t count) { raw->reader.feed(bytes, count); });
+  _connections.insert(connection);
+}
+
+void Dispatcher::onWorkerMessage(Connection const& connection, fn::Value record, size_t length) {
+  int64_t messageType = 0;
+  try {
+    fn::Value const& typeValue = record.get(key::TYPE, 0);
+    messageType = typeValue.isInteger() ? typeValue.asInt() : 0;
+    if (messageType == type::INVALID) {
+      logDispatcher.log(fn::logging::WRN, "Received malformed message from worker {} ({}) ({})\n{}",
+                        connection->info.displayName, connection->info.workerId,
+                        connection->address(), translatePayload(record));
+      return;
+    }
+    if (messageType == type::PONG) {
+      logDispatcher.log(fn::logging::TRC, "Received PONG from worker {} (${}) ({})",
+                        connection->info.displayName, connection->info.workerId,
+                        connection->address());
+      scheduleNextPing(connection);
+      return;
+    }
+    if (logDispatcher.enabled(fn::logging::DBG)) {
+      logDispatcher.log(fn::logging::DBG, "Receiving from worker {} ({}) ({}) {} bytes\n{}",
+                        connection->info.displayName, connection->info.workerId,
+                        connection->address(), length, translatePayload(record));
+    }
+    switch (messageType) {
+      case type::HELLO: onHello(connection, record); break;
+      case type::MESSAGE: onMessage(connection, std::move(record)); break;
+      case type::REFERENCE_RELEASE: onReferenceRelease(connection, record); break;
+      default: break;
+    }
+  } catch (fn::Exception const& e) {
+    // A record with missing or mistyped keys: the sender is at fault, not the hub. Drop the
+    // record and keep serving everybody, the sender included.
+    logDispatcher.log(fn::logging::WRN, "Dropping a bad record of type {} from worker {} ({}): {}",
+                      messageType, connection->info.displayName, connection->info.workerId,
+                      e.toString());
+  }
+}
+
+void Dispatcher::onHello(Connection const& connection, fn::Value const& record) {
+  fn::String displayName = record.at(key::DISPLAY_NAME).asString();
+  fn::Value const& tagValue = record.get(key::TAG, fn::Value::NIL);
+  fn::String tag = tagValue.isString() ? tagValue.asString() : fn::String();
+  uint16_t id = nextWorkerId();
+  logDispatcher.log(fn::logging::DBG, "Worker {} ({}) connected - assigning Id {}", displayName,
+                    tag, id);
+  connection->info = WorkerInfo{id, displayName, tag};
+  _workers[id] = connection;
+  _onWorkerConnected.emit(connection->info);
+  send(connection, fn::Value::map({{key::TYPE, type::HELLO}, {key::WORKER_ID, id}}));
+  scheduleNextPing(connection);
+}
+
+void Dispatcher::onMessage(Connection const& connection, fn::Value record) {
+  uint16_t source = connection->info.workerId;
+  record[key::SOURCE_WORKER_ID] = source;
+  fn::Value const& objects = record.get(key::OBJECTS);
+  if (objects.isMap()) {
+    for (auto const& [id, name] : objects.asMap()) {
+      if (ownerOf(id.asUInt()) == source)
+        ++_instanceUsageCount[id.asUInt()];
+    }
+  }
+  auto target = record.at(key::TARGET_WORKER_ID).to<uint16_t>();
+  if (target != NO_WORKER) {
+    auto found = _workers.find(target);
+    if (found != _workers.end())
+      forwardMessageToWorker(found->second, record);
+    return;
+  }
+  auto objectId = record.at(key::OBJECT_ID).to<ObjectId>();
+  if (objectId != REGISTRY_OBJECT_ID) {
+    auto holders = _referenceUsageCount.find(objectId);
+    if (holders == _referenceUsageCount.end())
+      return;
+    std::vector<Connection> targets;
+    for (auto const& [workerId, count] : holders->second) {
+      if (auto found = _workers.find(workerId); found != _workers.end())
+        targets.push_back(found->second);
+    }
+    for (auto const& holder : targets)
+      forwardMessageToWorker(holder, record);
+    return;
+  }
+  std::vector<Connection> targets;
+  for (auto const& other : _connections) {
+    if (other->info.workerId != 0)
+      targets.push_back(other);
+  }
+  for (auto const& other : targets)
+    forwardMessageToWorker(other, record);
+}
+
+void Dispatcher::forwardMessageToWorker(Connection const& target, fn::Value const& record) {
+  fn::Value const& objects = record.get(key::OBJECTS);
+  if (objects.isMap()) {
+    for (auto const& [id, name] : objects.asMap())
+      increaseUsageCount(id.asUInt(), target->info.workerId);
+  }
+  send(target, record);
+}
+
+void Dispatcher::increaseUsageCount(ObjectId objectId, uint16_t workerId) {
+  if (ownerOf(objectId) == workerId)
+    return;
+  ++_referenceUsageCount[objectId][workerId];
+}
+
+void Dispatcher::onReferenceRelease(Connection const& connection, fn::Value const& record) {
+  auto objectId = record.at(key::OBJECT_ID).to<ObjectId>();
+  if (!_workers.contains(ownerOf(objectId)))
+    return;
+  auto ref = _referenceUsageCount.find(objectId);
+  FN_ASSERT(ref != _referenceUsageCount.end(), objectId);
+  if (ref == _referenceUsageCount.end())
+    return;
+  auto usageCount = record.at(key::USAGE_COUNT).to<uint32_t>();
+  auto count = ref->second.find(connection->info.workerId);
+  FN_ASSERT(count != ref->second.end(), objectId, connection->info.workerId);
+  if (count == ref->second.end())
+    return;
+  FN_ASSERT(count->second >= usageCount, count->second, usageCount);
+  count->second -= std::min(count->second, usageCount);
+  if (count->second == 0)
+    ref->second.erase(count);
+  if (ref->second.empty()) {
+    _referenceUsageCount.erase(ref);
+    releaseInstance(objectId);
+  }
+}
+
+void Dispatcher::releaseInstance(ObjectId objectId) {
+  auto info = _instanceUsageCount.find(objectId);
+  FN_ASSERT(info != _instanceUsageCount.end(), objectId);
+  if (info == _instanceUsageCount.end())
+    return;
+  uint32_t count = info->second;
+  _instanceUsageCount.erase(info);
+  if (auto owner = _workers.find(ownerOf(objectId)); owner != _workers.end()) {
+    send(owner->second, fn::Value::map({{key::TYPE, type::INSTANCE_RELEASE},
+                                        {key::OBJECT_ID, objectId},
+                                        {key::USAGE_COUNT, count}}));
+  }
+}
+
+void Dispatcher::onWorkerEOS(Connection const& connection) {
+  if (connection->ended)
+    return;
+  connection->ended = true;
+  connection->reader.stop();
+  connection->stream->close();
+  workerDied(connection);
+}
+
+void Dispatcher::workerDied(Connection const& connection) {
+  uint16_t id = connection->info.workerId;
+  connection->notRespondingTimer.invalidate();
+  connection->nextPingTimer.invalidate();
+  if (auto found = _workers.find(id); found != _workers.end() && found->second == connection)
+    _workers.erase(found);
+  _connections.erase(connection);
+
+  std::erase_if(_instanceUsageCount, [id](auto const& entry) { return ownerOf(entry.first) == id; });
+  std::vector<ObjectId> released;
+  for (auto entry = _referenceUsageCount.begin(); entry != _referenceUsageCount.end();) {
+    if (ownerOf(entry->first) == id) {
+      entry = _referenceUsageCount.erase(entry);
+      continue;
+    }
+    entry->second.erase(id);
+    if (entry->second.empty()) {
+      released.push_back(entry->first);
+      entry = _referenceUsageCount.erase(entry);
+      continue;
+    }
+    ++entry;
+  }
+  for (ObjectId objectId : released)
+    releaseInstance(objectId);
+
+  fn::Value dead = fn::Value::map({{key::TYPE, type::WORKER_DEAD}, {key::WORKER_ID, id}});
+  for (auto const& other : _connections)
+    send(other, dead);
+  _onWorkerDisconnected.emit(connection->info);
+}
+
+void Dispatcher::scheduleNextPing(Connection const& connection) {
+  connection->notRespondingTimer.invalidate();
+  auto interval = fn::Duration::milliseconds(_timeout.totalMilliseconds() / 3);
+  WorkerConnection* raw = connection.get();
+  connection->nextPingTimer = _loop.schedule(interval, [this, raw] { sendPing(Connection(raw)); });
+}
+
+void Dispatcher::sendPing(Connection const& connection) {
+  WorkerConnection* raw = connection.get();
+  connection->notRespondingTimer = _loop.schedule(_timeout, [this, raw] {
+    _onWorkerNotResponding.emit(Connection(raw)->info);
+  });
+  send(connection, fn::Value::map({{key::TYPE, type::PING}}));
+}
+
+void Dispatcher::send(Connection const& connection, fn::Value const& record) {
+  if (!connection->ended)
+    MessageWriter::write(*connection->stream, record);
+}
+
+void Dispatcher::stop(fn::Duration const& timeout, std::move_only_function<void()> callback) {
+  FN_ASSERT_LOOP_THREAD();
+  fn::Value notice = fn::Value::map({{key::TYPE, type::ABOUT_TO_QUIT}});
+  for (auto const& connection : _connections)
+    send(connection, notice);
+  _loop.schedule(timeout, [this, callback = std::move(callback)]() mutable {
+         _loop.stop();
+         if (callback)
+           callback();
+       })
+      .detach();
+}
+
+uint32_t Dispatcher::instanceUsageCount(ObjectId id) const {
+  auto found = _instanceUsageCount.find(id);
+  return found == _instanceUsageCount.end() ? 0 : found->second;
+}
+
+uint32_t Dispatcher::referenceUsageCount(ObjectId id, uint16_t workerId) const {
+  auto found = _referenceUsageCount.find(id);
+  if (found == _referenceUsageCount.end())
+    return 0;
+  auto count = found->second.find(workerId);
+  return count == found->second.end() ? 0 : count->second;
+}
+
+void Dispatcher::workerDidConnect(Worker&) {
+  // The hub's own worker is worker 0. The registry and the message bus it hosts are created
+  // here once they exist.
+}
+
+bool Dispatcher::wantsIdleTermination(Worker&) {
+  return false;
+}
+
+bool Dispatcher::workerCanTerminate(Worker&) {
+  return false;
+}
+
+void Dispatcher::workerRequestsTermination(Worker&) {}
+
+void Dispatcher::aboutToQuit(Worker&) {}
+
+}  // namespace ipc

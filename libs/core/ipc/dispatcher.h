@@ -1,0 +1,114 @@
+#pragma once
+
+// ipc::Dispatcher: the hub of the object framework.
+//
+// Owned by the host process and bound to the loop it is given; everything runs on that loop's
+// thread without locks. It owns the pipe, accepts one connection per process (only from the
+// same user), assigns worker ids, routes object messages, keeps the usage accounting that tells
+// owners when nobody uses their objects any more, pings every worker and tells everybody when
+// one goes away. Its own worker ("DispatcherWorker") connects like any other and becomes
+// worker 0.
+//
+// Signals fire on the loop thread: onWorkerConnected after a HELLO, onWorkerNotResponding once
+// per PING left unanswered for the whole time-out, onWorkerDisconnected after a connection
+// ended and the others were told. Destroying the dispatcher closes every connection and
+// removes the pipe.
+
+#include <set>
+#include <unordered_map>
+
+#include "core/export.h"
+#include "core/ipc/message.h"
+#include "core/ipc/message_helper.h"
+#include "core/ipc/worker.h"
+#include "foundation/duration.h"
+#include "foundation/handle.h"
+#include "foundation/signal.h"
+#include "foundation/uv/loop.h"
+#include "foundation/uv/pipe_stream.h"
+
+namespace ipc {
+
+class CORE_EXPORT Dispatcher : private Worker::Delegate {
+public:
+  struct WorkerInfo {
+    uint16_t workerId = NO_WORKER;
+    fn::String displayName;
+    fn::String tag;
+  };
+
+  struct Options {
+    size_t maxFrameSize = DEFAULT_MAX_FRAME_SIZE;
+  };
+
+  /// `timeout` is the liveness time-out: a worker is pinged every third of it and reported
+  /// not responding when a PING stays unanswered for all of it.
+  Dispatcher(fn::uv::Loop& loop, fn::Duration const& timeout);
+  Dispatcher(fn::uv::Loop& loop, fn::Duration const& timeout, Options options);
+  ~Dispatcher() override;
+  Dispatcher(Dispatcher const&) = delete;
+  Dispatcher& operator=(Dispatcher const&) = delete;
+
+  void bind();
+  void start();
+  /// Tells every worker that the hub is about to quit, then after `timeout` stops the loop
+  /// and calls `callback`.
+  void stop(fn::Duration const& timeout, std::move_only_function<void()> callback);
+
+  fn::String pipePath() const { return _pipePath; }
+  fn::uv::Loop& loop() { return _loop; }
+  fn::AutoPtr<fn::uv::PipeStream> const& pipeStream() const { return _pipeStream; }
+  Worker& worker() { return _worker; }
+
+  fn::Signal<WorkerInfo const&>& onWorkerConnected() { return _onWorkerConnected; }
+  fn::Signal<WorkerInfo const&>& onWorkerNotResponding() { return _onWorkerNotResponding; }
+  fn::Signal<WorkerInfo const&>& onWorkerDisconnected() { return _onWorkerDisconnected; }
+
+  /// Accounting, for diagnostics and tests: the uses the hub counts for an instance, and the
+  /// uses a worker holds of an object.
+  uint32_t instanceUsageCount(ObjectId id) const;
+  uint32_t referenceUsageCount(ObjectId id, uint16_t workerId) const;
+  size_t connectionCount() const { return _connections.size(); }
+
+private:
+  class WorkerConnection;
+  using Connection = fn::AutoPtr<WorkerConnection>;
+
+  void onConnection(fn::uv::Status const& status);
+  void onHello(Connection const& connection, fn::Value const& record);
+  void onMessage(Connection const& connection, fn::Value record);
+  void onReferenceRelease(Connection const& connection, fn::Value const& record);
+  void onWorkerMessage(Connection const& connection, fn::Value record, size_t length);
+  void forwardMessageToWorker(Connection const& target, fn::Value const& record);
+  void increaseUsageCount(ObjectId objectId, uint16_t workerId);
+  void releaseInstance(ObjectId objectId);
+  uint16_t nextWorkerId() { return _workerIdCounter++; }
+  void onWorkerEOS(Connection const& connection);
+  void workerDied(Connection const& connection);
+  void scheduleNextPing(Connection const& connection);
+  void sendPing(Connection const& connection);
+  void send(Connection const& connection, fn::Value const& record);
+
+  void workerDidConnect(Worker& worker) override;
+  bool wantsIdleTermination(Worker& worker) override;
+  bool workerCanTerminate(Worker& worker) override;
+  void workerRequestsTermination(Worker& worker) override;
+  void aboutToQuit(Worker& worker) override;
+
+  fn::uv::Loop& _loop;
+  fn::Duration _timeout;
+  Options _options;
+  fn::String _pipePath;
+  fn::AutoPtr<fn::uv::PipeStream> _pipeStream;
+  std::set<Connection> _connections;
+  std::unordered_map<uint16_t, Connection> _workers;
+  std::unordered_map<ObjectId, uint32_t> _instanceUsageCount;
+  std::unordered_map<ObjectId, std::unordered_map<uint16_t, uint32_t>> _referenceUsageCount;
+  uint16_t _workerIdCounter = 0;
+  Worker _worker;
+  fn::Signal<WorkerInfo const&> _onWorkerConnected;
+  fn::Signal<WorkerInfo const&> _onWorkerNotResponding;
+  fn::Signal<WorkerInfo const&> _onWorkerDisconnected;
+};
+
+}  // namespace ipc

@@ -1,0 +1,105 @@
+#include "core/ipc/message_helper.h"
+
+#include <cstring>
+
+namespace ipc {
+
+size_t MessageWriter::encode(fn::Value const& record,
+                             fn::ByteArray& out,
+                             fn::mpack::ValueSerializer* hook) {
+  size_t start = out.size();
+  out.resize(start + 4);
+  fn::mpack::encode(record, out, hook);
+  auto length = static_cast<uint32_t>(out.size() - start - 4);
+  out[start] = static_cast<uint8_t>(length);
+  out[start + 1] = static_cast<uint8_t>(length >> 8);
+  out[start + 2] = static_cast<uint8_t>(length >> 16);
+  out[start + 3] = static_cast<uint8_t>(length >> 24);
+  return length;
+}
+
+size_t MessageWriter::write(fn::uv::Stream& stream,
+                            fn::Value const& record,
+                            fn::uv::Stream::WriteCallback done) {
+  size_t length = 0;
+  stream.writeWith([&](fn::ByteArray& out) { length = encode(record, out); }, std::move(done));
+  return length;
+}
+
+void MessageReader::feed(char const* bytes, ssize_t count) {
+  if (_failed)
+    return;
+  if (count == UV_EOF) {
+    if (_onEnd)
+      _onEnd();
+    return;
+  }
+  if (count < 0) {
+    fail(fn::uv::Status("MessageHelper failed to read", static_cast<int>(count)));
+    return;
+  }
+  auto const* p = reinterpret_cast<uint8_t const*>(bytes);
+  size_t remaining = static_cast<size_t>(count);
+  while (remaining > 0 && !_failed) {
+    if (_headerFill < 4) {
+      size_t take = std::min(remaining, 4 - _headerFill);
+      std::memcpy(_header + _headerFill, p, take);
+      _headerFill += take;
+      p += take;
+      remaining -= take;
+      if (_headerFill < 4)
+        return;
+      _length = static_cast<uint32_t>(_header[0]) | static_cast<uint32_t>(_header[1]) << 8 |
+                static_cast<uint32_t>(_header[2]) << 16 | static_cast<uint32_t>(_header[3]) << 24;
+      if (_length > _maxFrameSize) {
+        fail(fn::uv::Status(fmt::format("MessageHelper frame of {} bytes is over the limit of {}",
+                                        _length, _maxFrameSize),
+                            UV_E2BIG));
+        return;
+      }
+      // A whole body inside this chunk is decoded where it lies, without a copy.
+      if (remaining >= _length) {
+        uint8_t const* body = p;
+        p += _length;
+        remaining -= _length;
+        _headerFill = 0;
+        deliver(body, _length);
+        continue;
+      }
+      _body.clear();
+      _body.reserve(_length);
+    }
+    size_t take = std::min(remaining, static_cast<size_t>(_length) - _body.size());
+    _body.append(p, take);
+    p += take;
+    remaining -= take;
+    if (_body.size() == _length) {
+      _headerFill = 0;
+      fn::ByteArray body;
+      body.swap(_body);
+      deliver(body.data(), body.size());
+    }
+  }
+}
+
+void MessageReader::deliver(uint8_t const* body, size_t length) {
+  fn::Value record;
+  if (length > 0) {
+    try {
+      record = fn::mpack::decode(body, length);
+    } catch (fn::Exception const& e) {
+      fail(fn::uv::Status("MessageHelper failed to decode a frame: " + e.toString(), UV_EINVAL));
+      return;
+    }
+  }
+  if (_onMessage)
+    _onMessage(std::move(record), length);
+}
+
+void MessageReader::fail(fn::uv::Status const& status) {
+  _failed = true;
+  if (_onError)
+    _onError(status);
+}
+
+}  // namespace ipc

@@ -1,0 +1,254 @@
+#include "core/ipc/worker.h"
+
+#include "core/ipc/object.h"
+#include "foundation/assert.h"
+#include "foundation/logging/category.h"
+#include "foundation/uv/loop.h"
+
+namespace ipc {
+namespace {
+fn::logging::Category logWorker("ipc.worker");
+}
+
+Worker::Delegate::~Delegate() = default;
+
+Worker::Worker(Delegate& delegate,
+               fn::RunLoop& loop,
+               fn::String const& pipePath,
+               fn::String const& displayName,
+               fn::String const& tag,
+               bool idleTermination)
+    : Worker(delegate, loop, pipePath, displayName, tag, idleTermination, Options()) {}
+
+Worker::Worker(Delegate& delegate,
+               fn::RunLoop& loop,
+               fn::String const& pipePath,
+               fn::String const& displayName,
+               fn::String const& tag,
+               bool idleTermination,
+               Options options)
+    : _delegate(delegate),
+      _loop(loop),
+      _pipePath(pipePath),
+      _displayName(displayName),
+      _tag(tag),
+      _idleTermination(idleTermination),
+      _options(options),
+      _reader(options.maxFrameSize),
+      _objects(*this) {
+  _reader.onMessage([this](fn::Value record, size_t) { onMessage(record); });
+  _reader.onEndOfStream([this] { connectionEnded(fn::uv::Status("end of stream", UV_EOF)); });
+  _reader.onError([this](fn::uv::Status const& status) { connectionEnded(status); });
+}
+
+Worker::~Worker() {
+  _terminationTimer.invalidate();
+  if (_stream)
+    _stream->close();
+}
+
+void Worker::connect() {
+  FN_ASSERT_LOOP_THREAD();
+  _stream = fn::uv::PipeStream::create(_loop.uvLoop());
+  _stream->connect(_pipePath, [this](fn::uv::Status const& status) { connected(status); });
+}
+
+void Worker::connected(fn::uv::Status const& status) {
+  if (!status) {
+    logWorker.log(fn::logging::ERR, "Worker {} could not connect to {}: {}", _displayName,
+                  _pipePath, status);
+    connectionEnded(status);
+    status.throwOnError();
+  }
+  _stream->readStart([this](char const* bytes, ssize_t count) { _reader.feed(bytes, count); });
+  write(fn::Value::map({{key::TYPE, type::HELLO},
+                        {key::DISPLAY_NAME, _displayName},
+                        {key::TAG, _tag}}));
+}
+
+void Worker::connectionEnded(fn::uv::Status const& status) {
+  if (_ended)
+    return;
+  _ended = true;
+  _reader.stop();
+  _terminationTimer.invalidate();
+  if (_stream)
+    _stream->close();
+  logWorker.log(fn::logging::INF, "Worker {} ({}) lost the hub: {}", _displayName, _workerId,
+                status);
+  _objects.allWorkersDied();
+  _onDisconnected.emit(status);
+}
+
+void Worker::stop() {
+  FN_ASSERT_LOOP_THREAD();
+  _terminationTimer.invalidate();
+  _reader.stop();
+  _ended = true;
+  if (_stream)
+    _stream->close();
+}
+
+ObjectId Worker::nextObjectId() {
+  if (_workerId == NO_WORKER) {
+    fn::debug::internal::assertionFailure(
+        __FILE__, "nextObjectId", __LINE__,
+        "Worker must be connected before ObjectInstances can be created");
+  }
+  return (_objects.takeCounter() << 16) + _workerId;
+}
+
+void Worker::registerObjectInstance(ObjectInstance* instance) {
+  _objects.registerInstance(instance);
+}
+
+void Worker::unregisterObjectInstance(ObjectInstance* instance) {
+  _objects.unregisterInstance(instance);
+}
+
+void Worker::registerObjectReference(ObjectReference* reference) {
+  _objects.registerReference(reference);
+}
+
+void Worker::unregisterObjectReference(ObjectReference* reference) {
+  if (!reference) {
+    fn::debug::internal::assertionFailure(__FILE__, "objectReferenceGone", __LINE__, "reference");
+    return;
+  }
+  if (!_objects.unregisterReference(reference))
+    return;
+  if (!reference->local() && !reference->dead() && reference->usageCount() > 0 && !_ended) {
+    write(fn::Value::map({{key::TYPE, type::REFERENCE_RELEASE},
+                          {key::OBJECT_ID, reference->objectId()},
+                          {key::USAGE_COUNT, reference->usageCount()}}));
+  }
+}
+
+void Worker::sendMessageToDispatcher(fn::Value const& record) {
+  FN_ASSERT_LOOP_THREAD();
+  write(record);
+}
+
+void Worker::sendMessageToWorker(uint16_t target, ObjectId objectId, fn::Value const& payload) {
+  FN_ASSERT_LOOP_THREAD();
+  fn::ByteArray bytes;
+  fn::Value objects = fn::Value::map();
+  _objects.encodePayload(payload, bytes, objects);
+  // The hub counts one use of each of our own objects per message that carries it; we hold
+  // the instance once per counted use until the hub releases it.
+  for (auto const& [id, name] : objects.asMap()) {
+    if (ownerOf(id.asUInt()) != _workerId)
+      continue;
+    if (auto instance = _objects.instance(id.asUInt()))
+      instance->increateUsageCount();
+  }
+  fn::Value record = fn::Value::map();
+  auto& map = record.asMap();
+  map.reserve(5);
+  map.insertOrAssign(key::TYPE, type::MESSAGE);
+  map.insertOrAssign(key::OBJECT_ID, objectId);
+  map.insertOrAssign(key::TARGET_WORKER_ID, target);
+  map.insertOrAssign(key::PAYLOAD, std::move(bytes));
+  map.insertOrAssign(key::OBJECTS, std::move(objects));
+  write(record);
+}
+
+void Worker::write(fn::Value const& record) {
+  if (!_stream || _ended)
+    return;
+  MessageWriter::write(*_stream, record);
+}
+
+void Worker::onMessage(fn::Value const& record) {
+  if (_onRecord.hasConnections())
+    _onRecord.emit(record);
+  switch (record.at(key::TYPE).asInt()) {
+    case type::HELLO:
+      _workerId = record.at(key::WORKER_ID).to<uint16_t>();
+      _connected = true;
+      logWorker.log(fn::logging::DBG, "Worker {} connected with id {}", _displayName, _workerId);
+      _delegate.workerDidConnect(*this);
+      scheduleTermination();
+      break;
+    case type::PING:
+      write(fn::Value::map({{key::TYPE, type::PONG}}));
+      break;
+    case type::MESSAGE:
+      deliverObjectMessage(record);
+      break;
+    case type::INSTANCE_RELEASE: {
+      auto id = record.at(key::OBJECT_ID).to<ObjectId>();
+      auto count = record.at(key::USAGE_COUNT).to<int32_t>();
+      fn::AutoPtr<ObjectInstance> instance = _objects.instance(id);
+      if (!instance) {
+        fn::debug::internal::assertionFailure(__FILE__, "onMessage", __LINE__, "instance");
+        break;
+      }
+      for (int32_t i = 0; i < count; ++i)
+        instance->decreaseUsageCount();
+      instance.reset();
+      scheduleTermination();
+      break;
+    }
+    case type::WORKER_DEAD:
+      _objects.workerDied(record.at(key::WORKER_ID).to<uint16_t>());
+      break;
+    case type::ABOUT_TO_QUIT:
+      _delegate.aboutToQuit(*this);
+      break;
+    default:
+      break;
+  }
+}
+
+void Worker::deliverObjectMessage(fn::Value const& record) {
+  auto id = record.at(key::OBJECT_ID).to<ObjectId>();
+  auto source = record.get(key::SOURCE_WORKER_ID, NO_WORKER).to<uint16_t>();
+  fn::Value const& bytes = record.get(key::PAYLOAD);
+  fn::Value payload = bytes.isByteArray()
+                          ? _objects.decodePayload(bytes.asByteArray(), record.get(key::OBJECTS))
+                          : fn::Value();
+  if (ownerOf(id) == _workerId) {
+    fn::AutoPtr<ObjectInstance> instance = _objects.instance(id);
+    if (!instance)
+      return;
+    instance->onMessage(source, payload);
+  } else {
+    fn::AutoPtr<ObjectReference> reference = _objects.reference(id);
+    if (!reference)
+      return;
+    reference->onMessage(payload);
+  }
+  scheduleTermination();
+}
+
+bool Worker::wantsTermination() {
+  return _connected && _idleTermination && _delegate.wantsIdleTermination(*this);
+}
+
+bool Worker::canTerminate() {
+  // The registry's own use of an instance does not keep a worker busy; until the registry
+  // exists in this process no instance is known to be registered.
+  return wantsTermination() && !_objects.busy([](ObjectId) { return false; }) &&
+         _delegate.workerCanTerminate(*this);
+}
+
+void Worker::scheduleTermination() {
+  _terminationTimer.invalidate();
+  if (_terminating || !wantsTermination())
+    return;
+  _terminationTimer = _loop.schedule(_options.idleTimeout, [this] { startTermination(); });
+}
+
+void Worker::startTermination() {
+  if (!canTerminate()) {
+    scheduleTermination();
+    return;
+  }
+  _terminating = true;
+  logWorker.log(fn::logging::INF, "Worker {} ({}) is idle and requests termination",
+                _displayName, _workerId);
+  _delegate.workerRequestsTermination(*this);
+}
+
+}  // namespace ipc

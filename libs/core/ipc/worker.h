@@ -1,0 +1,133 @@
+#pragma once
+
+// ipc::Worker: one process's endpoint of the object framework.
+//
+// Owned by the code that embeds it (a module, or the hub's dispatcher) and bound to the loop
+// thread it was created on; every public method checks that thread. It connects to the hub's
+// pipe, says HELLO, learns its worker id, allocates object ids, keeps the objects it owns and
+// the references it holds, answers pings and runs the idle-termination handshake with its
+// delegate. When the connection to the hub ends, onDisconnected() fires once and every
+// remote reference becomes dead; a module process then quits, so no module outlives its hub.
+// Destroying the worker closes the connection; objects must not outlive their worker.
+
+#include "core/export.h"
+#include "core/ipc/message.h"
+#include "core/ipc/message_helper.h"
+#include "core/ipc/object.h"
+#include "core/ipc/worker_object_manager.h"
+#include "foundation/duration.h"
+#include "foundation/handle.h"
+#include "foundation/run_loop.h"
+#include "foundation/signal.h"
+#include "foundation/uv/pipe_stream.h"
+
+namespace ipc {
+
+/// How long a module process may stay idle before it asks to terminate.
+inline constexpr fn::Duration IDLE_TERMINATION_TIMEOUT = fn::Duration::seconds(600);
+
+class CORE_EXPORT Worker {
+public:
+  class CORE_EXPORT Delegate {
+  public:
+    virtual void workerDidConnect(Worker& worker) = 0;
+    virtual bool wantsIdleTermination(Worker& worker) = 0;
+    virtual bool workerCanTerminate(Worker& worker) = 0;
+    virtual void workerRequestsTermination(Worker& worker) = 0;
+    virtual void aboutToQuit(Worker& worker) = 0;
+    virtual ~Delegate();
+  };
+
+  struct Options {
+    fn::Duration idleTimeout = IDLE_TERMINATION_TIMEOUT;
+    size_t maxFrameSize = DEFAULT_MAX_FRAME_SIZE;
+  };
+
+  Worker(Delegate& delegate,
+         fn::RunLoop& loop,
+         fn::String const& pipePath,
+         fn::String const& displayName,
+         fn::String const& tag,
+         bool idleTermination);
+  Worker(Delegate& delegate,
+         fn::RunLoop& loop,
+         fn::String const& pipePath,
+         fn::String const& displayName,
+         fn::String const& tag,
+         bool idleTermination,
+         Options options);
+  ~Worker();
+  Worker(Worker const&) = delete;
+  Worker& operator=(Worker const&) = delete;
+
+  void connect();
+  void stop();
+
+  uint16_t workerId() const { return _workerId; }
+  bool connected() const { return _connected; }
+  fn::String const& displayName() const { return _displayName; }
+  fn::String const& tag() const { return _tag; }
+  fn::String const& pipePath() const { return _pipePath; }
+  fn::RunLoop& loop() { return _loop; }
+  WorkerObjectManager& objects() { return _objects; }
+
+  ObjectId nextObjectId();
+
+  void registerObjectInstance(ObjectInstance* instance);
+  void unregisterObjectInstance(ObjectInstance* instance);
+  void registerObjectReference(ObjectReference* reference);
+  void unregisterObjectReference(ObjectReference* reference);
+
+  /// Makes `ReferenceClass` the class of references that arrive with its class name.
+  template <typename ReferenceClass>
+  void registerObjectReferenceClass();
+
+  void sendMessageToDispatcher(fn::Value const& record);
+  void sendMessageToWorker(uint16_t target, ObjectId objectId, fn::Value const& payload);
+
+  void onMessage(fn::Value const& record);
+
+  bool wantsTermination();
+  bool canTerminate();
+  void scheduleTermination();
+  void startTermination();
+
+  /// Fires once when the connection to the hub fails or ends.
+  fn::Signal<fn::uv::Status const&>& onDisconnected() { return _onDisconnected; }
+  /// Every record received, before it is handled; for tools and diagnostics.
+  fn::Signal<fn::Value const&>& onRecord() { return _onRecord; }
+
+private:
+  void connected(fn::uv::Status const& status);
+  void connectionEnded(fn::uv::Status const& status);
+  void deliverObjectMessage(fn::Value const& record);
+  void write(fn::Value const& record);
+
+  fn::Handle _terminationTimer;
+  bool _terminating = false;
+  Delegate& _delegate;
+  fn::RunLoop& _loop;
+  fn::String _pipePath;
+  fn::String _displayName;
+  fn::String _tag;
+  uint16_t _workerId = NO_WORKER;
+  bool _idleTermination;
+  bool _connected = false;
+  bool _ended = false;
+  Options _options;
+  fn::AutoPtr<fn::uv::PipeStream> _stream;
+  MessageReader _reader;
+  WorkerObjectManager _objects;
+  fn::Signal<fn::uv::Status const&> _onDisconnected;
+  fn::Signal<fn::Value const&> _onRecord;
+};
+
+template <typename ReferenceClass>
+void Worker::registerObjectReferenceClass() {
+  fn::AutoPtr<ReferenceClass> probe(new ReferenceClass(ObjectReference::_dummyInitializer));
+  _objects.registerReferenceClass(probe->className(), [](ObjectReferenceInitializer& init) {
+    return fn::AutoPtr<ObjectReference>(new ReferenceClass(init));
+  });
+}
+
+}  // namespace ipc
