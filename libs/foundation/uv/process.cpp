@@ -23,19 +23,23 @@ AutoPtr<Process> Process::spawn(Loop& loop, Options const& options, ExitCallback
     env.push_back(const_cast<char*>(entry.c_str()));
   env.push_back(nullptr);
 
-  uv_stdio_container_t stdio[3];
+  std::vector<uv_stdio_container_t> stdio(3 + options.extraDescriptors.size());
   stdio[0].flags = UV_IGNORE;
   for (int i = 1; i < 3; ++i) {
     stdio[i].flags = options.inheritOutput ? UV_INHERIT_FD : UV_IGNORE;
     stdio[i].data.fd = i;
+  }
+  for (size_t i = 0; i < options.extraDescriptors.size(); ++i) {
+    stdio[3 + i].flags = UV_INHERIT_FD;
+    stdio[3 + i].data.fd = options.extraDescriptors[i];
   }
 
   uv_process_options_t uvOptions{};
   uvOptions.file = options.file.c_str();
   uvOptions.args = args.data();
   uvOptions.env = env.data();
-  uvOptions.stdio = stdio;
-  uvOptions.stdio_count = 3;
+  uvOptions.stdio = stdio.data();
+  uvOptions.stdio_count = static_cast<int>(stdio.size());
   uvOptions.exit_cb = [](uv_process_t* handle, int64_t status, int signal) {
     auto* self = static_cast<Process*>(handle->data);
     self->_exited = true;

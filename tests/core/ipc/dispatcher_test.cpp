@@ -1,0 +1,277 @@
+#include "core/ipc/dispatcher.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "hub_fixture.h"
+
+using namespace testing_support;
+using ipc::NO_WORKER;
+namespace key = ipc::key;
+namespace type = ipc::type;
+
+namespace {
+
+fn::ByteArray marker(char c) {
+  return fn::ByteArray{0xa1, static_cast<uint8_t>(c)};  // MessagePack for a one-letter string
+}
+
+}  // namespace
+
+TEST_F(HubTest, AssignsIdsInOrderStartingWithItsOwnWorker) {
+  std::vector<ipc::Dispatcher::WorkerInfo> connected;
+  auto handle = hub().onWorkerConnected().connect([&](auto const& info) { connected.push_back(info); });
+
+  EXPECT_EQ(hub().worker().workerId(), 0);
+  uint16_t a, b;
+  auto peerA = connect("A", a);
+  auto peerB = connect("B", b);
+  EXPECT_EQ(a, 1);
+  EXPECT_EQ(b, 2);
+  ASSERT_EQ(connected.size(), 2u);
+  EXPECT_EQ(connected[0].workerId, 1);
+  EXPECT_EQ(connected[0].displayName, "A");
+  EXPECT_EQ(connected[0].tag, "tag-A");
+  EXPECT_EQ(connected[1].workerId, 2);
+}
+
+TEST_F(HubTest, RoutesTargetedMessagesToHoldersAndObjectZeroToAllButTheHub) {
+  uint16_t a, b, c;
+  auto peerA = connect("A", a);
+  auto peerB = connect("B", b);
+  auto peerC = connect("C", c);
+  int hubOwnMessages = 0;
+  auto tap = hub().worker().onRecord().connect([&](fn::Value const& r) {
+    if (isType(r, type::MESSAGE))
+      ++hubOwnMessages;
+  });
+
+  // Targeted: only the target gets it, stamped with the sender's id. C learns nothing, which
+  // shows once C's own targeted barrier arrives first.
+  peerA->send(message(objectOf(a, 0), b, fn::Value::map(), marker('t')));
+  fn::Value got = peerB->expect(messageWith(marker('t')));
+  EXPECT_EQ(got.at(key::SOURCE_WORKER_ID).asInt(), a);
+  EXPECT_EQ(got.at(key::TARGET_WORKER_ID).asInt(), b);
+  EXPECT_EQ(got.at(key::OBJECT_ID).asUInt(), objectOf(a, 0));
+
+  // To a worker that does not exist: dropped.
+  peerA->send(message(objectOf(a, 0), 77, fn::Value::map(), marker('u')));
+  // To every holder of an object nobody holds: dropped.
+  peerA->send(message(objectOf(a, 5), NO_WORKER, fn::Value::map(), marker('n')));
+
+  // A hands its object X to B; then a message for X's holders reaches B only.
+  ipc::ObjectId x = objectOf(a, 1);
+  peerA->send(message(x, b, fn::Value::map({{x, "Thing"}}), marker('x')));
+  peerB->expect(messageWith(marker('x')));
+  peerA->send(message(x, NO_WORKER, fn::Value::map(), marker('h')));
+  peerB->expect(messageWith(marker('h')));
+
+  // Object 0 with no target: every worker, the sender included, but not the hub's own.
+  peerA->send(message(ipc::REGISTRY_OBJECT_ID, NO_WORKER, fn::Value::map(), marker('0')));
+  for (auto* peer : {peerA.get(), peerB.get(), peerC.get()})
+    EXPECT_EQ(peer->expect(messageWith(marker('0'))).at(key::SOURCE_WORKER_ID).asInt(), a);
+
+  // Barrier: whatever A sent before reached C before this.
+  peerA->send(message(objectOf(a, 0), c, fn::Value::map(), marker('z')));
+  peerC->expect(messageWith(marker('z')));
+  for (auto* peer : {peerB.get(), peerC.get()}) {
+    for (auto const& r : peer->received())
+      EXPECT_FALSE(isType(r, type::MESSAGE)) << r.toString();
+  }
+  // The hub's worker never saw object 0's fan-out.
+  EXPECT_EQ(hubOwnMessages, 0);
+}
+
+TEST_F(HubTest, CountsUsesAcrossWorkersAndReleasesTheInstanceOnce) {
+  uint16_t a, b, c;
+  auto peerA = connect("A", a);
+  auto peerB = connect("B", b);
+  auto peerC = connect("C", c);
+  ipc::ObjectId x = objectOf(a, 3);
+  auto objects = fn::Value::map({{x, "Thing"}});
+
+  peerA->send(message(x, b, objects, marker('1')));
+  peerA->send(message(x, b, objects, marker('2')));
+  peerA->send(message(x, c, objects, marker('3')));
+  peerC->expect(messageWith(marker('3')));
+  // B passes X on to C: C holds one more use, the instance count stays (B is not the owner).
+  peerB->send(message(objectOf(b, 0), c, objects, marker('4')));
+  peerC->expect(messageWith(marker('4')));
+
+  EXPECT_EQ(hub().instanceUsageCount(x), 3u);
+  EXPECT_EQ(hub().referenceUsageCount(x, b), 2u);
+  EXPECT_EQ(hub().referenceUsageCount(x, c), 2u);
+
+  peerB->send(release(x, 2));
+  peerC->send(release(x, 1));
+  // A barrier through A's connection: no release may have reached A before it.
+  peerC->send(message(objectOf(c, 0), a, fn::Value::map(), marker('b')));
+  peerA->expect(messageWith(marker('b')));
+  for (auto const& r : peerA->received())
+    EXPECT_FALSE(isType(r, type::INSTANCE_RELEASE));
+
+  peerC->send(release(x, 1));
+  fn::Value released = peerA->expectType(type::INSTANCE_RELEASE);
+  EXPECT_EQ(released.at(key::OBJECT_ID).asUInt(), x);
+  EXPECT_EQ(released.at(key::USAGE_COUNT).asInt(), 3);
+  EXPECT_EQ(hub().instanceUsageCount(x), 0u);
+
+  // Used again after the release: the count starts afresh.
+  peerA->send(message(x, b, objects, marker('5')));
+  peerB->expect(messageWith(marker('5')));
+  peerB->send(release(x, 1));
+  EXPECT_EQ(peerA->expectType(type::INSTANCE_RELEASE).at(key::USAGE_COUNT).asInt(), 1);
+}
+
+TEST_F(HubTest, KilledWorkerIsAnnouncedAndItsReferencesReleased) {
+  uint16_t a, b, c;
+  auto peerA = connect("A", a);
+  auto peerB = connect("B", b);
+  auto peerC = connect("C", c);
+  std::vector<ipc::Dispatcher::WorkerInfo> gone;
+  auto handle = hub().onWorkerDisconnected().connect([&](auto const& info) { gone.push_back(info); });
+
+  ipc::ObjectId x = objectOf(a, 1);  // A's, held by B twice
+  ipc::ObjectId y = objectOf(b, 1);  // B's, held by C
+  peerA->send(message(x, b, fn::Value::map({{x, "Thing"}}), marker('x')));
+  peerA->send(message(x, b, fn::Value::map({{x, "Thing"}}), marker('y')));
+  peerB->send(message(y, c, fn::Value::map({{y, "Other"}}), marker('z')));
+  peerB->expect(messageWith(marker('y')));
+  peerC->expect(messageWith(marker('z')));
+
+  peerB->kill(SIGKILL);
+  EXPECT_EQ(peerB->waitForExit(), -SIGKILL);
+
+  // First the release, as if B had released its two uses itself, then the notice.
+  fn::Value released = peerA->expectType(type::INSTANCE_RELEASE);
+  EXPECT_EQ(released.get(key::OBJECT_ID), fn::Value(x));
+  EXPECT_EQ(released.get(key::USAGE_COUNT), fn::Value(2));
+  fn::Value dead = peerA->expectType(type::WORKER_DEAD);
+  EXPECT_EQ(dead.get(key::WORKER_ID), fn::Value(b));
+  EXPECT_EQ(peerC->expectType(type::WORKER_DEAD).at(key::WORKER_ID).asInt(), b);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return gone.size() == 1; }));
+  EXPECT_EQ(gone[0].workerId, b);
+  EXPECT_EQ(gone[0].displayName, "B");
+
+  // The dead worker's objects are forgotten: releasing one is ignored, and nothing is owed.
+  EXPECT_EQ(hub().referenceUsageCount(y, c), 0u);
+  LogCapture log;
+  peerC->send(release(y, 1));
+  peerC->send(message(objectOf(c, 0), a, fn::Value::map(), marker('b')));
+  peerA->expect(messageWith(marker('b')));
+  EXPECT_FALSE(log.contains("Assertion failed"));
+}
+
+TEST_F(HubTest, StoppedWorkerIsReportedNotRespondingButKeptConnected) {
+  startHub(fn::Duration::milliseconds(300));
+  std::vector<uint16_t> silent;
+  auto handle = hub().onWorkerNotResponding().connect([&](auto const& info) {
+    silent.push_back(info.workerId);
+  });
+  uint16_t a;
+  auto peer = connect("A", a);
+  peer->kill(SIGSTOP);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return !silent.empty(); }));
+  EXPECT_EQ(silent[0], a);
+  EXPECT_EQ(hub().connectionCount(), 2u);  // the hub's own worker and A
+
+  // Woken up, it answers the outstanding ping and is pinged again.
+  peer->kill(SIGCONT);
+  LogCapture log;
+  fn::logging::CategoryManager::instance().setThreshold("ipc.dispatcher", fn::logging::TRC);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return log.contains("Received PONG from worker A ($1)"); }));
+  fn::logging::CategoryManager::instance().setThreshold("ipc.dispatcher", fn::logging::INF);
+}
+
+TEST_F(HubTest, PingsEveryThirdOfTheTimeoutInWholeMilliseconds) {
+  // T = 2 ms gives an interval of 0 ms: pings follow each other as fast as the loop turns.
+  startHub(fn::Duration::milliseconds(2));
+  uint16_t a;
+  auto peer = connect("A", a, PeerOptions{.answerPings = false});
+  peer->expectType(type::PING);
+
+  // T = 1 s gives 333 ms: the first ping never comes sooner.
+  startHub(fn::Duration::seconds(1));
+  auto before = std::chrono::steady_clock::now();
+  auto slow = connect("B", a, PeerOptions{.answerPings = false});
+  slow->expectType(type::PING);
+  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(333));
+}
+
+TEST_F(HubTest, BadInputEndsAtMostThatConnection) {
+  startHub(fn::Duration::seconds(30), ipc::Dispatcher::Options{.maxFrameSize = 4096});
+  LogCapture log;
+  uint16_t a, b;
+  auto healthy = connect("Healthy", a);
+  auto other = connect("Other", b);
+
+  // A record without a type: logged and dropped, the connection stays.
+  uint16_t bad;
+  auto peer = connect("Bad", bad);
+  peer->send(fn::Value::map({{key::OBJECT_ID, 5}}));
+  // A HELLO without its display name: dropped with a log line, the connection stays.
+  peer->send(fn::Value::map({{key::TYPE, type::HELLO}}));
+  // A MESSAGE whose target is not a 16-bit worker id.
+  fn::Value outOfRange = message(objectOf(bad, 0), 0);
+  outOfRange[key::TARGET_WORKER_ID] = 1 << 20;
+  peer->send(outOfRange);
+  peer->send(message(objectOf(bad, 0), a, fn::Value::map(), marker('s')));
+  healthy->expect(messageWith(marker('s')));
+  EXPECT_TRUE(log.contains(fmt::format("Received malformed message from worker Bad ({}) (", bad)));
+  EXPECT_TRUE(log.contains("Dropping a bad record of type 1 from worker Bad"));
+  EXPECT_TRUE(log.contains("Dropping a bad record of type 4 from worker Bad"));
+
+  // Bytes that are not MessagePack: the connection ends, the others are told.
+  auto garbage = connect("Garbage", bad);
+  garbage->sendRaw(fn::ByteArray{3, 0, 0, 0, 0xc1, 0xc1, 0xc1});
+  EXPECT_EQ(healthy->expectType(type::WORKER_DEAD).at(key::WORKER_ID).asInt(), bad);
+  EXPECT_EQ(garbage->waitForExit(), 0);
+  EXPECT_TRUE(log.contains("Received read error MessageHelper failed to decode a frame"));
+
+  // A frame over the limit: the connection ends before anything is allocated for it.
+  auto huge = connect("Huge", bad);
+  huge->sendRaw(fn::ByteArray{0xff, 0xff, 0xff, 0x7f});
+  EXPECT_EQ(healthy->expectType(type::WORKER_DEAD).at(key::WORKER_ID).asInt(), bad);
+  EXPECT_TRUE(log.contains("over the limit of 4096"));
+
+  // Half a frame, then silence: the hub goes on serving everybody else.
+  auto stuck = connect("Stuck", bad);
+  stuck->sendRaw(fn::ByteArray{20, 0, 0, 0, 0x85, 0x01});
+  healthy->send(message(objectOf(a, 0), b, fn::Value::map(), marker('k')));
+  other->expect(messageWith(marker('k')));
+  uint16_t late;
+  auto newcomer = connect("Late", late);
+  EXPECT_NE(late, NO_WORKER);
+}
+
+TEST_F(HubTest, RefusesAPeerOfAnotherUser) {
+  if (geteuid() != 0)
+    GTEST_SKIP() << "needs root to run a peer as another user";
+  LogCapture log;
+  // The private directory alone keeps other users out...
+  auto outsider = Peer::start(loop, hub().pipePath(), PeerOptions{.asNobody = true});
+  EXPECT_EQ(outsider->waitForExit(), 3);  // could not connect
+
+  // ...and with the directory opened up, the hub itself refuses the peer.
+  fn::String directory = hub().pipePath().substr(0, hub().pipePath().rfind('/'));
+  ::chmod(directory.c_str(), 0777);
+  ::chmod(hub().pipePath().c_str(), 0777);
+  auto intruder = Peer::start(loop, hub().pipePath(), PeerOptions{.asNobody = true});
+  intruder->send(fn::Value::map({{key::TYPE, type::HELLO}, {key::DISPLAY_NAME, "intruder"}}));
+  EXPECT_EQ(intruder->waitForExit(), 0);  // the hub closed the connection
+  ::chmod(directory.c_str(), 0700);
+  for (auto const& r : intruder->received())
+    EXPECT_FALSE(isType(r, type::HELLO));
+  EXPECT_TRUE(log.contains("Refusing a connection from user"));
+}
+
+TEST_F(HubTest, StopTellsEveryWorkerThenStopsTheLoop) {
+  uint16_t a;
+  auto peer = connect("A", a);
+  bool called = false;
+  hub().stop(fn::Duration::milliseconds(50), [&] { called = true; });
+  peer->expectType(type::ABOUT_TO_QUIT);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return called; }));
+}

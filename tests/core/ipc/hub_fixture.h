@@ -1,0 +1,79 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "core/ipc/dispatcher.h"
+#include "log_capture.h"
+#include "peer.h"
+
+namespace testing_support {
+
+/// A hub on a loop of the test's own, with peers connecting to it as worker processes.
+class HubTest : public ::testing::Test {
+protected:
+  void SetUp() override { startHub(fn::Duration::seconds(30)); }
+  void TearDown() override {
+    _hub.reset();
+    // Let the closes settle, so that nothing outlives the loop.
+    loop.runUntil([] { return false; });
+  }
+
+  void startHub(fn::Duration timeout, ipc::Dispatcher::Options options = {}) {
+    _hub = std::make_unique<ipc::Dispatcher>(loop, timeout, options);
+    _hub->bind();
+    _hub->start();
+    ASSERT_TRUE(runLoopUntil(loop, [this] { return _hub->worker().connected(); }));
+  }
+
+  ipc::Dispatcher& hub() { return *_hub; }
+
+  /// A peer that said HELLO; its worker id is in `id`.
+  std::unique_ptr<Peer> connect(fn::String const& name, uint16_t& id, PeerOptions options = {}) {
+    auto peer = Peer::start(loop, _hub->pipePath(), options);
+    id = peer->hello(name, "tag-" + name);
+    return peer;
+  }
+
+  static ipc::ObjectId objectOf(uint16_t worker, uint64_t counter) {
+    return (counter << 16) + worker;
+  }
+
+  /// A MESSAGE record as a worker sends it.
+  static fn::Value message(ipc::ObjectId object,
+                           uint16_t target,
+                           fn::Value objects = fn::Value::map(),
+                           fn::ByteArray payload = fn::ByteArray{0xc0}) {
+    return fn::Value::map({{ipc::key::TYPE, ipc::type::MESSAGE},
+                           {ipc::key::OBJECT_ID, object},
+                           {ipc::key::TARGET_WORKER_ID, target},
+                           {ipc::key::PAYLOAD, std::move(payload)},
+                           {ipc::key::OBJECTS, std::move(objects)}});
+  }
+
+  static fn::Value release(ipc::ObjectId object, int count) {
+    return fn::Value::map({{ipc::key::TYPE, ipc::type::REFERENCE_RELEASE},
+                           {ipc::key::OBJECT_ID, object},
+                           {ipc::key::USAGE_COUNT, count}});
+  }
+
+  static bool isType(fn::Value const& record, int type) {
+    return record.get(ipc::key::TYPE).isInteger() && record.get(ipc::key::TYPE).asInt() == type;
+  }
+
+  /// A record that matches MESSAGE records whose payload is exactly `marker`.
+  static std::function<bool(fn::Value const&)> messageWith(fn::ByteArray marker) {
+    return [marker](fn::Value const& r) {
+      return isType(r, ipc::type::MESSAGE) && r.get(ipc::key::PAYLOAD).isByteArray() &&
+             r.get(ipc::key::PAYLOAD).asByteArray() == marker;
+    };
+  }
+
+  fn::uv::Loop loop;
+
+private:
+  std::unique_ptr<ipc::Dispatcher> _hub;
+};
+
+}  // namespace testing_support

@@ -1,0 +1,76 @@
+#pragma once
+
+// A peer process for end-to-end tests: the test executable runs itself again as a byte relay
+// between a control socket and the hub's pipe. What the test sends goes to the hub verbatim
+// (whole frames, half frames, garbage); every frame the hub sends comes back to the test as a
+// record. The relay answers PINGs itself unless told not to, and quits when either side
+// closes. So the hub deals with a real separate process that tests can kill or stop.
+
+#include <deque>
+#include <functional>
+#include <memory>
+
+#include "foundation/duration.h"
+#include "foundation/uv/loop.h"
+#include "foundation/uv/pipe_stream.h"
+#include "foundation/uv/process.h"
+#include "foundation/value.h"
+
+namespace testing_support {
+
+struct PeerOptions {
+  bool answerPings = true;
+  /// Switch to the user "nobody" before connecting (only possible as root).
+  bool asNobody = false;
+};
+
+class Peer {
+public:
+  /// Starts a relay connected to `pipePath`.
+  static std::unique_ptr<Peer> start(fn::uv::Loop& loop,
+                                     fn::String const& pipePath,
+                                     PeerOptions options = {});
+  ~Peer();
+
+  void send(fn::Value const& record);
+  void sendRaw(fn::ByteArray const& bytes);
+  /// Closes the control socket: the relay closes its hub connection and exits.
+  void close();
+
+  /// Sends HELLO and returns the worker id of the reply (NO_WORKER on failure).
+  uint16_t hello(fn::String const& name, fn::String const& tag = "");
+
+  /// Runs the loop until a record matching `match` arrived and returns it (removing it and
+  /// every record received before it). Fails the test and returns null after `timeout`.
+  fn::Value expect(std::function<bool(fn::Value const&)> const& match,
+                   fn::Duration timeout = fn::Duration::seconds(10));
+  fn::Value expectType(int type, fn::Duration timeout = fn::Duration::seconds(10));
+  /// The records received and not yet consumed by expect().
+  std::deque<fn::Value>& received() { return _received; }
+
+  void kill(int signal);
+  /// Runs the loop until the process exited; returns its exit status (-signal if killed).
+  int64_t waitForExit(fn::Duration timeout = fn::Duration::seconds(10));
+  int pid() const { return _process ? _process->pid() : -1; }
+
+private:
+  explicit Peer(fn::uv::Loop& loop) : _loop(loop) {}
+
+  fn::uv::Loop& _loop;
+  fn::AutoPtr<fn::uv::Process> _process;
+  fn::AutoPtr<fn::uv::PipeStream> _control;
+  std::deque<fn::Value> _received;
+  fn::ByteArray _buffer;
+  bool _exited = false;
+  int64_t _exitStatus = 0;
+};
+
+/// Runs the loop until `done()` or `timeout`; returns done().
+bool runLoopUntil(fn::uv::Loop& loop,
+                  std::function<bool()> const& done,
+                  fn::Duration timeout = fn::Duration::seconds(10));
+
+/// The relay's own main; the test executable calls it when started with "--peer".
+int runPeerRelay(int argc, char** argv);
+
+}  // namespace testing_support
