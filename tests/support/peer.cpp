@@ -226,4 +226,9 @@ bool runLoopUntil(fn::uv::Loop& loop, std::function<bool()> const& done, fn::Dur
   return done();
 }
 
+void drainLoop(fn::uv::Loop& loop) {
+  for (int i = 0; i < 16; ++i)
+    uv_run(loop.raw(), UV_RUN_NOWAIT);
+}
+
 }  // namespace testing_support

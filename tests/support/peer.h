@@ -70,6 +70,9 @@ bool runLoopUntil(fn::uv::Loop& loop,
                   std::function<bool()> const& done,
                   fn::Duration timeout = fn::Duration::seconds(10));
 
+/// Runs a few loop iterations without waiting, so that posted work and closes complete.
+void drainLoop(fn::uv::Loop& loop);
+
 /// The relay's own main; the test executable calls it when started with "--peer".
 int runPeerRelay(int argc, char** argv);
 

@@ -12,7 +12,7 @@ ObjectReferenceInitializer dummyInitializer;
 ObjectReferenceInitializer& ObjectReference::_dummyInitializer = dummyInitializer;
 
 ObjectInstance::ObjectInstance(Worker& worker)
-    : _worker(worker), _objectId(worker.nextObjectId()) {
+    : _worker(worker), _workerLifetime(worker.lifetime()), _objectId(worker.nextObjectId()) {
   _worker.registerObjectInstance(this);
   // Until this task ran, the subclass's constructor may still be running: messages sent
   // before then queue behind it.
@@ -21,7 +21,8 @@ ObjectInstance::ObjectInstance(Worker& worker)
 }
 
 ObjectInstance::~ObjectInstance() {
-  _worker.unregisterObjectInstance(this);
+  if (!_workerLifetime.expired())
+    _worker.unregisterObjectInstance(this);
 }
 
 fn::RunLoop& ObjectInstance::loop() const {
@@ -80,6 +81,7 @@ void ObjectInstance::decreaseUsageCount() {
 
 ObjectReference::ObjectReference(ObjectReferenceInitializer& initializer)
     : _worker(initializer.worker),
+      _workerLifetime(initializer.worker ? initializer.worker->lifetime() : std::weak_ptr<Worker*>()),
       _objectId(initializer.objectId),
       _instance(initializer.instance),
       _className(initializer.className) {
@@ -88,7 +90,7 @@ ObjectReference::ObjectReference(ObjectReferenceInitializer& initializer)
 }
 
 ObjectReference::~ObjectReference() {
-  if (_worker)
+  if (_worker && !_workerLifetime.expired())
     _worker->unregisterObjectReference(this);
 }
 

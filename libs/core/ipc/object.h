@@ -13,6 +13,7 @@
 // reference stays dead and fires objectDeadSignal exactly once.
 
 #include <cstdint>
+#include <memory>
 
 #include "core/export.h"
 #include "core/ipc/message.h"
@@ -77,6 +78,7 @@ private:
   void decreaseUsageCount();
 
   Worker& _worker;
+  std::weak_ptr<Worker*> _workerLifetime;
   ObjectId _objectId;
   fn::WeakReference<ObjectReference> _localReference;
   bool _ready = false;
@@ -124,6 +126,7 @@ private:
   void notifyObjectDead();
 
   Worker* _worker;
+  std::weak_ptr<Worker*> _workerLifetime;
   ObjectId _objectId;
   fn::AutoPtr<ObjectInstance> _instance;
   std::unique_ptr<fn::Signal<>> _objectDeadSignal;

@@ -10,6 +10,8 @@
 // remote reference becomes dead; a module process then quits, so no module outlives its hub.
 // Destroying the worker closes the connection; objects must not outlive their worker.
 
+#include <memory>
+
 #include "core/export.h"
 #include "core/ipc/message.h"
 #include "core/ipc/message_helper.h"
@@ -70,6 +72,9 @@ public:
   fn::String const& pipePath() const { return _pipePath; }
   fn::RunLoop& loop() { return _loop; }
   WorkerObjectManager& objects() { return _objects; }
+  /// Expires when the worker is destroyed; objects whose destruction was posted check it
+  /// before they unregister.
+  std::weak_ptr<Worker*> lifetime() const { return _lifetime; }
 
   ObjectId nextObjectId();
 
@@ -120,6 +125,7 @@ private:
   WorkerObjectManager _objects;
   fn::Signal<fn::uv::Status const&> _onDisconnected;
   fn::Signal<fn::Value const&> _onRecord;
+  std::shared_ptr<Worker*> _lifetime = std::make_shared<Worker*>(this);
 };
 
 template <typename ReferenceClass>

@@ -28,6 +28,7 @@ Loop& Loop::defaultLoop() {
 }
 
 void Loop::init() {
+  preparePlatform();
   makeCurrent();
   _loop->data = this;
   uv_idle_init(_loop, &_idle);

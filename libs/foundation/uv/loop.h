@@ -44,6 +44,7 @@ public:
 private:
   explicit Loop(uv_loop_t* loop);
   void init();
+  static void preparePlatform();
   void drainLocal();
   void drainRemote();
   void runEndOfIteration();

@@ -17,7 +17,7 @@ protected:
   void TearDown() override {
     _hub.reset();
     // Let the closes settle, so that nothing outlives the loop.
-    loop.runUntil([] { return false; });
+    drainLoop(loop);
   }
 
   void startHub(fn::Duration timeout, ipc::Dispatcher::Options options = {}) {

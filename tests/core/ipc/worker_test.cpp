@@ -1,0 +1,250 @@
+#include "core/ipc/worker.h"
+
+#include <csignal>
+
+#include "core/ipc/object.h"
+#include "hub_fixture.h"
+
+using namespace testing_support;
+using ipc::NO_WORKER;
+namespace key = ipc::key;
+namespace type = ipc::type;
+
+namespace {
+
+struct Delegate : ipc::Worker::Delegate {
+  void workerDidConnect(ipc::Worker&) override { ++connects; }
+  bool wantsIdleTermination(ipc::Worker&) override { return wantsIdle; }
+  bool workerCanTerminate(ipc::Worker&) override { return true; }
+  void workerRequestsTermination(ipc::Worker&) override { ++terminationRequests; }
+  void aboutToQuit(ipc::Worker&) override { ++quits; }
+  int connects = 0;
+  int terminationRequests = 0;
+  int quits = 0;
+  bool wantsIdle = false;
+};
+
+class Counter : public ipc::ObjectInstance {
+public:
+  explicit Counter(ipc::Worker& worker) : ipc::ObjectInstance(worker) {}
+  std::vector<std::pair<uint16_t, fn::Value>> received;
+
+protected:
+  void onMessage(uint16_t source, fn::Value const& message) override {
+    received.emplace_back(source, message);
+  }
+};
+
+class Listener : public ipc::ObjectReference {
+public:
+  explicit Listener(ipc::ObjectReferenceInitializer& init) : ipc::ObjectReference(init) {}
+  fn::String className() const override { return "Listener"; }
+  std::vector<fn::Value> received;
+  int deaths = 0;
+
+protected:
+  void onMessage(fn::Value const& message) override { received.push_back(message); }
+  void onObjectDead() override { ++deaths; }
+};
+
+// The MessagePack of {"thing": <object id>}, as another process writes it.
+fn::ByteArray payloadWithObject(ipc::ObjectId id) {
+  fn::ByteArray bytes{0x81, 0xa5, 't', 'h', 'i', 'n', 'g', 0xd7, 0x01};
+  for (int i = 0; i < 8; ++i)
+    bytes.push_back(static_cast<uint8_t>(id >> (8 * i)));
+  return bytes;
+}
+
+class WorkerTest : public HubTest {
+protected:
+  std::unique_ptr<ipc::Worker> makeWorker(ipc::Worker::Options options = {}, bool idle = false) {
+    auto worker = std::make_unique<ipc::Worker>(delegate, loop, hub().pipePath(), "W", "w-tag",
+                                                idle, options);
+    worker->connect();
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return worker->connected(); }));
+    return worker;
+  }
+  Delegate delegate;
+};
+
+}  // namespace
+
+TEST_F(WorkerTest, ObjectIdsCarryTheOwnerInTheLowBits) {
+  uint16_t a, b;
+  auto peerA = connect("A", a);
+  auto peerB = connect("B", b);
+  auto worker = makeWorker();
+  EXPECT_EQ(worker->workerId(), 3);
+  EXPECT_EQ(delegate.connects, 1);
+  EXPECT_EQ(worker->nextObjectId(), 3u);
+  EXPECT_EQ(worker->nextObjectId(), (1u << 16) + 3);
+
+  std::vector<fn::String> failures;
+  auto old = fn::debug::setAssertionHook([&](auto const& info) { failures.push_back(info.condition); });
+  ipc::Worker unconnected(delegate, loop, hub().pipePath(), "U", "", false);
+  unconnected.nextObjectId();
+  fn::debug::setAssertionHook(old);
+  ASSERT_EQ(failures.size(), 1u);
+  EXPECT_EQ(failures[0], "Worker must be connected before ObjectInstances can be created");
+}
+
+TEST_F(WorkerTest, InstanceLivesExactlyAsLongAsRemoteUsesAreCounted) {
+  uint16_t p;
+  auto peer = connect("P", p);
+  auto worker = makeWorker();
+  fn::AutoPtr<Counter> counter(new Counter(*worker));
+  fn::WeakReference<Counter> weak(counter);
+
+  // Sent three times to P: three uses counted by the hub and held by the worker.
+  for (int i = 0; i < 3; ++i)
+    worker->sendMessageToWorker(p, counter->objectId(), fn::Value::map({{"me", counter}}));
+  fn::Value record = peer->expectType(type::MESSAGE);
+  EXPECT_EQ(record.at(key::OBJECTS), fn::Value::map({{counter->objectId(), "ipc::ObjectReference"}}));
+  peer->expectType(type::MESSAGE);
+  peer->expectType(type::MESSAGE);
+  EXPECT_EQ(counter->usageCount(), 3);
+  EXPECT_EQ(hub().referenceUsageCount(counter->objectId(), p), 3u);
+
+  // The application lets go; the remote uses keep the instance.
+  counter.reset();
+  drainLoop(loop);
+  ASSERT_FALSE(weak.expired());
+
+  // P calls it: the message arrives with P's id as the source.
+  peer->send(HubTest::message(weak.lock()->objectId(), worker->workerId(), fn::Value::map(),
+                              fn::ByteArray{0xa2, 'h', 'i'}));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return weak.lock() && !weak.lock()->received.empty(); }));
+  EXPECT_EQ(weak.lock()->received[0].first, p);
+  EXPECT_EQ(weak.lock()->received[0].second, fn::Value("hi"));
+
+  // One release of all three uses: a single INSTANCE_RELEASE drops three uses and three retains.
+  peer->send(HubTest::release(weak.lock()->objectId(), 3));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return weak.expired(); }));
+}
+
+TEST_F(WorkerTest, ReceivedReferencesAreCountedReleasedAndDieWithTheirOwner) {
+  uint16_t p;
+  auto peer = connect("P", p);
+  auto worker = makeWorker();
+  worker->registerObjectReferenceClass<Listener>();
+  fn::AutoPtr<Counter> inbox(new Counter(*worker));
+  ipc::ObjectId thing = HubTest::objectOf(p, 7);
+  ipc::ObjectId stray = HubTest::objectOf(p, 8);
+
+  // The object occurs in two messages: one reference, two uses. The class is known.
+  auto objects = fn::Value::map({{thing, "Listener"}});
+  peer->send(HubTest::message(inbox->objectId(), worker->workerId(), objects, payloadWithObject(thing)));
+  peer->send(HubTest::message(inbox->objectId(), worker->workerId(), objects, payloadWithObject(thing)));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return inbox->received.size() == 2; }));
+  auto* listener = inbox->received[0].second.at("thing").objectAs<Listener>();
+  ASSERT_NE(listener, nullptr);
+  EXPECT_EQ(listener, inbox->received[1].second.at("thing").objectAs<Listener>());
+  EXPECT_EQ(listener->usageCount(), 2);
+
+  // An unknown class still yields a reference, and says what is missing.
+  LogCapture log;
+  peer->send(HubTest::message(inbox->objectId(), worker->workerId(),
+                              fn::Value::map({{stray, "Mystery"}}), payloadWithObject(stray)));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return inbox->received.size() == 3; }));
+  EXPECT_TRUE(log.contains(
+      "Couldn't create reference for class Mystery. Did you call 'registerObjectReferenceClass()'?"));
+  auto* mystery = inbox->received[2].second.at("thing").objectAs<ipc::ObjectReference>();
+  ASSERT_NE(mystery, nullptr);
+  EXPECT_EQ(mystery->className(), "Mystery");
+
+  // Dropping the last holder of the mystery reference hands its one use back.
+  fn::AutoPtr<Listener> held(listener);
+  int deadSignals = 0;
+  auto onDead = held->objectDeadSignal().connect([&] { ++deadSignals; });
+  inbox->received.clear();
+  fn::Value released = peer->expectType(type::INSTANCE_RELEASE);
+  EXPECT_EQ(released.at(key::OBJECT_ID), fn::Value(stray));
+  EXPECT_EQ(released.at(key::USAGE_COUNT), fn::Value(1));
+
+  // P dies: the reference becomes dead, its signal fires once, then onObjectDead.
+  peer->kill(SIGKILL);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return held->dead(); }));
+  EXPECT_EQ(deadSignals, 1);
+  EXPECT_EQ(held->deaths, 1);
+}
+
+TEST_F(WorkerTest, IdleWorkerRequestsTerminationOnlyWhenNothingIsInUse) {
+  uint16_t p;
+  auto peer = connect("P", p);
+  delegate.wantsIdle = true;
+  auto worker = makeWorker(ipc::Worker::Options{.idleTimeout = fn::Duration::milliseconds(20)}, true);
+  fn::AutoPtr<Counter> counter(new Counter(*worker));
+  worker->sendMessageToWorker(p, counter->objectId(), fn::Value::map({{"me", counter}}));
+  peer->expectType(type::MESSAGE);
+  // Busy while P holds the counter: the timer re-arms instead of asking.
+  drainLoop(loop);
+  worker->scheduleTermination();
+  bool fired = runLoopUntil(loop, [&] { return delegate.terminationRequests > 0; },
+                            fn::Duration::milliseconds(200));
+  EXPECT_FALSE(fired);
+  peer->send(HubTest::release(counter->objectId(), 1));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return delegate.terminationRequests > 0; }));
+  EXPECT_EQ(delegate.terminationRequests, 1);
+
+  // With idle termination disabled nothing is ever requested.
+  Delegate other;
+  other.wantsIdle = true;
+  ipc::Worker keeper(other, loop, hub().pipePath(), "K", "", false,
+                     ipc::Worker::Options{.idleTimeout = fn::Duration::milliseconds(1)});
+  keeper.connect();
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return keeper.connected(); }));
+  keeper.scheduleTermination();
+  EXPECT_FALSE(keeper.wantsTermination());
+}
+
+TEST_F(WorkerTest, HubNoticesReachTheDelegateAndALostHubIsSignalled) {
+  auto worker = makeWorker();
+  std::vector<int> codes;
+  auto lost = worker->onDisconnected().connect([&](fn::uv::Status const& s) { codes.push_back(s.code()); });
+  bool stopped = false;
+  hub().stop(fn::Duration::milliseconds(1), [&] { stopped = true; });
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return delegate.quits == 1 && stopped; }));
+  EXPECT_TRUE(codes.empty());
+
+  // Then the hub goes away for good.
+  startHub(fn::Duration::seconds(30));  // replaces (and so destroys) the first hub
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return codes.size() == 1; }));
+}
+
+TEST(ObjectLocal, DeliveriesArePostedAndConstructorMessagesWaitForReadiness) {
+  fn::uv::Loop loop;
+  Delegate delegate;
+  // A worker that never connects still owns objects once it has an id; give it one through
+  // the HELLO reply it would receive.
+  ipc::Worker worker(delegate, loop, "/nonexistent", "L", "", false);
+  worker.onMessage(fn::Value::map({{key::TYPE, type::HELLO}, {key::WORKER_ID, 5}}));
+
+  struct Eager : Counter {
+    explicit Eager(ipc::Worker& w) : Counter(w) { sendMessage(5, fn::Value("from constructor")); }
+  };
+  fn::AutoPtr<Eager> eager(new Eager(worker));
+  EXPECT_EQ(eager->objectId(), 5u);
+  auto reference = eager->localReference();
+  EXPECT_EQ(reference, eager->localReference());
+  EXPECT_TRUE(reference->local());
+
+  // Nothing runs inside the senders' calls.
+  reference->sendMessage(fn::Value::map({{"self", eager}}));
+  EXPECT_TRUE(eager->received.empty());
+  drainLoop(loop);
+  ASSERT_EQ(eager->received.size(), 1u);
+  EXPECT_EQ(eager->received[0].first, 5);
+  // The instance inside the message arrived as its local reference.
+  EXPECT_EQ(eager->received[0].second.at("self").objectAs<ipc::ObjectReference>(), reference.get());
+
+  // A message for another worker id is never delivered locally.
+  EXPECT_EQ(eager->localReference()->className(), "ipc::ObjectReference");
+  ipc::ObjectId id = reference->objectId();
+  reference.reset();
+  drainLoop(loop);
+  auto fresh = eager->localReference();
+  EXPECT_EQ(fresh->objectId(), id);
+  eager.reset();
+  fresh.reset();
+  drainLoop(loop);
+}
