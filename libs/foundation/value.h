@@ -183,7 +183,7 @@ public:
   Value& operator[](char const* key) { return (*this)[Value(key)]; }
   size_t erase(Value const& key);
 
-  // Array access.
+  // Array access. On a map, `at(n)` looks up the integer key n.
   Value const& at(size_t index) const;
   void append(Value item);
   size_t size() const;
