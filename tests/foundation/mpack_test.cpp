@@ -4,6 +4,8 @@
 
 #include <limits>
 
+#include "support.h"
+
 namespace fn {
 namespace {
 

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "foundation/mpack.h"
+#include "support.h"
 
 namespace fn {
 namespace {
