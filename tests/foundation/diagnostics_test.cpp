@@ -65,11 +65,10 @@ TEST(Logging, ThresholdsFollowTheLongestMatchingPrefixRule) {
 }
 
 TEST(Logging, PriorityNames) {
-  std::vector<std::string_view> names;
+  String names;
   for (int p = 0; p <= 8; ++p)
-    names.push_back(logging::priorityName(p));
-  EXPECT_EQ(names, (std::vector<std::string_view>{"???", "ERR", "WRN", "FIX", "INF", "DBG", "LOG",
-                                                  "TRC", "???"}));
+    names += String(logging::priorityName(p)) + " ";
+  EXPECT_EQ(names, "??? ERR WRN FIX INF DBG LOG TRC ??? ");
 }
 
 TEST(Exception, CarriesItsErrorInformationAndClass) {

@@ -1,7 +1,6 @@
 #pragma once
 
-// Helpers shared by the foundation tests: a bounded run of the loop, a log sink that keeps
-// what it sees, and an assertion hook that records failures instead of only logging them.
+// Helpers shared by the foundation tests.
 
 #include <functional>
 #include <memory>
@@ -16,7 +15,6 @@
 
 namespace fn {
 
-// Readable failure messages for the foundation's own types.
 inline void PrintTo(String const& text, std::ostream* out) {
   *out << '"' << std::string_view(text) << '"';
 }
@@ -52,7 +50,6 @@ public:
     logging::CategoryManager::instance().addSink(sink);
     return sink;
   }
-  ~CapturingSink() override = default;
   void uninstall() { logging::CategoryManager::instance().removeSink(this); }
 
   void write(logging::Message const& message) override {

