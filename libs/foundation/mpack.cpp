@@ -1,5 +1,7 @@
 #include "foundation/mpack.h"
 
+#include <algorithm>
+
 #define MSGPACK_NO_BOOST
 #include <msgpack.hpp>
 
@@ -92,15 +94,17 @@ public:
   }
   bool start_array(uint32_t count) {
     Value::Array array;
-    // Every element takes at least one byte, so the input bounds what is worth reserving.
-    array.reserve(std::min<size_t>(count, _inputSize));
+    // Every element takes at least one byte, so the input bounds what is worth reserving; the
+    // fixed cap keeps a large frame of nested headers that all claim 4G elements from
+    // reserving input size times element size at every level. Growth covers the rest.
+    array.reserve(std::min<size_t>({count, _inputSize, MAX_RESERVE}));
     return open(Value(std::move(array)));
   }
   bool end_array_item() { return true; }
   bool end_array() { return close(); }
   bool start_map(uint32_t count) {
     Value::Map map;
-    map.reserve(std::min<size_t>(count, _inputSize / 2));
+    map.reserve(std::min<size_t>({count, _inputSize / 2, MAX_RESERVE}));
     return open(Value(std::move(map)));
   }
   bool start_map_key() {
@@ -116,6 +120,8 @@ public:
   void insufficient_bytes(size_t, size_t) { _failed = true; }
 
 private:
+  static constexpr size_t MAX_RESERVE = 1024;
+
   struct Frame {
     Value container;
     Value key;

@@ -137,17 +137,30 @@ bool Value::asBool() const {
 int64_t Value::asInt() const {
   if (auto const* i = std::get_if<int64_t>(&_v))
     return *i;
-  if (auto const* u = std::get_if<uint64_t>(&_v))
-    return static_cast<int64_t>(*u);
-  if (auto const* d = std::get_if<double>(&_v); d && std::isfinite(*d))
+  // Only values above INT64_MAX are held unsigned: none of them fits.
+  if (std::holds_alternative<uint64_t>(_v))
+    throwOutOfRange();
+  if (auto const* d = std::get_if<double>(&_v); d && std::isfinite(*d)) {
+    // Converting a double outside the target range is undefined, not merely inexact.
+    if (*d < -0x1p63 || *d >= 0x1p63)
+      throwOutOfRange();
     return static_cast<int64_t>(*d);
+  }
   throwWrongType(Type::Integer);
 }
 
 uint64_t Value::asUInt() const {
   if (auto const* u = std::get_if<uint64_t>(&_v))
     return *u;
-  return static_cast<uint64_t>(asInt());
+  if (auto const* d = std::get_if<double>(&_v); d && std::isfinite(*d) && *d >= 0x1p63) {
+    if (*d >= 0x1p64)
+      throwOutOfRange();
+    return static_cast<uint64_t>(*d);
+  }
+  int64_t i = asInt();
+  if (i < 0)
+    throwOutOfRange();
+  return static_cast<uint64_t>(i);
 }
 
 double Value::asDouble() const {
@@ -310,7 +323,8 @@ void Value::throwOutOfRange() const {
 }
 
 bool operator==(Value const& a, Value const& b) {
-  return a._v == b._v;
+  // Equality follows the ordering, so that a NaN key finds itself in a map.
+  return (a <=> b) == 0;
 }
 
 std::strong_ordering operator<=>(Value const& a, Value const& b) {

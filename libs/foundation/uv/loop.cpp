@@ -129,6 +129,11 @@ bool Loop::runUntil(std::function<bool()> const& done) {
 }
 
 void Loop::atEndOfIteration(Task task) {
+  // While work is queued the prepare handle keeps the loop alive, so that run() cannot
+  // return before it (a stream's gathered writes, say) ran. libuv computes the poll
+  // time-out after the prepare callbacks, when the handle is unreferenced again.
+  if (_endOfIteration.empty())
+    uv_ref(reinterpret_cast<uv_handle_t*>(&_prepare));
   _endOfIteration.push_back(std::move(task));
 }
 
@@ -139,6 +144,7 @@ void Loop::runEndOfIteration() {
     for (auto& task : tasks)
       guarded([&] { task(); });
   }
+  uv_unref(reinterpret_cast<uv_handle_t*>(&_prepare));
 }
 
 }  // namespace fn::uv

@@ -35,7 +35,9 @@ void Stream::readStart(ReadCallback callback) {
       },
       [](uv_stream_t* h, ssize_t n, uv_buf_t const* buf) {
         auto* self = static_cast<Stream*>(h->data);
-        if (self->_closing || !self->_onRead)
+        // libuv reports 0 when a read that filled the buffer is followed by EAGAIN: nothing
+        // happened, and the callback promises bytes, the end or an error.
+        if (n == 0 || self->_closing || !self->_onRead)
           return;
         AutoPtr<Stream> protect(self);
         guarded([&] { self->_onRead(buf->base, n); });
@@ -130,15 +132,20 @@ void Stream::close() {
   if (!_pending.empty())
     flush();
   _closing = true;
-  _onRead = nullptr;
-  _onConnection = nullptr;
+  // The callbacks stay until the close callback: close() is often called from inside one of
+  // them, which must not be destroyed while it runs. `_closing` already stops deliveries.
   _pending.clear();
   auto callbacks = std::move(_pendingCallbacks);
   _pendingCallbacks.clear();
   for (auto& callback : callbacks)
     failWrite(std::move(callback));
-  uv_close(reinterpret_cast<uv_handle_t*>(_handle),
-           [](uv_handle_t* h) { static_cast<Stream*>(h->data)->release(); });
+  uv_close(reinterpret_cast<uv_handle_t*>(_handle), [](uv_handle_t* h) {
+    auto* self = static_cast<Stream*>(h->data);
+    // Dropping them here also breaks cycles through callbacks that hold the stream.
+    self->_onRead = nullptr;
+    self->_onConnection = nullptr;
+    self->release();
+  });
 }
 
 int Stream::fileno() const {

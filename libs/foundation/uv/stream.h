@@ -4,9 +4,9 @@
 //
 // Lifetime: the wrapper keeps itself alive from creation until libuv's close callback, so the
 // owner must call close(); the object is freed only after the close callback, once the owner's
-// references are gone too. close() is idempotent. Callbacks run on the loop thread and are
-// dropped by close(): after close() no read callback runs, and pending write callbacks are
-// called with UV_ECANCELED.
+// references are gone too. close() is idempotent. Callbacks run on the loop thread. close()
+// hands what was queued to the kernel first (so a last record is not lost) and then no read
+// callback runs any more; writes after close() are called back with UV_ECANCELED.
 //
 // Writes made during one loop iteration are gathered into a single uv_write issued before
 // the loop next waits.
