@@ -39,7 +39,8 @@ public:
   }
 
 protected:
-  fn::AutoPtr<ipc::ObjectReference> createReference(ipc::ObjectReferenceInitializer& init) override {
+  fn::AutoPtr<ipc::ObjectReference> createReference(
+      ipc::ObjectReferenceInitializer& init) override {
     return fn::AutoPtr<ipc::ObjectReference>(new GreeterReference(init));
   }
 
@@ -66,7 +67,9 @@ protected:
 class DemoWorker : public ipc::Worker::Delegate {
 public:
   DemoWorker(fn::uv::Loop& loop, fn::String name, fn::String const& pipePath)
-      : _loop(loop), _name(std::move(name)), _worker(*this, loop, pipePath, _name, "demo", false) {
+      : _loop(loop),
+        _name(std::move(name)),
+        _worker(*this, loop, pipePath, _name, "demo", false) {
     _worker.registerObjectReferenceClass<GreeterReference>();
     _disconnected = _worker.onDisconnected().connect([this](fn::uv::Status const&) {
       say(_name, "the hub went away");
@@ -96,7 +99,8 @@ public:
     if (from == _name)
       return;
     if (post.contains("text")) {
-      say(_name, fmt::format("heard \"{}\" from {} in the lobby", post.at("text").asString(), from));
+      say(_name,
+          fmt::format("heard \"{}\" from {} in the lobby", post.at("text").asString(), from));
       fn::AutoPtr<Greeter> greeter(new Greeter(_worker));
       say(_name, fmt::format("offers a greeter, object id {}", greeter->objectId()));
       // Once sent, the greeter lives as long as somebody holds a reference to it.
@@ -113,7 +117,10 @@ public:
       // Dropping the reference releases alice's greeter through the hub.
       _loop.post([this] {
         _greeter.reset();
-        _loop.post([this] { _worker.stop(); _loop.stop(); });
+        _loop.post([this] {
+          _worker.stop();
+          _loop.stop();
+        });
       });
     };
     _greeter->sendMessage(fn::Value::map({{"text", "Hello alice, this is bob."}}));
@@ -151,7 +158,8 @@ int runDemo(fn::uv::Loop& loop, fn::Duration timeout) {
   int finished = 0;
   bool failed = false;
   auto connected = dispatcher.onWorkerConnected().connect([](auto const& info) {
-    say("hub", fmt::format("{} said HELLO, assigned worker id {}", info.displayName, info.workerId));
+    say("hub",
+        fmt::format("{} said HELLO, assigned worker id {}", info.displayName, info.workerId));
   });
   auto disconnected = dispatcher.onWorkerDisconnected().connect([&](auto const& info) {
     say("hub", fmt::format("{} (worker {}) disconnected; the others were told", info.displayName,

@@ -49,8 +49,7 @@ int runHub(fn::uv::Loop& loop, fn::Duration timeout, fn::String const& pipeFile)
     uv_signal_init(loop.raw(), &signals[i]);
     signals[i].data = &onSignal;
     uv_signal_start(
-        &signals[i],
-        [](uv_signal_t* s, int) { (*static_cast<decltype(onSignal)*>(s->data))(); },
+        &signals[i], [](uv_signal_t* s, int) { (*static_cast<decltype(onSignal)*>(s->data))(); },
         numbers[i]);
   }
   loop.run();

@@ -42,9 +42,8 @@ void assertionFailure(char const* file,
                       char const* condition,
                       String values) {
   AssertionInfo info{sourcePath(file), function, line, condition, std::move(values)};
-  logAssert.log(logging::ERR, "Assertion failed in {} ({}:{}): {}{}{}", info.function,
-                info.source, info.line, info.condition, info.values.empty() ? "" : " with ",
-                info.values);
+  logAssert.log(logging::ERR, "Assertion failed in {} ({}:{}): {}{}{}", info.function, info.source,
+                info.line, info.condition, info.values.empty() ? "" : " with ", info.values);
   AssertionHook current;
   {
     std::lock_guard lock(hookMutex);

@@ -42,13 +42,13 @@ String formatValues(Args const&... args) {
 }  // namespace internal
 }  // namespace fn::debug
 
-#define FN_ASSERT(condition, ...)                                                   \
-  ((condition) ? (void)0                                                            \
-               : ::fn::debug::internal::assertionFailure(                           \
-                     __FILE__, __func__, __LINE__, #condition,                      \
+#define FN_ASSERT(condition, ...)                              \
+  ((condition) ? (void)0                                       \
+               : ::fn::debug::internal::assertionFailure(      \
+                     __FILE__, __func__, __LINE__, #condition, \
                      ::fn::debug::internal::formatValues(__VA_ARGS__)))
 
 /// For failures whose message is a fixed text rather than the condition.
 #define FN_ASSERT_MSG(condition, text) \
-  ((condition) ? (void)0              \
+  ((condition) ? (void)0               \
                : ::fn::debug::internal::assertionFailure(__FILE__, __func__, __LINE__, text))

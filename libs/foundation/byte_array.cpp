@@ -16,8 +16,7 @@ String ByteArray::toHex() const {
 String ByteArray::toString() const {
   constexpr size_t shown = 32;
   ByteArray head(begin(), begin() + std::min(size(), shown));
-  return String(
-      fmt::format("<{} bytes: {}{}>", size(), head.toHex(), size() > shown ? "..." : ""));
+  return String(fmt::format("<{} bytes: {}{}>", size(), head.toHex(), size() > shown ? "..." : ""));
 }
 
 }  // namespace fn

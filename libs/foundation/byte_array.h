@@ -20,9 +20,7 @@ public:
     auto* p = static_cast<uint8_t const*>(bytes);
     insert(end(), p, p + count);
   }
-  std::string_view view() const {
-    return {reinterpret_cast<char const*>(data()), size()};
-  }
+  std::string_view view() const { return {reinterpret_cast<char const*>(data()), size()}; }
 
   /// Lower-case hexadecimal, for logs and diagnostics.
   String toHex() const;

@@ -56,11 +56,11 @@ private:
   ErrorInfo _info;
 };
 
-#define FN_DECLARE_EXCEPTION(Name, Base)                          \
-  class FN_EXPORT Name : public Base {                            \
-  public:                                                         \
-    using Base::Base;                                             \
-    ::fn::String className() const override { return #Name; }     \
+#define FN_DECLARE_EXCEPTION(Name, Base)                      \
+  class FN_EXPORT Name : public Base {                        \
+  public:                                                     \
+    using Base::Base;                                         \
+    ::fn::String className() const override { return #Name; } \
   }
 
 FN_DECLARE_EXCEPTION(RuntimeException, Exception);

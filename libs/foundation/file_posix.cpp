@@ -11,8 +11,8 @@ namespace fn {
 namespace {
 
 [[noreturn]] void fail(char const* what, String const& path, int error) {
-  throw withErrno(withPath(FileException(fmt::format("{} failed: {}", what, strerror(error))), path),
-                  error);
+  throw withErrno(
+      withPath(FileException(fmt::format("{} failed: {}", what, strerror(error))), path), error);
 }
 
 }  // namespace

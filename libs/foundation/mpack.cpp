@@ -20,11 +20,21 @@ struct ByteArraySink {
 
 void pack(msgpack::packer<ByteArraySink>& packer, Value const& value, ValueSerializer* hook) {
   switch (value.type()) {
-    case Value::Type::Null: packer.pack_nil(); break;
-    case Value::Type::Boolean: value.asBool() ? packer.pack_true() : packer.pack_false(); break;
-    case Value::Type::Integer: packer.pack_int64(value.asInt()); break;
-    case Value::Type::UnsignedInteger: packer.pack_uint64(value.asUInt()); break;
-    case Value::Type::Double: packer.pack_double(value.asDouble()); break;
+    case Value::Type::Null:
+      packer.pack_nil();
+      break;
+    case Value::Type::Boolean:
+      value.asBool() ? packer.pack_true() : packer.pack_false();
+      break;
+    case Value::Type::Integer:
+      packer.pack_int64(value.asInt());
+      break;
+    case Value::Type::UnsignedInteger:
+      packer.pack_uint64(value.asUInt());
+      break;
+    case Value::Type::Double:
+      packer.pack_double(value.asDouble());
+      break;
     case Value::Type::String: {
       auto const& s = value.asString();
       packer.pack_str(static_cast<uint32_t>(s.size()));
@@ -34,7 +44,8 @@ void pack(msgpack::packer<ByteArraySink>& packer, Value const& value, ValueSeria
     case Value::Type::ByteArray: {
       auto const& b = value.asByteArray();
       packer.pack_bin(static_cast<uint32_t>(b.size()));
-      packer.pack_bin_body(reinterpret_cast<char const*>(b.data()), static_cast<uint32_t>(b.size()));
+      packer.pack_bin_body(reinterpret_cast<char const*>(b.data()),
+                           static_cast<uint32_t>(b.size()));
       break;
     }
     case Value::Type::Array:
@@ -69,7 +80,9 @@ void pack(msgpack::packer<ByteArraySink>& packer, Value const& value, ValueSeria
 class Builder : public msgpack::null_visitor {
 public:
   Builder(ValueDeserializer* hook, Limits limits, size_t inputSize)
-      : _hook(hook), _limits(limits), _inputSize(inputSize) {}
+      : _hook(hook),
+        _limits(limits),
+        _inputSize(inputSize) {}
 
   Value take() { return std::move(_root); }
   bool failed() const { return _failed; }
@@ -81,9 +94,7 @@ public:
   bool visit_float32(float v) { return put(Value(v)); }
   bool visit_float64(double v) { return put(Value(v)); }
   bool visit_str(char const* v, uint32_t size) { return put(Value(std::string_view(v, size))); }
-  bool visit_bin(char const* v, uint32_t size) {
-    return put(Value(ByteArray(v, v + size)));
-  }
+  bool visit_bin(char const* v, uint32_t size) { return put(Value(ByteArray(v, v + size))); }
   bool visit_ext(char const* v, uint32_t size) {
     // v[0] is the type code, the content follows.
     if (size == 0)

@@ -46,7 +46,8 @@ FN_EXPORT Value decode(uint8_t const* data,
 class FN_EXPORT Serializer {
 public:
   explicit Serializer(OutputStream& stream, ValueSerializer* hook = nullptr)
-      : _stream(stream), _hook(hook) {}
+      : _stream(stream),
+        _hook(hook) {}
   void serialize(Value const& value);
 
 private:
@@ -59,7 +60,9 @@ private:
 class FN_EXPORT Deserializer {
 public:
   explicit Deserializer(InputStream& stream, ValueDeserializer* hook = nullptr, Limits limits = {})
-      : _stream(stream), _hook(hook), _limits(limits) {}
+      : _stream(stream),
+        _hook(hook),
+        _limits(limits) {}
   /// The next value; nullopt at the end of the input. Malformed input throws
   /// DataFormatException.
   std::optional<Value> deserialize();

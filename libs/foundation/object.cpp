@@ -11,8 +11,8 @@ namespace fn {
 Object::~Object() = default;
 
 String Object::toString() const {
-  return String(fmt::format("{} ({})", demangledTypeName(typeid(*this)),
-                            static_cast<void const*>(this)));
+  return String(
+      fmt::format("{} ({})", demangledTypeName(typeid(*this)), static_cast<void const*>(this)));
 }
 
 String demangledTypeName(std::type_info const& type) {

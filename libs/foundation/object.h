@@ -72,6 +72,9 @@ private:
 
 using RefCountedObject = WeakReferencableObject;
 
+template <typename U, typename T>
+concept PointerConvertibleTo = std::is_convertible_v<U*, T*>;
+
 /// Intrusive strong pointer. A fresh object has a count of 0; the first AutoPtr takes it to 1.
 template <typename T>
 class AutoPtr {
@@ -84,11 +87,9 @@ public:
   }
   AutoPtr(AutoPtr const& o) : AutoPtr(o._p) {}
   AutoPtr(AutoPtr&& o) noexcept : _p(std::exchange(o._p, nullptr)) {}
-  template <typename U>
-    requires std::is_convertible_v<U*, T*>
+  template <PointerConvertibleTo<T> U>
   AutoPtr(AutoPtr<U> const& o) : AutoPtr(o.get()) {}
-  template <typename U>
-    requires std::is_convertible_v<U*, T*>
+  template <PointerConvertibleTo<T> U>
   AutoPtr(AutoPtr<U>&& o) noexcept : _p(o.leak()) {}
   ~AutoPtr() {
     if (_p)
@@ -146,7 +147,8 @@ public:
       _block->retain();
   }
   WeakReference(WeakReference&& o) noexcept
-      : _p(std::exchange(o._p, nullptr)), _block(std::exchange(o._block, nullptr)) {}
+      : _p(std::exchange(o._p, nullptr)),
+        _block(std::exchange(o._block, nullptr)) {}
   WeakReference& operator=(WeakReference o) noexcept {
     std::swap(_p, o._p);
     std::swap(_block, o._block);
@@ -182,6 +184,11 @@ private:
   WeakBlock* _block = nullptr;
 };
 
+template <typename T>
+concept HasToString = requires(T const& v) {
+  v.toString();
+};
+
 /// A value type carried by reference inside an `fn::Value`.
 template <typename T>
 class Boxed : public RefCountedObject {
@@ -190,7 +197,7 @@ public:
   T const& value() const { return _value; }
   T& value() { return _value; }
   String toString() const override {
-    if constexpr (requires(T const& v) { v.toString(); })
+    if constexpr (HasToString<T>)
       return String(_value.toString());
     else
       return Object::toString();

@@ -39,8 +39,11 @@ private:
 class FN_EXPORT MemoryInputStream : public InputStream {
 public:
   MemoryInputStream(void const* bytes, size_t count)
-      : _begin(static_cast<uint8_t const*>(bytes)), _end(_begin + count), _at(_begin) {}
-  explicit MemoryInputStream(ByteArray const& bytes) : MemoryInputStream(bytes.data(), bytes.size()) {}
+      : _begin(static_cast<uint8_t const*>(bytes)),
+        _end(_begin + count),
+        _at(_begin) {}
+  explicit MemoryInputStream(ByteArray const& bytes)
+      : MemoryInputStream(bytes.data(), bytes.size()) {}
 
   size_t read(void* bytes, size_t count) override {
     size_t n = std::min(count, remaining());

@@ -12,6 +12,9 @@
 
 namespace fn {
 
+template <typename T>
+concept Number = std::is_integral_v<T> || std::is_floating_point_v<T>;
+
 /// UTF-8 text. A std::string with the few helpers the code base keeps reaching for.
 class FN_EXPORT String : public std::string {
 public:
@@ -21,8 +24,7 @@ public:
   String(std::string&& s) noexcept : std::string(std::move(s)) {}
   String(std::string_view s) : std::string(s) {}
 
-  template <typename T>
-    requires std::is_integral_v<T> || std::is_floating_point_v<T>
+  template <Number T>
   static String number(T value) {
     return String(fmt::format("{}", value));
   }

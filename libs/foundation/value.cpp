@@ -10,18 +10,30 @@ Value const Value::NIL;
 namespace {
 
 struct KeyLess {
-  bool operator()(ValueMap::Entry const& entry, Value const& key) const { return entry.first < key; }
+  bool operator()(ValueMap::Entry const& entry, Value const& key) const {
+    return entry.first < key;
+  }
 };
 
 void appendQuoted(String& out, std::string_view text) {
   out.push_back('"');
   for (char c : text) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (static_cast<unsigned char>(c) < 0x20)
           out += fmt::format("\\u{:04x}", c);
@@ -34,13 +46,27 @@ void appendQuoted(String& out, std::string_view text) {
 
 void render(String& out, Value const& v) {
   switch (v.type()) {
-    case Value::Type::Null: out += "null"; break;
-    case Value::Type::Boolean: out += v.asBool() ? "true" : "false"; break;
-    case Value::Type::Integer: out += fmt::format("{}", v.asInt()); break;
-    case Value::Type::UnsignedInteger: out += fmt::format("{}", v.asUInt()); break;
-    case Value::Type::Double: out += fmt::format("{}", v.asDouble()); break;
-    case Value::Type::String: appendQuoted(out, v.asString()); break;
-    case Value::Type::ByteArray: out += v.asByteArray().toString(); break;
+    case Value::Type::Null:
+      out += "null";
+      break;
+    case Value::Type::Boolean:
+      out += v.asBool() ? "true" : "false";
+      break;
+    case Value::Type::Integer:
+      out += fmt::format("{}", v.asInt());
+      break;
+    case Value::Type::UnsignedInteger:
+      out += fmt::format("{}", v.asUInt());
+      break;
+    case Value::Type::Double:
+      out += fmt::format("{}", v.asDouble());
+      break;
+    case Value::Type::String:
+      appendQuoted(out, v.asString());
+      break;
+    case Value::Type::ByteArray:
+      out += v.asByteArray().toString();
+      break;
     case Value::Type::Array: {
       out.push_back('[');
       bool first = true;
@@ -307,8 +333,8 @@ String Value::detailInfo() const {
 }
 
 std::string_view Value::typeName(Type type) {
-  static constexpr std::string_view names[] = {"null",   "boolean",    "integer", "unsigned integer",
-                                               "double", "string",     "bytes",   "array",
+  static constexpr std::string_view names[] = {"null",   "boolean", "integer", "unsigned integer",
+                                               "double", "string",  "bytes",   "array",
                                                "map",    "object"};
   return names[static_cast<size_t>(type)];
 }
@@ -331,10 +357,14 @@ std::strong_ordering operator<=>(Value const& a, Value const& b) {
   if (a._v.index() != b._v.index())
     return a._v.index() <=> b._v.index();
   switch (a.type()) {
-    case Value::Type::Null: return std::strong_ordering::equal;
-    case Value::Type::Boolean: return a.asBool() <=> b.asBool();
-    case Value::Type::Integer: return a.asInt() <=> b.asInt();
-    case Value::Type::UnsignedInteger: return a.asUInt() <=> b.asUInt();
+    case Value::Type::Null:
+      return std::strong_ordering::equal;
+    case Value::Type::Boolean:
+      return a.asBool() <=> b.asBool();
+    case Value::Type::Integer:
+      return a.asInt() <=> b.asInt();
+    case Value::Type::UnsignedInteger:
+      return a.asUInt() <=> b.asUInt();
     case Value::Type::Double: {
       // A total order, so that NaN keys cannot break a map.
       double x = a.asDouble(), y = b.asDouble();
@@ -343,8 +373,10 @@ std::strong_ordering operator<=>(Value const& a, Value const& b) {
       return x < y ? std::strong_ordering::less
                    : (x > y ? std::strong_ordering::greater : std::strong_ordering::equal);
     }
-    case Value::Type::String: return a.asString().compare(b.asString()) <=> 0;
-    case Value::Type::ByteArray: return a.asByteArray() <=> b.asByteArray();
+    case Value::Type::String:
+      return a.asString().compare(b.asString()) <=> 0;
+    case Value::Type::ByteArray:
+      return a.asByteArray() <=> b.asByteArray();
     case Value::Type::Array: {
       auto const& x = a.asArray();
       auto const& y = b.asArray();
@@ -365,7 +397,8 @@ std::strong_ordering operator<=>(Value const& a, Value const& b) {
           return c;
       }
     }
-    case Value::Type::Object: return a.asObject() <=> b.asObject();
+    case Value::Type::Object:
+      return a.asObject() <=> b.asObject();
   }
   return std::strong_ordering::equal;
 }

@@ -9,6 +9,7 @@
 // Maps are ordered by key (null < boolean < numbers < string < bytes < array < map < object)
 // and stored as a sorted vector, which suits the small maps records are made of.
 
+#include <concepts>
 #include <cstdint>
 #include <initializer_list>
 #include <limits>
@@ -27,6 +28,11 @@
 namespace fn {
 
 class Value;
+
+template <typename T>
+concept IntegerNotBool = std::is_integral_v<T> && !std::is_same_v<T, bool>;
+template <typename T>
+concept RefCounted = std::is_base_of_v<RefCountedObject, T>;
 
 class FN_EXPORT ValueMap {
 public:
@@ -84,8 +90,7 @@ public:
   Value() = default;
   Value(std::nullptr_t) {}
   Value(bool v) : _v(v) {}
-  template <typename T>
-    requires std::is_integral_v<T> && (!std::is_same_v<T, bool>)
+  template <IntegerNotBool T>
   Value(T v) {
     if constexpr (std::is_unsigned_v<T> && sizeof(T) >= sizeof(int64_t)) {
       if (v > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
@@ -104,8 +109,7 @@ public:
   Value(fn::ByteArray v) : _v(std::move(v)) {}
   Value(Array v) : _v(std::move(v)) {}
   Value(Map v) : _v(std::move(v)) {}
-  template <typename T>
-    requires std::is_base_of_v<RefCountedObject, T>
+  template <RefCounted T>
   Value(AutoPtr<T> object) : _v(AutoPtr<RefCountedObject>(std::move(object))) {}
 
   static Value array(std::initializer_list<Value> items = {}) { return Value(Array(items)); }
@@ -145,8 +149,7 @@ public:
   AutoPtr<RefCountedObject> const& asObject() const;
 
   /// The integer checked to fit T; RangeException otherwise.
-  template <typename T>
-    requires std::is_integral_v<T>
+  template <std::integral T>
   T to() const {
     if (is(Type::UnsignedInteger)) {
       uint64_t u = std::get<uint64_t>(_v);

@@ -11,8 +11,7 @@ namespace {
 
 class Tracked : public RefCountedObject {
 public:
-  explicit Tracked(int& destroyed)
-      : _destroyed(destroyed) {}
+  explicit Tracked(int& destroyed) : _destroyed(destroyed) {}
   ~Tracked() override { ++_destroyed; }
 
 private:
@@ -22,9 +21,7 @@ private:
 // Defers its destruction to the loop, as loop-bound classes do.
 class DeferredDelete : public Tracked {
 public:
-  DeferredDelete(int& destroyed, uv::Loop& loop)
-      : Tracked(destroyed),
-        _loop(loop) {}
+  DeferredDelete(int& destroyed, uv::Loop& loop) : Tracked(destroyed), _loop(loop) {}
 
 protected:
   void deleteInstance() override {

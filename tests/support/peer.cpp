@@ -171,9 +171,8 @@ void Peer::close() {
 }
 
 uint16_t Peer::hello(fn::String const& name, fn::String const& tag) {
-  send(fn::Value::map({{ipc::key::TYPE, ipc::type::HELLO},
-                       {ipc::key::DISPLAY_NAME, name},
-                       {ipc::key::TAG, tag}}));
+  send(fn::Value::map(
+      {{ipc::key::TYPE, ipc::type::HELLO}, {ipc::key::DISPLAY_NAME, name}, {ipc::key::TAG, tag}}));
   fn::Value reply = expectType(ipc::type::HELLO);
   return reply.isMap() ? reply.at(ipc::key::WORKER_ID).to<uint16_t>() : ipc::NO_WORKER;
 }
@@ -214,7 +213,8 @@ void Peer::kill(int signal) {
 }
 
 int64_t Peer::waitForExit(fn::Duration timeout) {
-  if (!runLoopUntil(_loop, [this] { return _exited; }, timeout))
+  if (!runLoopUntil(
+          _loop, [this] { return _exited; }, timeout))
     ADD_FAILURE() << "the peer process did not exit in time";
   return _exitStatus;
 }

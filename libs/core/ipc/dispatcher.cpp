@@ -14,7 +14,9 @@ fn::logging::Category logDispatcher("ipc.dispatcher");
 class Dispatcher::WorkerConnection : public fn::RefCountedObject {
 public:
   WorkerConnection(Dispatcher& dispatcher, fn::AutoPtr<fn::uv::PipeStream> stream)
-      : dispatcher(dispatcher), stream(std::move(stream)), reader(dispatcher._options.maxFrameSize) {
+      : dispatcher(dispatcher),
+        stream(std::move(stream)),
+        reader(dispatcher._options.maxFrameSize) {
     // The reader lives as long as the connection; each handler keeps the connection alive for
     // the length of the call.
     reader.onMessage([this](fn::Value record, size_t length) {
@@ -125,10 +127,17 @@ void Dispatcher::onWorkerMessage(Connection const& connection, fn::Value record,
                         connection->address(), length, translatePayload(record));
     }
     switch (messageType) {
-      case type::HELLO: onHello(connection, record); break;
-      case type::MESSAGE: onMessage(connection, std::move(record)); break;
-      case type::REFERENCE_RELEASE: onReferenceRelease(connection, record); break;
-      default: break;
+      case type::HELLO:
+        onHello(connection, record);
+        break;
+      case type::MESSAGE:
+        onMessage(connection, std::move(record));
+        break;
+      case type::REFERENCE_RELEASE:
+        onReferenceRelease(connection, record);
+        break;
+      default:
+        break;
     }
   } catch (fn::Exception const& e) {
     // A record with missing or mistyped keys: the sender is at fault, not the hub. Drop the
@@ -262,7 +271,8 @@ void Dispatcher::workerDied(Connection const& connection) {
     _workers.erase(found);
   _connections.erase(connection);
 
-  std::erase_if(_instanceUsageCount, [id](auto const& entry) { return ownerOf(entry.first) == id; });
+  std::erase_if(_instanceUsageCount,
+                [id](auto const& entry) { return ownerOf(entry.first) == id; });
   std::vector<ObjectId> released;
   for (auto entry = _referenceUsageCount.begin(); entry != _referenceUsageCount.end();) {
     if (ownerOf(entry->first) == id) {
@@ -295,9 +305,8 @@ void Dispatcher::scheduleNextPing(Connection const& connection) {
 
 void Dispatcher::sendPing(Connection const& connection) {
   WorkerConnection* raw = connection.get();
-  connection->notRespondingTimer = _loop.schedule(_timeout, [this, raw] {
-    _onWorkerNotResponding.emit(Connection(raw)->info);
-  });
+  connection->notRespondingTimer =
+      _loop.schedule(_timeout, [this, raw] { _onWorkerNotResponding.emit(Connection(raw)->info); });
   send(connection, fn::Value::map({{key::TYPE, type::PING}}));
 }
 
@@ -311,11 +320,13 @@ void Dispatcher::stop(fn::Duration const& timeout, std::move_only_function<void(
   fn::Value notice = fn::Value::map({{key::TYPE, type::ABOUT_TO_QUIT}});
   for (auto const& connection : _connections)
     send(connection, notice);
-  _loop.schedule(timeout, [this, callback = std::move(callback)]() mutable {
-         _loop.stop();
-         if (callback)
-           callback();
-       })
+  _loop
+      .schedule(timeout,
+                [this, callback = std::move(callback)]() mutable {
+                  _loop.stop();
+                  if (callback)
+                    callback();
+                })
       .detach();
 }
 

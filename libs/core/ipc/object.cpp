@@ -12,7 +12,9 @@ ObjectReferenceInitializer dummyInitializer;
 ObjectReferenceInitializer& ObjectReference::_dummyInitializer = dummyInitializer;
 
 ObjectInstance::ObjectInstance(Worker& worker)
-    : _worker(worker), _workerLifetime(worker.lifetime()), _objectId(worker.nextObjectId()) {
+    : _worker(worker),
+      _workerLifetime(worker.lifetime()),
+      _objectId(worker.nextObjectId()) {
   _worker.registerObjectInstance(this);
   // Until this task ran, the subclass's constructor may still be running: messages sent
   // before then queue behind it.
@@ -81,7 +83,8 @@ void ObjectInstance::decreaseUsageCount() {
 
 ObjectReference::ObjectReference(ObjectReferenceInitializer& initializer)
     : _worker(initializer.worker),
-      _workerLifetime(initializer.worker ? initializer.worker->lifetime() : std::weak_ptr<Worker*>()),
+      _workerLifetime(initializer.worker ? initializer.worker->lifetime()
+                                         : std::weak_ptr<Worker*>()),
       _objectId(initializer.objectId),
       _instance(initializer.instance),
       _className(initializer.className) {
@@ -129,8 +132,8 @@ fn::String ObjectReference::className() const {
 }
 
 fn::String ObjectReference::toString() const {
-  return fn::String(fmt::format("ObjectReference ({}, {})", className(),
-                                static_cast<void const*>(this)));
+  return fn::String(
+      fmt::format("ObjectReference ({}, {})", className(), static_cast<void const*>(this)));
 }
 
 void ObjectReference::onMessage(fn::Value const&) {}

@@ -10,11 +10,12 @@ namespace ipc {
 namespace {
 
 constexpr std::array<std::string_view, 11> KEY_NAMES = {
-    "",           "-TYPE",    "-DISPLAY_NAME", "-TAG",     "-WORKER_ID",   "-OBJECT_ID",
-    "-SOURCE_WORKER_ID", "-TARGET_WORKER_ID", "-PAYLOAD", "-OBJECTS", "-USAGE_COUNT"};
+    "",           "-TYPE",      "-DISPLAY_NAME",     "-TAG",
+    "-WORKER_ID", "-OBJECT_ID", "-SOURCE_WORKER_ID", "-TARGET_WORKER_ID",
+    "-PAYLOAD",   "-OBJECTS",   "-USAGE_COUNT"};
 constexpr std::array<std::string_view, 8> TYPE_NAMES = {
-    "-INVALID",           "-HELLO",           "-PING",        "-PONG",
-    "-MESSAGE", "-REFERENCE_RELEASE", "-INSTANCE_RELEASE", "-WORKER_DEAD"};
+    "-INVALID",          "-HELLO",      "-PING", "-PONG", "-MESSAGE", "-REFERENCE_RELEASE",
+    "-INSTANCE_RELEASE", "-WORKER_DEAD"};
 
 // An object as the payload names it: only its id, since rendering resolves nothing.
 class ObjectPlaceholder : public fn::RefCountedObject {
@@ -60,7 +61,8 @@ fn::Value translatePayload(fn::Value const& record) {
       SimpleValueDeserializer hook;
       try {
         auto const& bytes = v.asByteArray();
-        rendered[name] = bytes.empty() ? fn::Value() : fn::mpack::decode(bytes.data(), bytes.size(), &hook);
+        rendered[name] =
+            bytes.empty() ? fn::Value() : fn::mpack::decode(bytes.data(), bytes.size(), &hook);
       } catch (fn::Exception const&) {
         rendered[name] = v;
       }

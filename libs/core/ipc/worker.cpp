@@ -61,9 +61,8 @@ void Worker::connected(fn::uv::Status const& status) {
     status.throwOnError();
   }
   _stream->readStart([this](char const* bytes, ssize_t count) { _reader.feed(bytes, count); });
-  write(fn::Value::map({{key::TYPE, type::HELLO},
-                        {key::DISPLAY_NAME, _displayName},
-                        {key::TAG, _tag}}));
+  write(fn::Value::map(
+      {{key::TYPE, type::HELLO}, {key::DISPLAY_NAME, _displayName}, {key::TAG, _tag}}));
 }
 
 void Worker::connectionEnded(fn::uv::Status const& status) {
@@ -246,8 +245,8 @@ void Worker::startTermination() {
     return;
   }
   _terminating = true;
-  logWorker.log(fn::logging::INF, "Worker {} ({}) is idle and requests termination",
-                _displayName, _workerId);
+  logWorker.log(fn::logging::INF, "Worker {} ({}) is idle and requests termination", _displayName,
+                _workerId);
   _delegate.workerRequestsTermination(*this);
 }
 

@@ -134,8 +134,7 @@ void WorkerObjectManager::encodePayload(fn::Value const& payload,
   fn::mpack::encode(payload, bytes, &hook);
 }
 
-fn::Value WorkerObjectManager::decodePayload(fn::ByteArray const& bytes,
-                                             fn::Value const& objects) {
+fn::Value WorkerObjectManager::decodePayload(fn::ByteArray const& bytes, fn::Value const& objects) {
   if (bytes.empty())
     return fn::Value();
   PayloadDeserializer hook([&](ObjectId id) -> fn::Value {

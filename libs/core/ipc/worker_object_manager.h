@@ -26,8 +26,7 @@ struct ObjectReferenceInitializer;
 
 class CORE_EXPORT WorkerObjectManager {
 public:
-  using ReferenceCreator =
-      std::function<fn::AutoPtr<ObjectReference>(ObjectReferenceInitializer&)>;
+  using ReferenceCreator = std::function<fn::AutoPtr<ObjectReference>(ObjectReferenceInitializer&)>;
 
   explicit WorkerObjectManager(Worker& worker);
 

@@ -55,9 +55,8 @@ int CategoryManager::thresholdFor(std::string_view name) const {
   size_t bestLength = 0;
   bool matched = false;
   for (auto const& [prefix, threshold] : _rules) {
-    bool matches = prefix == "*" ||
-                   (name.starts_with(prefix) &&
-                    (name.size() == prefix.size() || name[prefix.size()] == '.'));
+    bool matches = prefix == "*" || (name.starts_with(prefix) &&
+                                     (name.size() == prefix.size() || name[prefix.size()] == '.'));
     size_t length = prefix == "*" ? 0 : prefix.size();
     if (matches && (!matched || length >= bestLength)) {
       best = threshold;
@@ -70,8 +69,8 @@ int CategoryManager::thresholdFor(std::string_view name) const {
 
 void CategoryManager::setThreshold(std::string_view prefix, int threshold) {
   std::lock_guard lock(_mutex);
-  auto rule = std::find_if(_rules.begin(), _rules.end(),
-                           [&](auto const& r) { return r.first == prefix; });
+  auto rule =
+      std::find_if(_rules.begin(), _rules.end(), [&](auto const& r) { return r.first == prefix; });
   if (rule != _rules.end())
     rule->second = threshold;
   else

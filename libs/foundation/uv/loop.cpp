@@ -33,9 +33,7 @@ void Loop::init() {
   _loop->data = this;
   uv_idle_init(_loop, &_idle);
   _idle.data = this;
-  uv_async_init(_loop, &_async, [](uv_async_t* h) {
-    static_cast<Loop*>(h->data)->drainRemote();
-  });
+  uv_async_init(_loop, &_async, [](uv_async_t* h) { static_cast<Loop*>(h->data)->drainRemote(); });
   _async.data = this;
   uv_prepare_init(_loop, &_prepare);
   _prepare.data = this;

@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 
+#include "foundation/environment.h"
 #include "hub_fixture.h"
 
 using namespace testing_support;
@@ -22,7 +24,8 @@ fn::ByteArray marker(char c) {
 
 TEST_F(HubTest, AssignsIdsInOrderStartingWithItsOwnWorker) {
   std::vector<ipc::Dispatcher::WorkerInfo> connected;
-  auto handle = hub().onWorkerConnected().connect([&](auto const& info) { connected.push_back(info); });
+  auto handle =
+      hub().onWorkerConnected().connect([&](auto const& info) { connected.push_back(info); });
 
   EXPECT_EQ(hub().worker().workerId(), 0);
   uint16_t a, b;
@@ -131,7 +134,8 @@ TEST_F(HubTest, KilledWorkerIsAnnouncedAndItsReferencesReleased) {
   auto peerB = connect("B", b);
   auto peerC = connect("C", c);
   std::vector<ipc::Dispatcher::WorkerInfo> gone;
-  auto handle = hub().onWorkerDisconnected().connect([&](auto const& info) { gone.push_back(info); });
+  auto handle =
+      hub().onWorkerDisconnected().connect([&](auto const& info) { gone.push_back(info); });
 
   ipc::ObjectId x = objectOf(a, 1);  // A's, held by B twice
   ipc::ObjectId y = objectOf(b, 1);  // B's, held by C
@@ -167,9 +171,8 @@ TEST_F(HubTest, KilledWorkerIsAnnouncedAndItsReferencesReleased) {
 TEST_F(HubTest, StoppedWorkerIsReportedNotRespondingButKeptConnected) {
   startHub(fn::Duration::milliseconds(300));
   std::vector<uint16_t> silent;
-  auto handle = hub().onWorkerNotResponding().connect([&](auto const& info) {
-    silent.push_back(info.workerId);
-  });
+  auto handle = hub().onWorkerNotResponding().connect(
+      [&](auto const& info) { silent.push_back(info.workerId); });
   uint16_t a;
   auto peer = connect("A", a);
   peer->kill(SIGSTOP);
@@ -249,6 +252,14 @@ TEST_F(HubTest, BadInputEndsAtMostThatConnection) {
 TEST_F(HubTest, RefusesAPeerOfAnotherUser) {
   if (geteuid() != 0)
     GTEST_SKIP() << "needs root to run a peer as another user";
+  // A runtime directory of this test's own: other tests must not see it opened up below.
+  char base[] = "/tmp/lumaren-refuse-XXXXXX";
+  ASSERT_NE(::mkdtemp(base), nullptr);
+  ::chmod(base, 0755);
+  fn::String previous = fn::Environment::get("XDG_RUNTIME_DIR");
+  fn::Environment::set("XDG_RUNTIME_DIR", base);
+  startHub(fn::Duration::seconds(30));
+  fn::Environment::set("XDG_RUNTIME_DIR", previous);
   LogCapture log;
   // The private directory alone keeps other users out...
   auto outsider = Peer::start(loop, hub().pipePath(), PeerOptions{.asNobody = true});
@@ -261,10 +272,10 @@ TEST_F(HubTest, RefusesAPeerOfAnotherUser) {
   auto intruder = Peer::start(loop, hub().pipePath(), PeerOptions{.asNobody = true});
   intruder->send(fn::Value::map({{key::TYPE, type::HELLO}, {key::DISPLAY_NAME, "intruder"}}));
   EXPECT_EQ(intruder->waitForExit(), 0);  // the hub closed the connection
-  ::chmod(directory.c_str(), 0700);
   for (auto const& r : intruder->received())
     EXPECT_FALSE(isType(r, type::HELLO));
   EXPECT_TRUE(log.contains("Refusing a connection from user"));
+  std::filesystem::remove_all(base);
 }
 
 TEST_F(HubTest, StopTellsEveryWorkerThenStopsTheLoop) {

@@ -35,9 +35,10 @@ fn::ByteArray frames(std::initializer_list<fn::Value> records) {
 }
 
 fn::Value sample(int n) {
-  return fn::Value::map({{ipc::key::TYPE, ipc::type::MESSAGE},
-                         {ipc::key::OBJECT_ID, (uint64_t(n) << 16) + 3},
-                         {ipc::key::PAYLOAD, fn::ByteArray(static_cast<size_t>(n * 7), uint8_t(n))}});
+  return fn::Value::map(
+      {{ipc::key::TYPE, ipc::type::MESSAGE},
+       {ipc::key::OBJECT_ID, (uint64_t(n) << 16) + 3},
+       {ipc::key::PAYLOAD, fn::ByteArray(static_cast<size_t>(n * 7), uint8_t(n))}});
 }
 
 }  // namespace
@@ -114,7 +115,8 @@ TEST(MessageHelper, BadStreamsAreReportedOnceAndIgnoredAfterwards) {
 TEST(TranslatePayload, RendersKeysTypesAndObjectsForPeople) {
   fn::ByteArray payload;
   // {"o": <object 327683>, "n": 1}: counter 5, worker 3.
-  payload = fn::ByteArray{0x82, 0xa1, 'o', 0xd7, 0x01, 0x03, 0x00, 0x05, 0, 0, 0, 0, 0, 0xa1, 'n', 0x01};
+  payload =
+      fn::ByteArray{0x82, 0xa1, 'o', 0xd7, 0x01, 0x03, 0x00, 0x05, 0, 0, 0, 0, 0, 0xa1, 'n', 0x01};
   fn::Value record = fn::Value::map({{1, 4}, {5, 327683}, {8, payload}, {11, "x"}, {"s", 2}});
   fn::Value shown = ipc::translatePayload(record);
   EXPECT_EQ(shown.get("1-TYPE"), fn::Value("4-MESSAGE"));

@@ -80,7 +80,8 @@ TEST_F(WorkerTest, ObjectIdsCarryTheOwnerInTheLowBits) {
   EXPECT_EQ(worker->nextObjectId(), (1u << 16) + 3);
 
   std::vector<fn::String> failures;
-  auto old = fn::debug::setAssertionHook([&](auto const& info) { failures.push_back(info.condition); });
+  auto old =
+      fn::debug::setAssertionHook([&](auto const& info) { failures.push_back(info.condition); });
   ipc::Worker unconnected(delegate, loop, hub().pipePath(), "U", "", false);
   unconnected.nextObjectId();
   fn::debug::setAssertionHook(old);
@@ -99,7 +100,8 @@ TEST_F(WorkerTest, InstanceLivesExactlyAsLongAsRemoteUsesAreCounted) {
   for (int i = 0; i < 3; ++i)
     worker->sendMessageToWorker(p, counter->objectId(), fn::Value::map({{"me", counter}}));
   fn::Value record = peer->expectType(type::MESSAGE);
-  EXPECT_EQ(record.at(key::OBJECTS), fn::Value::map({{counter->objectId(), "ipc::ObjectReference"}}));
+  EXPECT_EQ(record.at(key::OBJECTS),
+            fn::Value::map({{counter->objectId(), "ipc::ObjectReference"}}));
   peer->expectType(type::MESSAGE);
   peer->expectType(type::MESSAGE);
   EXPECT_EQ(counter->usageCount(), 3);
@@ -133,8 +135,10 @@ TEST_F(WorkerTest, ReceivedReferencesAreCountedReleasedAndDieWithTheirOwner) {
 
   // The object occurs in two messages: one reference, two uses. The class is known.
   auto objects = fn::Value::map({{thing, "Listener"}});
-  peer->send(HubTest::message(inbox->objectId(), worker->workerId(), objects, payloadWithObject(thing)));
-  peer->send(HubTest::message(inbox->objectId(), worker->workerId(), objects, payloadWithObject(thing)));
+  peer->send(
+      HubTest::message(inbox->objectId(), worker->workerId(), objects, payloadWithObject(thing)));
+  peer->send(
+      HubTest::message(inbox->objectId(), worker->workerId(), objects, payloadWithObject(thing)));
   ASSERT_TRUE(runLoopUntil(loop, [&] { return inbox->received.size() == 2; }));
   auto* listener = inbox->received[0].second.at("thing").objectAs<Listener>();
   ASSERT_NE(listener, nullptr);
@@ -146,8 +150,9 @@ TEST_F(WorkerTest, ReceivedReferencesAreCountedReleasedAndDieWithTheirOwner) {
   peer->send(HubTest::message(inbox->objectId(), worker->workerId(),
                               fn::Value::map({{stray, "Mystery"}}), payloadWithObject(stray)));
   ASSERT_TRUE(runLoopUntil(loop, [&] { return inbox->received.size() == 3; }));
-  EXPECT_TRUE(log.contains(
-      "Couldn't create reference for class Mystery. Did you call 'registerObjectReferenceClass()'?"));
+  EXPECT_TRUE(
+      log.contains("Couldn't create reference for class Mystery. Did you call "
+                   "'registerObjectReferenceClass()'?"));
   auto* mystery = inbox->received[2].second.at("thing").objectAs<ipc::ObjectReference>();
   ASSERT_NE(mystery, nullptr);
   EXPECT_EQ(mystery->className(), "Mystery");
@@ -172,15 +177,16 @@ TEST_F(WorkerTest, IdleWorkerRequestsTerminationOnlyWhenNothingIsInUse) {
   uint16_t p;
   auto peer = connect("P", p);
   delegate.wantsIdle = true;
-  auto worker = makeWorker(ipc::Worker::Options{.idleTimeout = fn::Duration::milliseconds(20)}, true);
+  auto worker =
+      makeWorker(ipc::Worker::Options{.idleTimeout = fn::Duration::milliseconds(20)}, true);
   fn::AutoPtr<Counter> counter(new Counter(*worker));
   worker->sendMessageToWorker(p, counter->objectId(), fn::Value::map({{"me", counter}}));
   peer->expectType(type::MESSAGE);
   // Busy while P holds the counter: the timer re-arms instead of asking.
   drainLoop(loop);
   worker->scheduleTermination();
-  bool fired = runLoopUntil(loop, [&] { return delegate.terminationRequests > 0; },
-                            fn::Duration::milliseconds(200));
+  bool fired = runLoopUntil(
+      loop, [&] { return delegate.terminationRequests > 0; }, fn::Duration::milliseconds(200));
   EXPECT_FALSE(fired);
   peer->send(HubTest::release(counter->objectId(), 1));
   ASSERT_TRUE(runLoopUntil(loop, [&] { return delegate.terminationRequests > 0; }));
@@ -200,7 +206,8 @@ TEST_F(WorkerTest, IdleWorkerRequestsTerminationOnlyWhenNothingIsInUse) {
 TEST_F(WorkerTest, HubNoticesReachTheDelegateAndALostHubIsSignalled) {
   auto worker = makeWorker();
   std::vector<int> codes;
-  auto lost = worker->onDisconnected().connect([&](fn::uv::Status const& s) { codes.push_back(s.code()); });
+  auto lost =
+      worker->onDisconnected().connect([&](fn::uv::Status const& s) { codes.push_back(s.code()); });
   bool stopped = false;
   hub().stop(fn::Duration::milliseconds(1), [&] { stopped = true; });
   ASSERT_TRUE(runLoopUntil(loop, [&] { return delegate.quits == 1 && stopped; }));
