@@ -1,0 +1,63 @@
+// An independent client in another language, written against the wire format alone, is
+// greeted, pinged, routed and accounted exactly like our own workers.
+
+#include <nlohmann/json.hpp>
+
+#include "foundation/file.h"
+#include "foundation/uv/process.h"
+#include "hub_fixture.h"
+
+using namespace testing_support;
+namespace key = ipc::key;
+namespace type = ipc::type;
+
+TEST_F(HubTest, IndependentPythonClientIsRoutedAndAccounted) {
+  if (!fn::File("/usr/bin/python3").exists())
+    GTEST_SKIP() << "no /usr/bin/python3";
+  startHub(fn::Duration::milliseconds(300));  // pings every 100 ms
+  fn::String report = fn::String(::testing::TempDir()) + "wire_client_report.json";
+  fn::File(report).remove();
+
+  bool pythonConnected = false;
+  auto connected = hub().onWorkerConnected().connect(
+      [&](auto const& info) { pythonConnected = pythonConnected || info.displayName == "python"; });
+  std::optional<int64_t> exitStatus;
+  fn::uv::Process::Options options;
+  options.file = "/usr/bin/python3";
+  options.arguments = {WIRE_CLIENT_SCRIPT, hub().pipePath(), report};
+  auto python =
+      fn::uv::Process::spawn(loop, options, [&](int64_t status, int) { exitStatus = status; });
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return pythonConnected; }));
+
+  LogCapture log;
+  fn::logging::CategoryManager::instance().setThreshold("ipc.dispatcher", fn::logging::TRC);
+  uint16_t me;
+  auto peer = connect("cpp", me);
+  // Announce ourselves to every worker through object 0; the Python client answers with a
+  // MESSAGE to us that carries one of its objects.
+  peer->send(message(ipc::REGISTRY_OBJECT_ID, ipc::NO_WORKER, fn::Value::map(),
+                     fn::ByteArray{0xa5, 'h', 'e', 'l', 'l', 'o'}));
+  fn::Value got = peer->expect([](fn::Value const& r) {
+    return isType(r, type::MESSAGE) && r.get(key::OBJECT_ID) != fn::Value(0);
+  });
+  ipc::ObjectId thing = (1u << 16) + 1;
+  EXPECT_EQ(got.get(key::SOURCE_WORKER_ID), fn::Value(1));
+  EXPECT_EQ(got.get(key::OBJECTS), fn::Value::map({{thing, "PyThing"}}));
+  EXPECT_EQ(hub().instanceUsageCount(thing), 1u);
+  EXPECT_EQ(hub().referenceUsageCount(thing, me), 1u);
+
+  // Let it be pinged at least once before we release its object and it leaves.
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return log.contains("Received PONG from worker python"); }));
+  fn::logging::CategoryManager::instance().setThreshold("ipc.dispatcher", fn::logging::INF);
+  peer->send(release(thing, 1));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return exitStatus.has_value(); }));
+  EXPECT_EQ(*exitStatus, 0);
+
+  auto seen = nlohmann::json::parse(fn::File(report).readAll().view());
+  EXPECT_EQ(seen["id"], 1);
+  EXPECT_EQ(seen["announced_by"], me);
+  EXPECT_EQ(seen["announcement"], "hello");
+  EXPECT_EQ(seen["released"], nlohmann::json::array({thing, 1}));
+  EXPECT_GE(seen["pongs"], 1);
+  peer->expectType(type::WORKER_DEAD);
+}
