@@ -180,6 +180,8 @@ public:
   // `get` returns the default instead.
   Value const& at(Value const& key) const;
   Value const& get(Value const& key, Value const& fallback = NIL) const;
+  /// With a temporary fallback the result is a copy, so that it cannot dangle.
+  Value get(Value const& key, Value&& fallback) const { return get(key, fallback); }
   bool contains(Value const& key) const;
   /// Makes the value a map if it is null, then returns the member (inserted as null).
   Value& operator[](Value const& key);

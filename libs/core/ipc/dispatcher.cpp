@@ -106,7 +106,7 @@ void Dispatcher::onConnection(fn::uv::Status const& status) {
 void Dispatcher::onWorkerMessage(Connection const& connection, fn::Value record, size_t length) {
   int64_t messageType = 0;
   try {
-    fn::Value const& typeValue = record.get(key::TYPE, 0);
+    fn::Value const& typeValue = record.get(key::TYPE);
     messageType = typeValue.isInteger() ? typeValue.asInt() : 0;
     if (messageType == type::INVALID) {
       logDispatcher.log(fn::logging::WRN, "Received malformed message from worker {} ({}) ({})\n{}",

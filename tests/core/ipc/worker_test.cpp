@@ -251,6 +251,7 @@ TEST(ObjectLocal, DeliveriesArePostedAndConstructorMessagesWaitForReadiness) {
   drainLoop(loop);
   auto fresh = eager->localReference();
   EXPECT_EQ(fresh->objectId(), id);
+  eager->received.clear();  // it held the reference, which holds the instance
   eager.reset();
   fresh.reset();
   drainLoop(loop);

@@ -1,0 +1,366 @@
+// lumaren-bench: a routed round trip of a small object message from worker A through the hub
+// to worker B and back (three processes), beside the same exchange over bare Unix sockets
+// relayed by a minimal libuv relay (the floor). Each figure is taken unpinned and with every
+// process on CPU 0, which removes the cross-CPU wake-up cost and shows the software's own.
+//
+//   lumaren-bench [--quick]
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "core/ipc/dispatcher.h"
+#include "core/ipc/object.h"
+#include "core/ipc/worker.h"
+#include "foundation/file.h"
+#include "foundation/logging/category.h"
+#include "foundation/uv/process.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr int WINDOW = 256;
+
+struct Figures {
+  double medianMicros = 0;
+  double roundTripsPerSecond = 0;
+};
+
+struct Settings {
+  int latencyRounds = 5000;
+  int throughputRounds = 300000;
+};
+
+fn::String tempPath(char const* name) {
+  return fn::String(fmt::format("/tmp/lumaren-bench-{}-{}", getpid(), name));
+}
+
+void waitForFile(fn::String const& path) {
+  for (int i = 0; i < 500 && !fn::File(path).exists(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+pid_t spawnSelf(std::vector<fn::String> args) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    fn::String self = fn::uv::executablePath();
+    std::vector<char*> argv{self.data()};
+    for (auto& a : args)
+      argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execv(self.c_str(), argv.data());
+    _exit(127);
+  }
+  return pid;
+}
+
+void finish(pid_t pid) {
+  kill(pid, SIGTERM);
+  waitpid(pid, nullptr, 0);
+}
+
+double median(std::vector<double> samples) {
+  std::sort(samples.begin(), samples.end());
+  return samples[samples.size() / 2];
+}
+
+// ---- the framework: ipc::Worker, ObjectInstance and ObjectReference through a Dispatcher ----
+
+class NullDelegate : public ipc::Worker::Delegate {
+public:
+  void workerDidConnect(ipc::Worker&) override {}
+  bool wantsIdleTermination(ipc::Worker&) override { return false; }
+  bool workerCanTerminate(ipc::Worker&) override { return false; }
+  void workerRequestsTermination(ipc::Worker&) override {}
+  void aboutToQuit(ipc::Worker&) override {}
+};
+
+class Echo : public ipc::ObjectInstance {
+public:
+  using ipc::ObjectInstance::ObjectInstance;
+
+protected:
+  void onMessage(uint16_t source, fn::Value const& message) override {
+    sendMessage(source, message);
+  }
+};
+
+class Caller : public ipc::ObjectReference {
+public:
+  using ipc::ObjectReference::ObjectReference;
+  std::function<void()> onReply;
+
+protected:
+  void onMessage(fn::Value const&) override { onReply(); }
+};
+
+int runHub(fn::String const& pipeFile) {
+  fn::uv::Loop loop;
+  ipc::Dispatcher dispatcher(loop, fn::Duration::seconds(30));
+  dispatcher.bind();
+  dispatcher.start();
+  fn::File(pipeFile + ".tmp").writeAll(fn::ByteArray(dispatcher.pipePath()));
+  fn::File(pipeFile + ".tmp").moveTo(pipeFile);
+  loop.run();
+  return 0;
+}
+
+int runEcho(fn::String const& pipe) {
+  fn::uv::Loop loop;
+  NullDelegate delegate;
+  ipc::Worker worker(delegate, loop, pipe, "echo", "", false);
+  fn::AutoPtr<Echo> echo;
+  worker.connect();
+  loop.runUntil([&] { return worker.connected(); });
+  echo = fn::AutoPtr<Echo>(new Echo(worker));  // object id 1: the first of worker 1
+  loop.run();
+  return 0;
+}
+
+Figures measureFramework(Settings const& settings) {
+  fn::String pipeFile = tempPath("pipe");
+  pid_t hub = spawnSelf({"--role", "hub", "--pipe-file", pipeFile});
+  waitForFile(pipeFile);
+  fn::String pipe = fn::File(pipeFile).readAll().view();
+  fn::File(pipeFile).remove();
+  pid_t echo = spawnSelf({"--role", "echo", "--pipe", pipe});
+
+  fn::uv::Loop loop;
+  NullDelegate delegate;
+  ipc::Worker worker(delegate, loop, pipe, "caller", "", false);
+  // Connect after the echo worker so that it is worker 1 and its instance object 1.
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  worker.connect();
+  loop.runUntil([&] { return worker.connected(); });
+  ipc::ObjectReferenceInitializer init{&worker, (0u << 16) + 1, nullptr, "Echo"};
+  fn::AutoPtr<Caller> caller(new Caller(init));
+  fn::Value message = fn::Value::map({{"data", "hello, world"}, {"seq", 1}});
+
+  Figures figures;
+  // Latency: one message in flight.
+  std::vector<double> samples;
+  int outstanding = 0;
+  Clock::time_point sent;
+  caller->onReply = [&] {
+    samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - sent).count());
+    --outstanding;
+  };
+  for (int i = 0; i < settings.latencyRounds + 100; ++i) {
+    sent = Clock::now();
+    outstanding = 1;
+    caller->sendMessage(message);
+    loop.runUntil([&] { return outstanding == 0; });
+  }
+  samples.erase(samples.begin(), samples.begin() + 100);  // warm-up
+  figures.medianMicros = median(samples);
+
+  // Throughput: WINDOW messages in flight.
+  int done = 0, issued = 0;
+  caller->onReply = [&] {
+    ++done;
+    if (issued < settings.throughputRounds) {
+      ++issued;
+      caller->sendMessage(message);
+    }
+  };
+  auto start = Clock::now();
+  for (; issued < WINDOW; ++issued)
+    caller->sendMessage(message);
+  loop.runUntil([&] { return done == settings.throughputRounds; });
+  figures.roundTripsPerSecond = done / std::chrono::duration<double>(Clock::now() - start).count();
+
+  caller.reset();
+  worker.stop();
+  finish(echo);
+  finish(hub);
+  return figures;
+}
+
+// ---- the floor: bare Unix sockets and a minimal libuv relay that coalesces its writes ----
+
+int runRelay(fn::String const& path) {
+  fn::uv::Loop loop;
+  auto server = fn::uv::PipeStream::create(loop);
+  server->bind(path).throwOnError();
+  std::vector<fn::AutoPtr<fn::uv::PipeStream>> peers;
+  server->listen(8, [&](fn::uv::Status) {
+    auto peer = fn::uv::PipeStream::create(loop);
+    server->accept(*peer);
+    peers.push_back(peer);
+    if (peers.size() == 2) {
+      for (int i = 0; i < 2; ++i) {
+        fn::uv::PipeStream* to = peers[1 - i].get();
+        peers[i]->readStart([to](char const* bytes, ssize_t n) {
+          if (n > 0)
+            to->writeWith([&](fn::ByteArray& out) { out.append(bytes, static_cast<size_t>(n)); });
+        });
+      }
+    }
+  });
+  loop.run();
+  return 0;
+}
+
+int connectTo(fn::String const& path) {
+  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  for (int i = 0; i < 500; ++i) {
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
+      return fd;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return -1;
+}
+
+int runBareEcho(fn::String const& path) {
+  int fd = connectTo(path);
+  char buffer[65536];
+  for (;;) {
+    ssize_t n = read(fd, buffer, sizeof buffer);
+    if (n <= 0)
+      return 0;
+    if (write(fd, buffer, static_cast<size_t>(n)) != n)
+      return 0;
+  }
+}
+
+Figures measureFloor(Settings const& settings, size_t frameSize) {
+  fn::String path = tempPath("relay");
+  unlink(path.c_str());
+  pid_t relay = spawnSelf({"--role", "relay", "--path", path});
+  waitForFile(path);
+  int fd = connectTo(path);
+  pid_t echo = spawnSelf({"--role", "bare-echo", "--path", path});
+
+  std::vector<char> frame(frameSize, 'x');
+  std::vector<char> buffer(1 << 20);
+  Figures figures;
+  std::vector<double> samples;
+  for (int i = 0; i < settings.latencyRounds + 100; ++i) {
+    auto sent = Clock::now();
+    if (write(fd, frame.data(), frame.size()) < 0)
+      break;
+    size_t got = 0;
+    while (got < frameSize) {
+      ssize_t n = read(fd, buffer.data(), buffer.size());
+      if (n <= 0)
+        break;
+      got += static_cast<size_t>(n);
+    }
+    samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - sent).count());
+  }
+  samples.erase(samples.begin(), samples.begin() + 100);
+  figures.medianMicros = median(samples);
+
+  // WINDOW frames in flight; each batch of answers is refilled with one write.
+  std::vector<char> batch(frameSize * WINDOW, 'x');
+  int issued = WINDOW, done = 0;
+  size_t partial = 0;
+  auto start = Clock::now();
+  if (write(fd, batch.data(), batch.size()) < 0)
+    return figures;
+  while (done < settings.throughputRounds) {
+    ssize_t n = read(fd, buffer.data(), buffer.size());
+    if (n <= 0)
+      break;
+    partial += static_cast<size_t>(n);
+    int frames = static_cast<int>(partial / frameSize);
+    partial %= frameSize;
+    done += frames;
+    int more = std::min(frames, settings.throughputRounds - issued);
+    if (more > 0) {
+      if (write(fd, batch.data(), frameSize * static_cast<size_t>(more)) < 0)
+        break;
+      issued += more;
+    }
+  }
+  figures.roundTripsPerSecond = done / std::chrono::duration<double>(Clock::now() - start).count();
+  close(fd);
+  finish(echo);
+  finish(relay);
+  unlink(path.c_str());
+  return figures;
+}
+
+// The framing the framework's message occupies on the wire, so the floor moves as many bytes.
+size_t frameSizeOfMessage() {
+  fn::ByteArray payload;
+  fn::mpack::encode(fn::Value::map({{"data", "hello, world"}, {"seq", 1}}), payload);
+  fn::Value record = fn::Value::map({{ipc::key::TYPE, ipc::type::MESSAGE},
+                                     {ipc::key::OBJECT_ID, 1},
+                                     {ipc::key::SOURCE_WORKER_ID, 2},
+                                     {ipc::key::TARGET_WORKER_ID, 1},
+                                     {ipc::key::PAYLOAD, payload},
+                                     {ipc::key::OBJECTS, fn::Value::map()}});
+  fn::ByteArray frame;
+  return ipc::MessageWriter::encode(record, frame) + 4;
+}
+
+void pinTo(int cpu) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  if (cpu < 0) {
+    for (int i = 0; i < CPU_SETSIZE; ++i)
+      CPU_SET(i, &set);
+  } else {
+    CPU_SET(cpu, &set);
+  }
+  sched_setaffinity(0, sizeof set, &set);
+}
+
+int drive(Settings const& settings) {
+  size_t frameSize = frameSizeOfMessage();
+  fmt::print("round trip of a {}-byte framed object message, A -> hub -> B -> hub -> A\n",
+             frameSize);
+  fmt::print("{:<10} {:>14} {:>14} {:>8} {:>16} {:>16} {:>8}\n", "cpus", "median core",
+             "median floor", "ratio", "rt/s core", "rt/s floor", "share");
+  for (int cpu : {-1, 0}) {
+    pinTo(cpu);  // children inherit the affinity
+    Figures core = measureFramework(settings);
+    Figures floor = measureFloor(settings, frameSize);
+    fmt::print("{:<10} {:>11.1f} us {:>11.1f} us {:>7.2f}x {:>16.0f} {:>16.0f} {:>7.0f}%\n",
+               cpu < 0 ? "unpinned" : "cpu 0", core.medianMicros, floor.medianMicros,
+               core.medianMicros / floor.medianMicros, core.roundTripsPerSecond,
+               floor.roundTripsPerSecond,
+               100 * core.roundTripsPerSecond / floor.roundTripsPerSecond);
+    std::fflush(stdout);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  fn::logging::CategoryManager::instance().setThreshold("*", fn::logging::WRN);
+  std::vector<std::string_view> args(argv + 1, argv + argc);
+  auto option = [&](std::string_view name) -> fn::String {
+    for (size_t i = 0; i + 1 < args.size(); ++i) {
+      if (args[i] == name)
+        return fn::String(args[i + 1]);
+    }
+    return {};
+  };
+  fn::String role = option("--role");
+  if (role == "hub")
+    return runHub(option("--pipe-file"));
+  if (role == "echo")
+    return runEcho(option("--pipe"));
+  if (role == "relay")
+    return runRelay(option("--path"));
+  if (role == "bare-echo")
+    return runBareEcho(option("--path"));
+  Settings settings;
+  if (std::find(args.begin(), args.end(), "--quick") != args.end())
+    settings = Settings{500, 20000};
+  return drive(settings);
+}
