@@ -88,6 +88,20 @@ void File::writeAll(ByteArray const& bytes, unsigned mode) const {
     fail("close", _path, errno);
 }
 
+void File::sync() const {
+  int fd = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
+    fail("open", _path, errno);
+  while (::fsync(fd) != 0) {
+    if (errno != EINTR) {
+      int error = errno;
+      ::close(fd);
+      fail("fsync", _path, error);
+    }
+  }
+  ::close(fd);
+}
+
 String File::directory() const {
   auto slash = _path.rfind('/');
   if (slash == String::npos)
