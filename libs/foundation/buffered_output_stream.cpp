@@ -3,7 +3,8 @@
 namespace fn {
 
 BufferedOutputStream::BufferedOutputStream(OutputStream& stream, size_t size)
-    : _stream(stream), _capacity(size > 0 ? size : 1) {
+    : _stream(stream),
+      _capacity(size > 0 ? size : 1) {
   _buffer.reserve(_capacity);
 }
 

@@ -11,13 +11,14 @@ namespace fn {
 namespace {
 
 [[noreturn]] void fail(char const* what, String const& path, int error) {
-  throw withErrno(withPath(FileException(fmt::format("{} failed: {}", what, strerror(error))), path),
-                  error);
+  throw withErrno(
+      withPath(FileException(fmt::format("{} failed: {}", what, strerror(error))), path), error);
 }
 
 }  // namespace
 
-FileOutputStream::FileOutputStream(String path, unsigned mode) : _path(std::move(path)) {
+FileOutputStream::FileOutputStream(String path, unsigned mode)
+    : _path(std::move(path)) {
   _fd = ::open(_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (_fd < 0)
     fail("open", _path, errno);
@@ -62,7 +63,8 @@ void FileOutputStream::sync() {
   }
 }
 
-FileInputStream::FileInputStream(String path) : _path(std::move(path)) {
+FileInputStream::FileInputStream(String path)
+    : _path(std::move(path)) {
   _fd = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
   if (_fd < 0)
     fail("open", _path, errno);

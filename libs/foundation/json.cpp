@@ -17,12 +17,18 @@ Json toJson(Value const& value, ValueSerializer* hook);
 
 Json toJsonPlain(Value const& value, ValueSerializer* hook) {
   switch (value.type()) {
-    case Value::Type::Null: return nullptr;
-    case Value::Type::Boolean: return value.asBool();
-    case Value::Type::Integer: return value.asInt();
-    case Value::Type::UnsignedInteger: return value.asUInt();
-    case Value::Type::Double: return value.asDouble();
-    case Value::Type::String: return static_cast<std::string const&>(value.asString());
+    case Value::Type::Null:
+      return nullptr;
+    case Value::Type::Boolean:
+      return value.asBool();
+    case Value::Type::Integer:
+      return value.asInt();
+    case Value::Type::UnsignedInteger:
+      return value.asUInt();
+    case Value::Type::Double:
+      return value.asDouble();
+    case Value::Type::String:
+      return static_cast<std::string const&>(value.asString());
     case Value::Type::Array: {
       Json array = Json::array();
       array.get_ref<Json::array_t&>().reserve(value.asArray().size());
@@ -46,7 +52,8 @@ Json toJsonPlain(Value const& value, ValueSerializer* hook) {
       if (!value.asObject())
         return nullptr;
       [[fallthrough]];
-    case Value::Type::ByteArray: break;
+    case Value::Type::ByteArray:
+      break;
   }
   throw withDetail(DataFormatException("Unsupported value type"), value.toString());
 }
@@ -61,7 +68,8 @@ Json toJson(Value const& value, ValueSerializer* hook) {
 // recursion.
 class Builder {
 public:
-  explicit Builder(ValueDeserializer* hook) : _hook(hook) {}
+  explicit Builder(ValueDeserializer* hook)
+      : _hook(hook) {}
 
   Value take() { return std::move(_root); }
   String const& error() const { return _error; }

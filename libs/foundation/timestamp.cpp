@@ -31,7 +31,8 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
 
 class Scanner {
 public:
-  explicit Scanner(std::string_view text) : _text(text) {}
+  explicit Scanner(std::string_view text)
+      : _text(text) {}
 
   bool atEnd() const { return _at == _text.size(); }
   void skipBlanks() {
@@ -53,7 +54,8 @@ public:
   std::optional<int> digits(size_t minCount, size_t maxCount) {
     size_t start = _at;
     int value = 0;
-    while (!atEnd() && _at - start < maxCount && std::isdigit(static_cast<unsigned char>(_text[_at])))
+    while (!atEnd() && _at - start < maxCount &&
+           std::isdigit(static_cast<unsigned char>(_text[_at])))
       value = value * 10 + (_text[_at++] - '0');
     if (_at - start < minCount)
       return std::nullopt;
@@ -89,9 +91,9 @@ Timestamp Timestamp::fromRfc1123(std::string_view text) {
   scan.skipBlanks();
   std::string_view first = scan.word();
   if (!first.empty()) {
-    if (std::find_if(WEEKDAYS.begin(), WEEKDAYS.end(), [&](auto name) {
-          return equalsIgnoringCase(name, first);
-        }) == WEEKDAYS.end() ||
+    if (std::find_if(WEEKDAYS.begin(), WEEKDAYS.end(),
+                     [&](auto name) { return equalsIgnoringCase(name, first); }) ==
+            WEEKDAYS.end() ||
         !scan.literal(','))
       invalid(text);
     scan.skipBlanks();
@@ -110,8 +112,8 @@ Timestamp Timestamp::fromRfc1123(std::string_view text) {
   std::optional<int> second = 0;
   if (scan.literal(':'))
     second = scan.digits(2, 2);
-  if (!dayNumber || month == MONTHS.end() || !yearNumber || !hour || !colon || !minute ||
-      !second || *hour > 23 || *minute > 59 || *second > 60)
+  if (!dayNumber || month == MONTHS.end() || !yearNumber || !hour || !colon || !minute || !second ||
+      *hour > 23 || *minute > 59 || *second > 60)
     invalid(text);
 
   scan.skipBlanks();

@@ -16,7 +16,8 @@ public:
   using TimePoint = typename Clock::time_point;
 
   TimestampBase() = default;
-  explicit TimestampBase(TimePoint time) : _time(time) {}
+  explicit TimestampBase(TimePoint time)
+      : _time(time) {}
 
   TimePoint timePoint() const { return _time; }
   auto operator<=>(TimestampBase const&) const = default;
@@ -29,7 +30,8 @@ private:
 class FN_EXPORT Timestamp : public TimestampBase<std::chrono::system_clock> {
 public:
   using TimestampBase::TimestampBase;
-  Timestamp(TimestampBase const& base) : TimestampBase(base) {}
+  Timestamp(TimestampBase const& base)
+      : TimestampBase(base) {}
 
   static Timestamp now() { return Timestamp(std::chrono::system_clock::now()); }
   static Timestamp fromUnixSeconds(int64_t seconds) {

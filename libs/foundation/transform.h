@@ -21,7 +21,8 @@ public:
 class FN_EXPORT TransformOutputStream : public OutputStream {
 public:
   TransformOutputStream(OutputStream& stream, Transform& transform)
-      : _stream(stream), _transform(transform) {}
+      : _stream(stream),
+        _transform(transform) {}
 
   void write(void const* bytes, size_t count) override {
     _transform.transform(static_cast<uint8_t const*>(bytes), count, _stream);
