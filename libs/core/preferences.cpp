@@ -150,16 +150,25 @@ void Preferences::save() {
 fn::Value Preferences::loadInternal() const {
   if (!fn::File(_path).exists())
     return fn::Value::map();
-  fn::ByteArray text{'{'};
-  {
-    fn::FileInputStream file(_path);
-    fn::ByteArray content = fn::StreamReader(file).readEverything();
-    text.reserve(content.size() + 2);
-    text.insert(text.end(), content.begin(), content.end());
-  }
-  text.push_back('}');
+  fn::FileInputStream file(_path);
+  return parse(fn::StreamReader(file).readEverything().view(), _path);
+}
+
+fn::Value Preferences::parse(std::string_view content, fn::String const& path) {
+  fn::String text;
+  text.reserve(content.size() + 2);
+  text += '{';
+  text += content;
+  text += '}';
   Deserializer deserializer;
-  return fn::json::deserialize(text.view(), &deserializer, _path);
+  return fn::json::deserialize(text, &deserializer, path);
+}
+
+void Preferences::write(fn::Value const& root, fn::OutputStream& stream) {
+  OutputTransform transform;
+  fn::TransformOutputStream transformed(stream, transform);
+  Serializer serializer;
+  fn::json::serialize(root, transformed, true, &serializer);
 }
 
 void Preferences::saveInternal() const {
@@ -168,15 +177,12 @@ void Preferences::saveInternal() const {
   try {
     fn::FileOutputStream file(temporary, FILE_MODE);
     fn::BufferedOutputStream buffered(file, WRITE_BUFFER_SIZE);
-    OutputTransform transform;
-    fn::TransformOutputStream stream(buffered, transform);
-    Serializer serializer;
-    fn::json::serialize(_root, stream, true, &serializer);
+    write(_root, buffered);
     // The bytes must be on disk before the rename makes them the file: otherwise a power cut
     // can leave the new name pointing at an empty file.
-    stream.flush();
+    buffered.flush();
     file.sync();
-    stream.close();
+    buffered.close();
     fn::File(temporary).moveTo(_path);
   } catch (...) {
     // Best effort: the original error is what the caller needs to see.

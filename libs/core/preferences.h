@@ -10,7 +10,10 @@
 //
 // Not thread-safe; use one object on one thread at a time.
 
+#include <string_view>
+
 #include "core/export.h"
+#include "foundation/stream.h"
 #include "foundation/string.h"
 #include "foundation/value.h"
 
@@ -38,6 +41,11 @@ public:
   /// over the target, so that readers, a crash or a power cut see either the old or the new
   /// file. The result is read back; if that fails the file is written once more.
   void save();
+
+  /// The tree that a file with `content` holds; `path` is attached to parse errors.
+  static fn::Value parse(std::string_view content, fn::String const& path = {});
+  /// Writes `root` in the file's layout.
+  static void write(fn::Value const& root, fn::OutputStream& stream);
 
 private:
   fn::Value loadInternal() const;
