@@ -92,7 +92,8 @@ void File::sync() const {
   int fd = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0)
     fail("open", _path, errno);
-  while (::fsync(fd) != 0) {
+  // EINVAL: the file system cannot sync this kind of file (some cannot for directories).
+  while (::fsync(fd) != 0 && errno != EINVAL) {
     if (errno != EINTR) {
       int error = errno;
       ::close(fd);

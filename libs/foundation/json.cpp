@@ -1,5 +1,6 @@
 #include "foundation/json.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "foundation/exception.h"
@@ -97,6 +98,9 @@ public:
 private:
   struct Frame {
     Value container;
+    // An object's members are collected in file order and sorted once at its end: inserting
+    // each into the sorted map would cost quadratic time for a large object in random order.
+    std::vector<ValueMap::Entry> members;
     String key;
   };
 
@@ -111,7 +115,7 @@ private:
     if (top.container.isArray())
       top.container.asArray().push_back(std::move(value));
     else
-      top.container.asMap().insertOrAssign(Value(std::move(top.key)), std::move(value));
+      top.members.emplace_back(Value(std::move(top.key)), std::move(value));
     return true;
   }
 
@@ -119,12 +123,26 @@ private:
     if (_stack.size() >= MAX_DEPTH)
       throw withDetail(DataFormatException("JSON nested too deeply"),
                        fmt::format("more than {} levels", MAX_DEPTH));
-    _stack.push_back(Frame{std::move(container), {}});
+    _stack.push_back(Frame{std::move(container), {}, {}});
     return true;
   }
 
   bool close() {
-    Value done = std::move(_stack.back().container);
+    Frame& top = _stack.back();
+    if (top.container.isMap()) {
+      auto& members = top.members;
+      std::stable_sort(members.begin(), members.end(),
+                       [](auto const& a, auto const& b) { return a.first < b.first; });
+      auto& map = top.container.asMap();
+      map.reserve(members.size());
+      // A repeated name keeps its last value, as later text overrides earlier text.
+      for (size_t i = 0; i < members.size(); ++i) {
+        if (i + 1 < members.size() && members[i + 1].first == members[i].first)
+          continue;
+        map.insertOrAssign(std::move(members[i].first), std::move(members[i].second));
+      }
+    }
+    Value done = std::move(top.container);
     _stack.pop_back();
     return put(std::move(done));
   }
