@@ -26,6 +26,13 @@ public:
   String toHex() const;
   /// "<N bytes: 0a0b...>", abbreviated after 32 bytes.
   String toString() const;
+
+  /// Standard Base64 with padding. A `lineWidth` above 0 breaks the text into lines of that
+  /// many characters, separated by CR LF (no break after the last line).
+  String base64(size_t lineWidth = 0) const;
+  /// Decodes standard Base64, ignoring blanks and line breaks anywhere in `text`;
+  /// DataFormatException for anything else that is not Base64.
+  static ByteArray fromBase64(std::string_view text);
 };
 
 }  // namespace fn

@@ -26,6 +26,10 @@ public:
   /// Writes `bytes` to the path (created with `mode`, truncated) and closes it.
   void writeAll(ByteArray const& bytes, unsigned mode = 0644) const;
 
+  /// Waits until the file, or for a directory its entries (a rename into it), is on the
+  /// storage device.
+  void sync() const;
+
   /// The directory part of the path ("." when there is none).
   String directory() const;
 

@@ -88,6 +88,21 @@ void File::writeAll(ByteArray const& bytes, unsigned mode) const {
     fail("close", _path, errno);
 }
 
+void File::sync() const {
+  int fd = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
+    fail("open", _path, errno);
+  // EINVAL: the file system cannot sync this kind of file (some cannot for directories).
+  while (::fsync(fd) != 0 && errno != EINVAL) {
+    if (errno != EINTR) {
+      int error = errno;
+      ::close(fd);
+      fail("fsync", _path, error);
+    }
+  }
+  ::close(fd);
+}
+
 String File::directory() const {
   auto slash = _path.rfind('/');
   if (slash == String::npos)

@@ -1,0 +1,76 @@
+#include "core/password_manager.h"
+
+#include "foundation/exception.h"
+#include "foundation/path_manager.h"
+
+namespace core {
+namespace {
+
+fn::String servicePath(std::string_view service) {
+  return fn::String("passwords." + fn::String(service));
+}
+
+}  // namespace
+
+PasswordManager::~PasswordManager() = default;
+
+fn::String PasswordManager::getPassword(std::string_view service, std::string_view account) {
+  bool found = false;
+  return getPassword(service, account, found);
+}
+
+PasswordManager& PasswordManager::instance() {
+  // Unlike "Instance.prefs", the directory is not created here: on this path, only storing a
+  // secret (which creates the key beside the file) needs it.
+  static PasswordManager* manager = new PasswordManagerGeneric(
+      Encryption::createPlatformDefault(),
+      fn::PathManager::instance().getPath(fn::PathManager::USER_DATA, FILE_NAME, false));
+  return *manager;
+}
+
+PasswordManagerGeneric::PasswordManagerGeneric(std::unique_ptr<Encryption> encryption,
+                                               fn::String path)
+    : _encryption(std::move(encryption)),
+      _preferences(std::move(path)) {}
+
+PasswordManagerGeneric::~PasswordManagerGeneric() = default;
+
+void PasswordManagerGeneric::setPassword(std::string_view service,
+                                         std::string_view account,
+                                         std::string_view password) {
+  _preferences.reload();
+  fn::Value& group = _preferences.root().mapForPath(servicePath(service));
+  group[fn::Value(account)] = fn::Value(_encryption->encrypt(password));
+  _preferences.save();
+}
+
+fn::String PasswordManagerGeneric::getPassword(std::string_view service,
+                                               std::string_view account,
+                                               bool& found) {
+  try {
+    _preferences.reload();
+  } catch (fn::DataFormatException const&) {
+    _preferences.save();
+  }
+  fn::Value const& group = _preferences.root().valueForPathIfExists(servicePath(service));
+  fn::Value key(account);
+  if (group.isMap() && group.contains(key)) {
+    found = true;
+    fn::Value const& stored = group.at(key);
+    // Anything but text cannot be a stored secret; decrypt() reports it like a bad one.
+    return _encryption->decrypt(stored.isString() ? std::string_view(stored.asString())
+                                                  : std::string_view());
+  }
+  found = false;
+  return {};
+}
+
+void PasswordManagerGeneric::removePassword(std::string_view service, std::string_view account) {
+  _preferences.reload();
+  fn::Value const& group = _preferences.root().valueForPathIfExists(servicePath(service));
+  if (group.isMap() && group.contains(fn::Value(account)))
+    _preferences.root().mapForPath(servicePath(service)).erase(fn::Value(account));
+  _preferences.save();
+}
+
+}  // namespace core

@@ -1,0 +1,48 @@
+#pragma once
+
+// Streams over files on disk. Failures throw FileException with the path and errno attached.
+
+#include "foundation/export.h"
+#include "foundation/stream.h"
+#include "foundation/string.h"
+
+namespace fn {
+
+/// Writes straight to a file (no buffering of its own: wrap it in a BufferedOutputStream).
+class FN_EXPORT FileOutputStream : public OutputStream {
+public:
+  /// Creates `path` with `mode` (subject to the umask), or truncates it when it exists.
+  explicit FileOutputStream(String path, unsigned mode = 0644);
+  /// Closes without reporting errors; call close() to learn about them.
+  ~FileOutputStream() override;
+  FileOutputStream(FileOutputStream const&) = delete;
+  FileOutputStream& operator=(FileOutputStream const&) = delete;
+
+  void write(void const* bytes, size_t count) override;
+  /// Closes the file; a second call does nothing.
+  void close() override;
+  /// Waits until the bytes written so far are on the storage device.
+  void sync();
+  String const& path() const { return _path; }
+
+private:
+  String _path;
+  int _fd = -1;
+};
+
+class FN_EXPORT FileInputStream : public InputStream {
+public:
+  explicit FileInputStream(String path);
+  ~FileInputStream() override;
+  FileInputStream(FileInputStream const&) = delete;
+  FileInputStream& operator=(FileInputStream const&) = delete;
+
+  size_t read(void* bytes, size_t count) override;
+  String const& path() const { return _path; }
+
+private:
+  String _path;
+  int _fd = -1;
+};
+
+}  // namespace fn

@@ -1,0 +1,7 @@
+#include "foundation/transform.h"
+
+namespace fn {
+
+Transform::~Transform() = default;
+
+}  // namespace fn

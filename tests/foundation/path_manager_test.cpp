@@ -1,0 +1,54 @@
+#include "foundation/path_manager.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "foundation/environment.h"
+#include "foundation/exception.h"
+#include "foundation/file.h"
+
+namespace fn {
+namespace {
+
+TEST(PathManager, LocationsLiveUnderTheApplicationNameAndTheTestRoot) {
+  char pattern[] = "/tmp/lumaren-paths-XXXXXX";
+  ASSERT_NE(::mkdtemp(pattern), nullptr);
+  String root(pattern);
+  auto& paths = PathManager::instance();
+  String previousName = paths.applicationName();
+
+  Environment::unset(PathManager::TEST_ROOT_VARIABLE);
+  Environment::set("XDG_DATA_HOME", root + "/xdg-data");
+  EXPECT_EQ(paths.getPath(PathManager::USER_DATA, "x"), root + "/xdg-data/Lumaren/x");
+  Environment::set("XDG_DATA_HOME", "relative/ignored");
+  Environment::set("HOME", root + "/home");
+  EXPECT_EQ(paths.getPath(PathManager::USER_DATA), root + "/home/.local/share/Lumaren");
+
+  Environment::set(PathManager::TEST_ROOT_VARIABLE, root);
+  paths.setApplicationName("Orbisant");
+  EXPECT_EQ(paths.getPath(PathManager::USER_FILES, "a"), root + "/documents/Orbisant/a");
+  EXPECT_EQ(paths.getPath(PathManager::USER_DATA, "Instance.prefs"),
+            root + "/data/Orbisant/Instance.prefs");
+  EXPECT_EQ(paths.getPath(PathManager::LOGGING_PROFILES), root + "/data/Orbisant/logging_profiles");
+  EXPECT_EQ(paths.getPath(PathManager::LOGS, "hub.log"), root + "/state/Orbisant/logs/hub.log");
+  EXPECT_FALSE(File(root + "/data").exists());
+
+  String created = paths.getPath(PathManager::LOGGING_PROFILES, "p.json", true);
+  EXPECT_FALSE(File(created).exists());
+  EXPECT_TRUE(File(root + "/data/Orbisant/logging_profiles").isDirectory());
+  struct stat info {};
+  ASSERT_EQ(::stat((root + "/data/Orbisant").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 077, 0u);
+
+  EXPECT_THROW(paths.getPath(4), RangeException);
+
+  paths.setApplicationName(previousName);
+  Environment::unset(PathManager::TEST_ROOT_VARIABLE);
+  std::filesystem::remove_all(std::string(root));
+}
+
+}  // namespace
+}  // namespace fn
