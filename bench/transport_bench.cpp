@@ -3,7 +3,7 @@
 // relayed by a minimal libuv relay (the floor). Each figure is taken unpinned and with every
 // process on CPU 0, which removes the cross-CPU wake-up cost and shows the software's own.
 //
-//   lumaren-bench [--quick]
+//   lumaren-bench [--quick] [--framework-only]
 
 #include <fcntl.h>
 #include <sched.h>
@@ -318,7 +318,7 @@ void pinTo(int cpu) {
   sched_setaffinity(0, sizeof set, &set);
 }
 
-int drive(Settings const& settings) {
+int drive(Settings const& settings, bool frameworkOnly) {
   size_t frameSize = frameSizeOfMessage();
   fmt::print("round trip of a {}-byte framed object message, A -> hub -> B -> hub -> A\n",
              frameSize);
@@ -327,6 +327,11 @@ int drive(Settings const& settings) {
   for (int cpu : {-1, 0}) {
     pinTo(cpu);  // children inherit the affinity
     Figures core = measureFramework(settings);
+    if (frameworkOnly) {
+      fmt::print("{:<10} {:>11.1f} us {:>16.0f} rt/s\n", cpu < 0 ? "unpinned" : "cpu 0",
+                 core.medianMicros, core.roundTripsPerSecond);
+      continue;
+    }
     Figures floor = measureFloor(settings, frameSize);
     fmt::print("{:<10} {:>11.1f} us {:>11.1f} us {:>7.2f}x {:>16.0f} {:>16.0f} {:>7.0f}%\n",
                cpu < 0 ? "unpinned" : "cpu 0", core.medianMicros, floor.medianMicros,
@@ -362,5 +367,6 @@ int main(int argc, char** argv) {
   Settings settings;
   if (std::find(args.begin(), args.end(), "--quick") != args.end())
     settings = Settings{500, 20000};
-  return drive(settings);
+  bool frameworkOnly = std::find(args.begin(), args.end(), "--framework-only") != args.end();
+  return drive(settings, frameworkOnly);
 }
