@@ -154,19 +154,101 @@ bool ValueMap::operator==(ValueMap const& other) const {
   return _entries == other._entries;
 }
 
+Value::Value(Array v) : _type(Type::Array) {
+  new (&_s.array) Array(std::move(v));
+}
+
+Value::Value(Map v) : _type(Type::Map) {
+  new (&_s.map) Map(std::move(v));
+}
+
+void Value::destroy() noexcept {
+  switch (_type) {
+    case Type::String:
+      _s.string.~String();
+      break;
+    case Type::ByteArray:
+      _s.bytes.~ByteArray();
+      break;
+    case Type::Array:
+      _s.array.~Array();
+      break;
+    case Type::Map:
+      _s.map.~Map();
+      break;
+    case Type::Object:
+      _s.object.~AutoPtr();
+      break;
+    default:
+      break;
+  }
+}
+
+void Value::copyFrom(Value const& other) {
+  switch (other._type) {
+    case Type::String:
+      new (&_s.string) String(other._s.string);
+      break;
+    case Type::ByteArray:
+      new (&_s.bytes) ByteArray(other._s.bytes);
+      break;
+    case Type::Array:
+      new (&_s.array) Array(other._s.array);
+      break;
+    case Type::Map:
+      new (&_s.map) Map(other._s.map);
+      break;
+    case Type::Object:
+      new (&_s.object) AutoPtr<RefCountedObject>(other._s.object);
+      break;
+    default:
+      _s.u = other._s.u;
+      break;
+  }
+}
+
+void Value::moveFrom(Value&& other) noexcept {
+  switch (other._type) {
+    case Type::String:
+      new (&_s.string) String(std::move(other._s.string));
+      break;
+    case Type::ByteArray:
+      new (&_s.bytes) ByteArray(std::move(other._s.bytes));
+      break;
+    case Type::Array:
+      new (&_s.array) Array(std::move(other._s.array));
+      break;
+    case Type::Map:
+      new (&_s.map) Map(std::move(other._s.map));
+      break;
+    case Type::Object:
+      new (&_s.object) AutoPtr<RefCountedObject>(std::move(other._s.object));
+      break;
+    default:
+      _s.u = other._s.u;
+      break;
+  }
+}
+
+Value const& Value::throwNoSuchKey(Value const& key) const {
+  if (_type != Type::Map)
+    throwWrongType(Type::Map);
+  throw withDetail(RangeException("No such key"), key.toString());
+}
+
 bool Value::asBool() const {
-  if (auto const* b = std::get_if<bool>(&_v))
-    return *b;
+  if (_type == Type::Boolean)
+    return _s.b;
   throwWrongType(Type::Boolean);
 }
 
 int64_t Value::asInt() const {
-  if (auto const* i = std::get_if<int64_t>(&_v))
-    return *i;
+  if (_type == Type::Integer)
+    return _s.i;
   // Only values above INT64_MAX are held unsigned: none of them fits.
-  if (std::holds_alternative<uint64_t>(_v))
+  if (_type == Type::UnsignedInteger)
     throwOutOfRange();
-  if (auto const* d = std::get_if<double>(&_v); d && std::isfinite(*d)) {
+  if (double const* d = _type == Type::Double ? &_s.d : nullptr; d && std::isfinite(*d)) {
     // Converting a double outside the target range is undefined, not merely inexact.
     if (*d < -0x1p63 || *d >= 0x1p63)
       throwOutOfRange();
@@ -176,9 +258,10 @@ int64_t Value::asInt() const {
 }
 
 uint64_t Value::asUInt() const {
-  if (auto const* u = std::get_if<uint64_t>(&_v))
-    return *u;
-  if (auto const* d = std::get_if<double>(&_v); d && std::isfinite(*d) && *d >= 0x1p63) {
+  if (_type == Type::UnsignedInteger)
+    return _s.u;
+  if (double const* d = _type == Type::Double ? &_s.d : nullptr;
+      d && std::isfinite(*d) && *d >= 0x1p63) {
     if (*d >= 0x1p64)
       throwOutOfRange();
     return static_cast<uint64_t>(*d);
@@ -190,60 +273,60 @@ uint64_t Value::asUInt() const {
 }
 
 double Value::asDouble() const {
-  if (auto const* d = std::get_if<double>(&_v))
-    return *d;
-  if (auto const* i = std::get_if<int64_t>(&_v))
-    return static_cast<double>(*i);
-  if (auto const* u = std::get_if<uint64_t>(&_v))
-    return static_cast<double>(*u);
+  if (_type == Type::Double)
+    return _s.d;
+  if (_type == Type::Integer)
+    return static_cast<double>(_s.i);
+  if (_type == Type::UnsignedInteger)
+    return static_cast<double>(_s.u);
   throwWrongType(Type::Double);
 }
 
 String const& Value::asString() const {
-  if (auto const* s = std::get_if<String>(&_v))
-    return *s;
+  if (_type == Type::String)
+    return _s.string;
   throwWrongType(Type::String);
 }
 
 ByteArray const& Value::asByteArray() const {
-  if (auto const* b = std::get_if<ByteArray>(&_v))
-    return *b;
+  if (_type == Type::ByteArray)
+    return _s.bytes;
   throwWrongType(Type::ByteArray);
 }
 
 ByteArray& Value::asByteArray() {
-  if (auto* b = std::get_if<ByteArray>(&_v))
-    return *b;
+  if (_type == Type::ByteArray)
+    return _s.bytes;
   throwWrongType(Type::ByteArray);
 }
 
 Value::Array const& Value::asArray() const {
-  if (auto const* a = std::get_if<Array>(&_v))
-    return *a;
+  if (_type == Type::Array)
+    return _s.array;
   throwWrongType(Type::Array);
 }
 
 Value::Array& Value::asArray() {
-  if (auto* a = std::get_if<Array>(&_v))
-    return *a;
+  if (_type == Type::Array)
+    return _s.array;
   throwWrongType(Type::Array);
 }
 
 Value::Map const& Value::asMap() const {
-  if (auto const* m = std::get_if<Map>(&_v))
-    return *m;
+  if (_type == Type::Map)
+    return _s.map;
   throwWrongType(Type::Map);
 }
 
 Value::Map& Value::asMap() {
-  if (auto* m = std::get_if<Map>(&_v))
-    return *m;
+  if (_type == Type::Map)
+    return _s.map;
   throwWrongType(Type::Map);
 }
 
 AutoPtr<RefCountedObject> const& Value::asObject() const {
-  if (auto const* o = std::get_if<AutoPtr<RefCountedObject>>(&_v))
-    return *o;
+  if (_type == Type::Object)
+    return _s.object;
   throwWrongType(Type::Object);
 }
 
@@ -256,7 +339,7 @@ Value const& Value::at(Value const& key) const {
 }
 
 Value const& Value::get(Value const& key, Value const& fallback) const {
-  auto const* map = std::get_if<Map>(&_v);
+  auto const* map = _type == Type::Map ? &_s.map : nullptr;
   if (!map)
     return fallback;
   auto found = map->find(key);
@@ -264,18 +347,18 @@ Value const& Value::get(Value const& key, Value const& fallback) const {
 }
 
 bool Value::contains(Value const& key) const {
-  auto const* map = std::get_if<Map>(&_v);
+  auto const* map = _type == Type::Map ? &_s.map : nullptr;
   return map && map->contains(key);
 }
 
 Value& Value::operator[](Value const& key) {
   if (isNull())
-    _v = Map();
+    *this = Value(Map());
   return asMap()[key];
 }
 
 size_t Value::erase(Value const& key) {
-  auto* map = std::get_if<Map>(&_v);
+  auto* map = _type == Type::Map ? &_s.map : nullptr;
   return map ? map->erase(key) : 0;
 }
 
@@ -288,15 +371,15 @@ Value const& Value::element(size_t index) const {
 
 void Value::append(Value item) {
   if (isNull())
-    _v = Array();
+    *this = Value(Array());
   asArray().push_back(std::move(item));
 }
 
 size_t Value::size() const {
-  if (auto const* a = std::get_if<Array>(&_v))
-    return a->size();
-  if (auto const* m = std::get_if<Map>(&_v))
-    return m->size();
+  if (_type == Type::Array)
+    return _s.array.size();
+  if (_type == Type::Map)
+    return _s.map.size();
   return 0;
 }
 
@@ -354,8 +437,8 @@ bool operator==(Value const& a, Value const& b) {
 }
 
 std::strong_ordering operator<=>(Value const& a, Value const& b) {
-  if (a._v.index() != b._v.index())
-    return a._v.index() <=> b._v.index();
+  if (a._type != b._type)
+    return a._type <=> b._type;
   switch (a.type()) {
     case Value::Type::Null:
       return std::strong_ordering::equal;

@@ -16,7 +16,6 @@
 #include <string_view>
 #include <type_traits>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "foundation/byte_array.h"
@@ -53,6 +52,7 @@ public:
 
   iterator find(Value const& key);
   const_iterator find(Value const& key) const;
+  const_iterator find(int64_t key) const;
   bool contains(Value const& key) const;
   /// The value under `key`, inserted as null when absent.
   Value& operator[](Value const& key);
@@ -87,30 +87,65 @@ public:
 
   static Value const NIL;
 
-  Value() = default;
-  Value(std::nullptr_t) {}
-  Value(bool v) : _v(v) {}
+  Value() { _s.u = 0; }
+  Value(std::nullptr_t) : Value() {}
+  Value(bool v) : _type(Type::Boolean) { _s.b = v; }
   template <IntegerNotBool T>
-  Value(T v) {
+  Value(T v) : _type(Type::Integer) {
     if constexpr (std::is_unsigned_v<T> && sizeof(T) >= sizeof(int64_t)) {
       if (v > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
-        _v = static_cast<uint64_t>(v);
+        _type = Type::UnsignedInteger;
+        _s.u = static_cast<uint64_t>(v);
         return;
       }
     }
-    _v = static_cast<int64_t>(v);
+    _s.i = static_cast<int64_t>(v);
   }
-  Value(double v) : _v(v) {}
-  Value(float v) : _v(static_cast<double>(v)) {}
-  Value(char const* v) : _v(fn::String(v)) {}
-  Value(std::string_view v) : _v(fn::String(v)) {}
-  Value(std::string const& v) : _v(fn::String(v)) {}
-  Value(fn::String v) : _v(std::move(v)) {}
-  Value(fn::ByteArray v) : _v(std::move(v)) {}
-  Value(Array v) : _v(std::move(v)) {}
-  Value(Map v) : _v(std::move(v)) {}
+  Value(double v) : _type(Type::Double) { _s.d = v; }
+  Value(float v) : Value(static_cast<double>(v)) {}
+  Value(char const* v) : Value(fn::String(v)) {}
+  Value(std::string_view v) : Value(fn::String(v)) {}
+  Value(std::string const& v) : Value(fn::String(v)) {}
+  Value(fn::String v) : _type(Type::String) { new (&_s.string) fn::String(std::move(v)); }
+  Value(fn::ByteArray v) : _type(Type::ByteArray) { new (&_s.bytes) fn::ByteArray(std::move(v)); }
+  Value(Array v);
+  Value(Map v);
   template <RefCounted T>
-  Value(AutoPtr<T> object) : _v(AutoPtr<RefCountedObject>(std::move(object))) {}
+  Value(AutoPtr<T> object) : _type(Type::Object) {
+    new (&_s.object) AutoPtr<RefCountedObject>(std::move(object));
+  }
+
+  Value(Value const& other) : _type(other._type) {
+    if (isScalar(_type))
+      _s.u = other._s.u;
+    else
+      copyFrom(other);
+  }
+  Value(Value&& other) noexcept : _type(other._type) {
+    if (isScalar(_type))
+      _s.u = other._s.u;
+    else
+      moveFrom(std::move(other));
+  }
+  Value& operator=(Value const& other) {
+    if (this != &other) {
+      Value copy(other);
+      *this = std::move(copy);
+    }
+    return *this;
+  }
+  Value& operator=(Value&& other) noexcept {
+    if (this != &other) {
+      reset();
+      _type = other._type;
+      if (isScalar(_type))
+        _s.u = other._s.u;
+      else
+        moveFrom(std::move(other));
+    }
+    return *this;
+  }
+  ~Value() { reset(); }
 
   static Value array(std::initializer_list<Value> items = {}) { return Value(Array(items)); }
   static Value map(std::initializer_list<ValueMap::Entry> entries = {}) {
@@ -122,7 +157,7 @@ public:
     return Value(makeAuto<Boxed<T>>(std::move(value)));
   }
 
-  Type type() const { return static_cast<Type>(_v.index()); }
+  Type type() const { return _type; }
   bool is(Type t) const { return type() == t; }
   bool isNull() const { return is(Type::Null); }
   bool isBool() const { return is(Type::Boolean); }
@@ -151,8 +186,10 @@ public:
   /// The integer checked to fit T; RangeException otherwise.
   template <std::integral T>
   T to() const {
+    if (is(Type::Integer) && std::in_range<T>(_s.i))
+      return static_cast<T>(_s.i);
     if (is(Type::UnsignedInteger)) {
-      uint64_t u = std::get<uint64_t>(_v);
+      uint64_t u = _s.u;
       if (u > static_cast<uint64_t>(std::numeric_limits<T>::max()))
         throwOutOfRange();
       return static_cast<T>(u);
@@ -166,8 +203,7 @@ public:
   /// The object if the value holds one of dynamic type T, else null.
   template <typename T>
   T* objectAs() const {
-    auto const* object = std::get_if<AutoPtr<RefCountedObject>>(&_v);
-    return object ? dynamic_cast<T*>(object->get()) : nullptr;
+    return _type == Type::Object ? dynamic_cast<T*>(_s.object.get()) : nullptr;
   }
   /// The boxed value if the value holds a Boxed<T>, else null.
   template <typename T>
@@ -183,6 +219,30 @@ public:
   /// With a temporary fallback the result is a copy, so that it cannot dangle.
   Value get(Value const& key, Value&& fallback) const { return get(key, fallback); }
   bool contains(Value const& key) const;
+  // Integer keys, the keys of every record, are looked up without building a key value.
+  template <IntegerNotBool K>
+  Value const& at(K key) const {
+    if (!std::in_range<int64_t>(key))
+      return at(Value(key));
+    Value const* found = findInteger(static_cast<int64_t>(key));
+    return found ? *found : throwNoSuchKey(Value(key));
+  }
+  template <IntegerNotBool K>
+  Value const& get(K key, Value const& fallback = NIL) const {
+    if (!std::in_range<int64_t>(key))
+      return get(Value(key), fallback);
+    Value const* found = findInteger(static_cast<int64_t>(key));
+    return found ? *found : fallback;
+  }
+  template <IntegerNotBool K>
+  Value get(K key, Value&& fallback) const {
+    return get(key, fallback);
+  }
+  template <IntegerNotBool K>
+  bool contains(K key) const {
+    return std::in_range<int64_t>(key) ? findInteger(static_cast<int64_t>(key)) != nullptr
+                                       : contains(Value(key));
+  }
   /// Makes the value a map if it is null, then returns the member (inserted as null).
   Value& operator[](Value const& key);
   Value& operator[](char const* key) { return (*this)[Value(key)]; }
@@ -209,20 +269,45 @@ public:
   friend FN_EXPORT std::strong_ordering operator<=>(Value const& a, Value const& b);
 
 private:
+  friend class ValueMap;
+
+  // Null, booleans and numbers are 8 plain bytes: copying and destroying them never leaves
+  // the inline code.
+  static constexpr bool isScalar(Type t) { return t < Type::String; }
+  void reset() noexcept {
+    if (!isScalar(_type))
+      destroy();
+    _type = Type::Null;
+  }
+  void destroy() noexcept;
+  void copyFrom(Value const& other);
+  void moveFrom(Value&& other) noexcept;
+  /// -1, 0, 1 as this compares to the integer key `key`, by the map order.
+  int compareToInteger(int64_t key) const {
+    if (_type != Type::Integer)
+      return _type < Type::Integer ? -1 : 1;
+    return _s.i < key ? -1 : (_s.i > key ? 1 : 0);
+  }
+
+  Value const* findInteger(int64_t key) const;
+  [[noreturn]] Value const& throwNoSuchKey(Value const& key) const;
   [[noreturn]] void throwWrongType(Type expected) const;
   [[noreturn]] void throwOutOfRange() const;
 
-  std::variant<std::monostate,
-               bool,
-               int64_t,
-               uint64_t,
-               double,
-               fn::String,
-               fn::ByteArray,
-               Array,
-               Map,
-               AutoPtr<RefCountedObject>>
-      _v;
+  Type _type = Type::Null;
+  union Storage {
+    Storage() {}
+    ~Storage() {}
+    bool b;
+    int64_t i;
+    uint64_t u;
+    double d;
+    fn::String string;
+    fn::ByteArray bytes;
+    Array array;
+    Map map;
+    AutoPtr<RefCountedObject> object;
+  } _s;
 };
 
 inline size_t ValueMap::size() const {
@@ -254,6 +339,24 @@ inline void ValueMap::clear() {
 }
 inline void ValueMap::reserve(size_t n) {
   _entries.reserve(n);
+}
+inline ValueMap::const_iterator ValueMap::find(int64_t key) const {
+  // Records have a handful of entries: a linear scan beats a binary search here.
+  for (auto at = _entries.begin(); at != _entries.end(); ++at) {
+    int c = at->first.compareToInteger(key);
+    if (c == 0)
+      return at;
+    if (c > 0)
+      break;
+  }
+  return _entries.end();
+}
+
+inline Value const* Value::findInteger(int64_t key) const {
+  if (_type != Type::Map)
+    return nullptr;
+  auto found = _s.map.find(key);
+  return found == _s.map.end() ? nullptr : &found->second;
 }
 
 }  // namespace fn
