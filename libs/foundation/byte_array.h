@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 #include <vector>
 
@@ -17,8 +19,12 @@ public:
   explicit ByteArray(std::string_view bytes) : std::vector<uint8_t>(bytes.begin(), bytes.end()) {}
 
   void append(void const* bytes, size_t count) {
-    auto* p = static_cast<uint8_t const*>(bytes);
-    insert(end(), p, p + count);
+    // Encoders append a byte or two at a time: keep that to a size check and a copy.
+    size_t at = size();
+    if (capacity() - at < count)
+      reserve(std::max(at + count, capacity() * 2));
+    resize(at + count);
+    std::memcpy(data() + at, bytes, count);
   }
   std::string_view view() const { return {reinterpret_cast<char const*>(data()), size()}; }
 

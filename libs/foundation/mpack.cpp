@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #define MSGPACK_NO_BOOST
+#include <bit>
 #include <msgpack.hpp>
 
 namespace fn::mpack {
@@ -76,110 +77,215 @@ void pack(msgpack::packer<ByteArraySink>& packer, Value const& value, ValueSeria
   }
 }
 
-// Builds values straight from msgpack's parser events, without msgpack's object zone.
-class Builder : public msgpack::null_visitor {
+// A decoder of our own: it builds every value in place (a map's entries are decoded straight
+// into their slots), which matters on the hub's path where each record is decoded once.
+class Reader {
 public:
-  Builder(ValueDeserializer* hook, Limits limits, size_t inputSize)
-      : _hook(hook),
-        _limits(limits),
-        _inputSize(inputSize) {}
+  Reader(uint8_t const* data, size_t size, size_t offset, ValueDeserializer* hook, Limits limits)
+      : _data(data),
+        _size(size),
+        _at(offset),
+        _hook(hook),
+        _limits(limits) {}
 
-  Value take() { return std::move(_root); }
-  bool failed() const { return _failed; }
+  size_t offset() const { return _at; }
 
-  bool visit_nil() { return put(Value()); }
-  bool visit_boolean(bool v) { return put(Value(v)); }
-  bool visit_positive_integer(uint64_t v) { return put(Value(v)); }
-  bool visit_negative_integer(int64_t v) { return put(Value(v)); }
-  bool visit_float32(float v) { return put(Value(v)); }
-  bool visit_float64(double v) { return put(Value(v)); }
-  bool visit_str(char const* v, uint32_t size) { return put(Value(std::string_view(v, size))); }
-  bool visit_bin(char const* v, uint32_t size) { return put(Value(ByteArray(v, v + size))); }
-  bool visit_ext(char const* v, uint32_t size) {
-    // v[0] is the type code, the content follows.
-    if (size == 0)
-      return fail();
-    auto code = static_cast<int8_t>(v[0]);
-    auto const* content = reinterpret_cast<uint8_t const*>(v + 1);
-    return put(_hook ? _hook->deserializeExtension(code, content, size - 1) : Value());
+  void read(Value& out, size_t depth) {
+    uint8_t b = byte();
+    if (b <= 0x7f)
+      out = Value(static_cast<int64_t>(b));
+    else if (b >= 0xe0)
+      out = Value(static_cast<int64_t>(static_cast<int8_t>(b)));
+    else if (b >= 0xa0 && b <= 0xbf)
+      readString(out, b & 0x1f);
+    else if (b >= 0x90 && b <= 0x9f)
+      readArray(out, b & 0x0f, depth);
+    else if (b >= 0x80 && b <= 0x8f)
+      readMap(out, b & 0x0f, depth);
+    else
+      readTagged(out, b, depth);
   }
-  bool start_array(uint32_t count) {
-    Value::Array array;
-    // Every element takes at least one byte, so the input bounds what is worth reserving; the
-    // fixed cap keeps a large frame of nested headers that all claim 4G elements from
-    // reserving input size times element size at every level. Growth covers the rest.
-    array.reserve(std::min<size_t>({count, _inputSize, MAX_RESERVE}));
-    return open(Value(std::move(array)));
-  }
-  bool end_array_item() { return true; }
-  bool end_array() { return close(); }
-  bool start_map(uint32_t count) {
-    Value::Map map;
-    map.reserve(std::min<size_t>({count, _inputSize / 2, MAX_RESERVE}));
-    return open(Value(std::move(map)));
-  }
-  bool start_map_key() {
-    _stack.back().expectKey = true;
-    return true;
-  }
-  bool start_map_value() {
-    _stack.back().expectKey = false;
-    return true;
-  }
-  bool end_map() { return close(); }
-  void parse_error(size_t, size_t) { _failed = true; }
-  void insufficient_bytes(size_t, size_t) { _failed = true; }
 
 private:
-  static constexpr size_t MAX_RESERVE = 1024;
-
-  struct Frame {
-    Value container;
-    Value key;
-    bool expectKey = false;
-  };
-
-  bool fail() {
-    _failed = true;
-    return false;
-  }
-
-  bool put(Value value) {
-    if (_stack.empty()) {
-      _root = std::move(value);
-      return true;
+  void readTagged(Value& out, uint8_t b, size_t depth) {
+    switch (b) {
+      case 0xc0:
+        out = Value();
+        return;
+      case 0xc2:
+        out = Value(false);
+        return;
+      case 0xc3:
+        out = Value(true);
+        return;
+      case 0xc4:
+        readBinary(out, big<uint8_t>());
+        return;
+      case 0xc5:
+        readBinary(out, big<uint16_t>());
+        return;
+      case 0xc6:
+        readBinary(out, big<uint32_t>());
+        return;
+      case 0xc7:
+        readExtension(out, big<uint8_t>());
+        return;
+      case 0xc8:
+        readExtension(out, big<uint16_t>());
+        return;
+      case 0xc9:
+        readExtension(out, big<uint32_t>());
+        return;
+      case 0xca:
+        out = Value(std::bit_cast<float>(big<uint32_t>()));
+        return;
+      case 0xcb:
+        out = Value(std::bit_cast<double>(big<uint64_t>()));
+        return;
+      case 0xcc:
+        out = Value(big<uint8_t>());
+        return;
+      case 0xcd:
+        out = Value(big<uint16_t>());
+        return;
+      case 0xce:
+        out = Value(big<uint32_t>());
+        return;
+      case 0xcf:
+        out = Value(big<uint64_t>());
+        return;
+      case 0xd0:
+        out = Value(static_cast<int8_t>(big<uint8_t>()));
+        return;
+      case 0xd1:
+        out = Value(static_cast<int16_t>(big<uint16_t>()));
+        return;
+      case 0xd2:
+        out = Value(static_cast<int32_t>(big<uint32_t>()));
+        return;
+      case 0xd3:
+        out = Value(static_cast<int64_t>(big<uint64_t>()));
+        return;
+      case 0xd4:
+        readExtension(out, 1);
+        return;
+      case 0xd5:
+        readExtension(out, 2);
+        return;
+      case 0xd6:
+        readExtension(out, 4);
+        return;
+      case 0xd7:
+        readExtension(out, 8);
+        return;
+      case 0xd8:
+        readExtension(out, 16);
+        return;
+      case 0xd9:
+        readString(out, big<uint8_t>());
+        return;
+      case 0xda:
+        readString(out, big<uint16_t>());
+        return;
+      case 0xdb:
+        readString(out, big<uint32_t>());
+        return;
+      case 0xdc:
+        readArray(out, big<uint16_t>(), depth);
+        return;
+      case 0xdd:
+        readArray(out, big<uint32_t>(), depth);
+        return;
+      case 0xde:
+        readMap(out, big<uint16_t>(), depth);
+        return;
+      case 0xdf:
+        readMap(out, big<uint32_t>(), depth);
+        return;
+      default:
+        fail("a byte that starts no value");  // 0xc1
     }
-    Frame& top = _stack.back();
-    if (top.container.isArray()) {
-      top.container.asArray().push_back(std::move(value));
-    } else if (top.expectKey) {
-      top.key = std::move(value);
-    } else {
-      top.container.asMap().insertOrAssign(std::move(top.key), std::move(value));
-      top.key = Value();
+  }
+
+  void readString(Value& out, size_t n) {
+    auto const* p = take(n);
+    out = Value(std::string_view(reinterpret_cast<char const*>(p), n));
+  }
+
+  void readBinary(Value& out, size_t n) {
+    auto const* p = take(n);
+    out = Value(ByteArray(p, p + n));
+  }
+
+  void readExtension(Value& out, size_t n) {
+    auto code = static_cast<int8_t>(byte());
+    auto const* p = take(n);
+    out = _hook ? _hook->deserializeExtension(code, p, n) : Value();
+  }
+
+  void readArray(Value& out, size_t n, size_t depth) {
+    enter(depth, n);
+    Value::Array array(n);
+    for (auto& item : array)
+      read(item, depth + 1);
+    out = Value(std::move(array));
+  }
+
+  void readMap(Value& out, size_t n, size_t depth) {
+    enter(depth, 2 * n);
+    Value::Map map;
+    map.reserve(n);
+    bool ordered = true;
+    for (size_t i = 0; i < n; ++i) {
+      auto& entry = map.appendUnordered();
+      read(entry.first, depth + 1);
+      read(entry.second, depth + 1);
+      if (ordered && i > 0)
+        ordered = Value::keyLess((map.begin() + static_cast<ptrdiff_t>(i - 1))->first, entry.first);
     }
-    return true;
+    if (!ordered)
+      map.restoreOrder();
+    out = Value(std::move(map));
   }
 
-  bool open(Value container) {
-    if (_stack.size() >= _limits.maxDepth)
-      return fail();
-    _stack.push_back(Frame{std::move(container), Value(), false});
-    return true;
+  // Every element takes at least one byte: a count beyond what is left is a lie, and is
+  // refused before anything is reserved for it.
+  void enter(size_t depth, size_t minimumBytes) {
+    if (depth >= _limits.maxDepth)
+      fail("nesting deeper than the limit");
+    if (minimumBytes > _size - _at)
+      fail("a container larger than the input");
   }
 
-  bool close() {
-    Value done = std::move(_stack.back().container);
-    _stack.pop_back();
-    return put(std::move(done));
+  uint8_t byte() { return *take(1); }
+
+  template <typename T>
+  T big() {
+    auto const* p = take(sizeof(T));
+    T value = 0;
+    for (size_t i = 0; i < sizeof(T); ++i)
+      value = static_cast<T>((value << 8) | p[i]);
+    return value;
   }
 
+  uint8_t const* take(size_t n) {
+    if (n > _size - _at)
+      fail("truncated input");
+    auto const* p = _data + _at;
+    _at += n;
+    return p;
+  }
+
+  [[noreturn]] void fail(char const* what) {
+    throw withDetail(DataFormatException("Malformed MessagePack"),
+                     fmt::format("{} at byte {} of {}", what, _at, _size));
+  }
+
+  uint8_t const* _data;
+  size_t _size;
+  size_t _at;
   ValueDeserializer* _hook;
   Limits _limits;
-  size_t _inputSize;
-  std::vector<Frame> _stack;
-  Value _root;
-  bool _failed = false;
 };
 
 // Parses one value at `offset`; advances it. Throws on malformed or truncated input.
@@ -188,20 +294,40 @@ Value parseOne(uint8_t const* data,
                size_t& offset,
                ValueDeserializer* hook,
                Limits limits) {
-  Builder builder(hook, limits, size - offset);
-  bool ok = false;
-  try {
-    ok = msgpack::parse(reinterpret_cast<char const*>(data), size, offset, builder);
-  } catch (std::exception const& e) {
-    throw withDetail(DataFormatException("Malformed MessagePack"), String(e.what()));
-  }
-  if (!ok || builder.failed())
-    throw withDetail(DataFormatException("Malformed MessagePack"),
-                     fmt::format("at byte {} of {}", offset, size));
-  return builder.take();
+  Reader reader(data, size, offset, hook, limits);
+  Value value;
+  reader.read(value, 0);
+  offset = reader.offset();
+  return value;
 }
 
 }  // namespace
+
+void Encoder::mapHeader(uint32_t entries) {
+  ByteArraySink sink{_out};
+  msgpack::packer<ByteArraySink>(sink).pack_map(entries);
+}
+
+void Encoder::integer(int64_t value) {
+  ByteArraySink sink{_out};
+  msgpack::packer<ByteArraySink>(sink).pack_int64(value);
+}
+
+void Encoder::unsignedInteger(uint64_t value) {
+  ByteArraySink sink{_out};
+  msgpack::packer<ByteArraySink>(sink).pack_uint64(value);
+}
+
+void Encoder::binary(uint8_t const* bytes, size_t size) {
+  ByteArraySink sink{_out};
+  msgpack::packer<ByteArraySink> packer(sink);
+  packer.pack_bin(static_cast<uint32_t>(size));
+  packer.pack_bin_body(reinterpret_cast<char const*>(bytes), static_cast<uint32_t>(size));
+}
+
+void Encoder::value(Value const& value, ValueSerializer* hook) {
+  encode(value, _out, hook);
+}
 
 void encode(Value const& value, ByteArray& out, ValueSerializer* hook) {
   ByteArraySink sink{out};

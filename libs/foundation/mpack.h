@@ -34,6 +34,21 @@ struct Limits {
   size_t maxDepth = 128;
 };
 
+/// Writes MessagePack piece by piece into a ByteArray, for hot paths that know their layout
+/// and need not build a Value first.
+class FN_EXPORT Encoder {
+public:
+  explicit Encoder(ByteArray& out) : _out(out) {}
+  void mapHeader(uint32_t entries);
+  void integer(int64_t value);
+  void unsignedInteger(uint64_t value);
+  void binary(uint8_t const* bytes, size_t size);
+  void value(Value const& value, ValueSerializer* hook = nullptr);
+
+private:
+  ByteArray& _out;
+};
+
 /// Appends the encoding of `value` to `out`.
 FN_EXPORT void encode(Value const& value, ByteArray& out, ValueSerializer* hook = nullptr);
 

@@ -11,7 +11,7 @@ namespace {
 
 struct KeyLess {
   bool operator()(ValueMap::Entry const& entry, Value const& key) const {
-    return entry.first < key;
+    return Value::keyLess(entry.first, key);
   }
 };
 
@@ -122,7 +122,7 @@ ValueMap::const_iterator ValueMap::find(Value const& key) const {
 
 Value& ValueMap::operator[](Value const& key) {
   // Records are usually built and decoded in ascending key order: append in that case.
-  if (_entries.empty() || _entries.back().first < key)
+  if (_entries.empty() || Value::keyLess(_entries.back().first, key))
     return _entries.emplace_back(key, Value()).second;
   auto at = std::lower_bound(_entries.begin(), _entries.end(), key, KeyLess());
   if (at != _entries.end() && at->first == key)
@@ -131,7 +131,7 @@ Value& ValueMap::operator[](Value const& key) {
 }
 
 void ValueMap::insertOrAssign(Value key, Value value) {
-  if (_entries.empty() || _entries.back().first < key) {
+  if (_entries.empty() || Value::keyLess(_entries.back().first, key)) {
     _entries.emplace_back(std::move(key), std::move(value));
     return;
   }
@@ -148,6 +148,21 @@ size_t ValueMap::erase(Value const& key) {
     return 0;
   _entries.erase(at);
   return 1;
+}
+
+void ValueMap::restoreOrder() {
+  std::stable_sort(_entries.begin(), _entries.end(),
+                   [](Entry const& a, Entry const& b) { return Value::keyLess(a.first, b.first); });
+  // Of a run of equal keys keep the last, which the stable sort left last.
+  std::vector<Entry> unique;
+  unique.reserve(_entries.size());
+  for (auto& entry : _entries) {
+    if (!unique.empty() && unique.back().first == entry.first)
+      unique.back() = std::move(entry);
+    else
+      unique.push_back(std::move(entry));
+  }
+  _entries.swap(unique);
 }
 
 bool ValueMap::operator==(ValueMap const& other) const {

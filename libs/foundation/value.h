@@ -64,6 +64,12 @@ public:
 
   bool operator==(ValueMap const& other) const;
 
+  /// For decoders: appends an empty entry wherever its key falls; restoreOrder() must follow
+  /// unless the keys were appended in ascending order.
+  Entry& appendUnordered() { return _entries.emplace_back(); }
+  /// Sorts by key; of equal keys the last one stays, as if each had been assigned in turn.
+  void restoreOrder();
+
 private:
   std::vector<Entry> _entries;
 };
@@ -264,6 +270,13 @@ public:
   /// The kind and a short rendering, for error details.
   fn::String detailInfo() const;
   static std::string_view typeName(Type type);
+
+  /// The map order, with the common case of two integer keys decided inline.
+  static bool keyLess(Value const& a, Value const& b) {
+    if (a._type == Type::Integer && b._type == Type::Integer)
+      return a._s.i < b._s.i;
+    return (a <=> b) < 0;
+  }
 
   friend FN_EXPORT bool operator==(Value const& a, Value const& b);
   friend FN_EXPORT std::strong_ordering operator<=>(Value const& a, Value const& b);

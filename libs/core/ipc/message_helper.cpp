@@ -2,7 +2,21 @@
 
 #include <cstring>
 
+#include "core/ipc/message.h"
+
 namespace ipc {
+
+namespace {
+
+void patchLength(fn::ByteArray& out, size_t start) {
+  auto length = static_cast<uint32_t>(out.size() - start - 4);
+  out[start] = static_cast<uint8_t>(length);
+  out[start + 1] = static_cast<uint8_t>(length >> 8);
+  out[start + 2] = static_cast<uint8_t>(length >> 16);
+  out[start + 3] = static_cast<uint8_t>(length >> 24);
+}
+
+}  // namespace
 
 size_t MessageWriter::encode(fn::Value const& record,
                              fn::ByteArray& out,
@@ -10,12 +24,30 @@ size_t MessageWriter::encode(fn::Value const& record,
   size_t start = out.size();
   out.resize(start + 4);
   fn::mpack::encode(record, out, hook);
-  auto length = static_cast<uint32_t>(out.size() - start - 4);
-  out[start] = static_cast<uint8_t>(length);
-  out[start + 1] = static_cast<uint8_t>(length >> 8);
-  out[start + 2] = static_cast<uint8_t>(length >> 16);
-  out[start + 3] = static_cast<uint8_t>(length >> 24);
-  return length;
+  patchLength(out, start);
+  return out.size() - start - 4;
+}
+
+void MessageWriter::encodeObjectMessage(fn::ByteArray& out,
+                                        uint64_t objectId,
+                                        uint16_t target,
+                                        fn::ByteArray const& payload,
+                                        fn::Value const& objects) {
+  size_t start = out.size();
+  out.resize(start + 4);
+  fn::mpack::Encoder encoder(out);
+  encoder.mapHeader(5);
+  encoder.integer(key::TYPE);
+  encoder.integer(type::MESSAGE);
+  encoder.integer(key::OBJECT_ID);
+  encoder.unsignedInteger(objectId);
+  encoder.integer(key::TARGET_WORKER_ID);
+  encoder.integer(target);
+  encoder.integer(key::PAYLOAD);
+  encoder.binary(payload.data(), payload.size());
+  encoder.integer(key::OBJECTS);
+  encoder.value(objects);
+  patchLength(out, start);
 }
 
 size_t MessageWriter::write(fn::uv::Stream& stream,

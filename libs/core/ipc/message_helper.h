@@ -26,6 +26,13 @@ public:
   static size_t encode(fn::Value const& record,
                        fn::ByteArray& out,
                        fn::mpack::ValueSerializer* hook = nullptr);
+  /// Appends the frame of a MESSAGE record {TYPE, OBJECT_ID, TARGET_WORKER_ID, PAYLOAD,
+  /// OBJECTS} without building the record.
+  static void encodeObjectMessage(fn::ByteArray& out,
+                                  uint64_t objectId,
+                                  uint16_t target,
+                                  fn::ByteArray const& payload,
+                                  fn::Value const& objects);
   /// Writes the frame of `record` to `stream`; returns the body length.
   static size_t write(fn::uv::Stream& stream,
                       fn::Value const& record,

@@ -130,7 +130,10 @@ void Worker::sendMessageToDispatcher(fn::Value const& record) {
 
 void Worker::sendMessageToWorker(uint16_t target, ObjectId objectId, fn::Value const& payload) {
   FN_ASSERT_LOOP_THREAD();
-  fn::ByteArray bytes;
+  // The payload is encoded once into a scratch buffer and the frame written straight into
+  // the stream: the hot path builds no record value.
+  thread_local fn::ByteArray bytes;
+  bytes.clear();
   fn::Value objects = fn::Value::map();
   _objects.encodePayload(payload, bytes, objects);
   // The hub counts one use of each of our own objects per message that carries it; we hold
@@ -141,15 +144,11 @@ void Worker::sendMessageToWorker(uint16_t target, ObjectId objectId, fn::Value c
     if (auto instance = _objects.instance(id.asUInt()))
       instance->increateUsageCount();
   }
-  fn::Value record = fn::Value::map();
-  auto& map = record.asMap();
-  map.reserve(5);
-  map.insertOrAssign(key::TYPE, type::MESSAGE);
-  map.insertOrAssign(key::OBJECT_ID, objectId);
-  map.insertOrAssign(key::TARGET_WORKER_ID, target);
-  map.insertOrAssign(key::PAYLOAD, std::move(bytes));
-  map.insertOrAssign(key::OBJECTS, std::move(objects));
-  write(record);
+  if (!_stream || _ended)
+    return;
+  _stream->writeWith([&](fn::ByteArray& out) {
+    MessageWriter::encodeObjectMessage(out, objectId, target, bytes, objects);
+  });
 }
 
 void Worker::write(fn::Value const& record) {
