@@ -1,78 +1,193 @@
 #include "foundation/mpack.h"
 
 #include <algorithm>
-
-#define MSGPACK_NO_BOOST
 #include <bit>
-#include <msgpack.hpp>
+#include <cstring>
 
 namespace fn::mpack {
 
 ValueSerializer::~ValueSerializer() = default;
 ValueDeserializer::~ValueDeserializer() = default;
 
-namespace {
+// Gathers small pieces in a buffer of its own and hands them to the ByteArray in few appends:
+// a record is a few dozen one- and two-byte pieces.
+class Writer {
+public:
+  explicit Writer(ByteArray& out) : _out(out) {}
+  ~Writer() { flush(); }
 
-// msgpack's packer writes through any type with write(char const*, size_t).
-struct ByteArraySink {
-  ByteArray& out;
-  void write(char const* bytes, size_t count) { out.append(bytes, count); }
+  void flush() {
+    if (_n) {
+      _out.append(_buffer, _n);
+      _n = 0;
+    }
+  }
+
+  void nil() { u8(0xc0); }
+  void boolean(bool b) { u8(b ? 0xc3 : 0xc2); }
+
+  void integer(int64_t v) {
+    if (v >= 0)
+      return unsignedInteger(static_cast<uint64_t>(v));
+    if (v >= -32)
+      return u8(static_cast<uint8_t>(v));
+    if (v >= INT8_MIN)
+      return tagged<uint8_t>(0xd0, static_cast<uint8_t>(v));
+    if (v >= INT16_MIN)
+      return tagged<uint16_t>(0xd1, static_cast<uint16_t>(v));
+    if (v >= INT32_MIN)
+      return tagged<uint32_t>(0xd2, static_cast<uint32_t>(v));
+    tagged<uint64_t>(0xd3, static_cast<uint64_t>(v));
+  }
+
+  void unsignedInteger(uint64_t v) {
+    if (v <= 0x7f)
+      return u8(static_cast<uint8_t>(v));
+    if (v <= 0xff)
+      return tagged<uint8_t>(0xcc, static_cast<uint8_t>(v));
+    if (v <= 0xffff)
+      return tagged<uint16_t>(0xcd, static_cast<uint16_t>(v));
+    if (v <= 0xffffffff)
+      return tagged<uint32_t>(0xce, static_cast<uint32_t>(v));
+    tagged<uint64_t>(0xcf, v);
+  }
+
+  void floating(double d) { tagged<uint64_t>(0xcb, std::bit_cast<uint64_t>(d)); }
+
+  void string(std::string_view text) {
+    size_t n = text.size();
+    if (n <= 31)
+      u8(static_cast<uint8_t>(0xa0 | n));
+    else
+      sized(0xd9, n);
+    put(text.data(), n);
+  }
+
+  void binary(uint8_t const* bytes, size_t n) {
+    sized(0xc4, n);
+    put(bytes, n);
+  }
+
+  void arrayHeader(size_t n) {
+    if (n <= 15)
+      return u8(static_cast<uint8_t>(0x90 | n));
+    n <= 0xffff ? tagged<uint16_t>(0xdc, static_cast<uint16_t>(n))
+                : tagged<uint32_t>(0xdd, static_cast<uint32_t>(n));
+  }
+
+  void mapHeader(size_t n) {
+    if (n <= 15)
+      return u8(static_cast<uint8_t>(0x80 | n));
+    n <= 0xffff ? tagged<uint16_t>(0xde, static_cast<uint16_t>(n))
+                : tagged<uint32_t>(0xdf, static_cast<uint32_t>(n));
+  }
+
+  void extension(int8_t code, uint8_t const* bytes, size_t n) {
+    switch (n) {
+      case 1:
+        u8(0xd4);
+        break;
+      case 2:
+        u8(0xd5);
+        break;
+      case 4:
+        u8(0xd6);
+        break;
+      case 8:
+        u8(0xd7);
+        break;
+      case 16:
+        u8(0xd8);
+        break;
+      default:
+        sized(0xc7, n);
+        break;
+    }
+    u8(static_cast<uint8_t>(code));
+    put(bytes, n);
+  }
+
+private:
+  // Lengths of strings, bytes and extensions: 8, 16 or 32 bits after `tag8`, with the 16-
+  // and 32-bit tags following it (0xd9 0xda 0xdb, 0xc4 0xc5 0xc6, 0xc7 0xc8 0xc9).
+  void sized(uint8_t tag8, size_t n) {
+    if (n <= 0xff)
+      tagged<uint8_t>(tag8, static_cast<uint8_t>(n));
+    else if (n <= 0xffff)
+      tagged<uint16_t>(static_cast<uint8_t>(tag8 + 1), static_cast<uint16_t>(n));
+    else
+      tagged<uint32_t>(static_cast<uint8_t>(tag8 + 2), static_cast<uint32_t>(n));
+  }
+
+  template <typename T>
+  void tagged(uint8_t tag, T value) {
+    uint8_t bytes[1 + sizeof(T)];
+    bytes[0] = tag;
+    for (size_t i = 0; i < sizeof(T); ++i)
+      bytes[1 + i] = static_cast<uint8_t>(value >> (8 * (sizeof(T) - 1 - i)));
+    put(bytes, sizeof bytes);
+  }
+
+  void u8(uint8_t b) {
+    if (_n == sizeof _buffer)
+      flush();
+    _buffer[_n++] = b;
+  }
+
+  void put(void const* bytes, size_t count) {
+    if (count > sizeof _buffer - _n) {
+      flush();
+      if (count > sizeof _buffer) {
+        _out.append(bytes, count);
+        return;
+      }
+    }
+    std::memcpy(_buffer + _n, bytes, count);
+    _n += count;
+  }
+
+  ByteArray& _out;
+  uint8_t _buffer[512];
+  size_t _n = 0;
 };
 
-void pack(msgpack::packer<ByteArraySink>& packer, Value const& value, ValueSerializer* hook) {
+namespace {
+
+void pack(Writer& writer, Value const& value, ValueSerializer* hook) {
   switch (value.type()) {
     case Value::Type::Null:
-      packer.pack_nil();
-      break;
+      return writer.nil();
     case Value::Type::Boolean:
-      value.asBool() ? packer.pack_true() : packer.pack_false();
-      break;
+      return writer.boolean(value.asBool());
     case Value::Type::Integer:
-      packer.pack_int64(value.asInt());
-      break;
+      return writer.integer(value.asInt());
     case Value::Type::UnsignedInteger:
-      packer.pack_uint64(value.asUInt());
-      break;
+      return writer.unsignedInteger(value.asUInt());
     case Value::Type::Double:
-      packer.pack_double(value.asDouble());
-      break;
-    case Value::Type::String: {
-      auto const& s = value.asString();
-      packer.pack_str(static_cast<uint32_t>(s.size()));
-      packer.pack_str_body(s.data(), static_cast<uint32_t>(s.size()));
-      break;
-    }
-    case Value::Type::ByteArray: {
-      auto const& b = value.asByteArray();
-      packer.pack_bin(static_cast<uint32_t>(b.size()));
-      packer.pack_bin_body(reinterpret_cast<char const*>(b.data()),
-                           static_cast<uint32_t>(b.size()));
-      break;
-    }
+      return writer.floating(value.asDouble());
+    case Value::Type::String:
+      return writer.string(value.asString());
+    case Value::Type::ByteArray:
+      return writer.binary(value.asByteArray().data(), value.asByteArray().size());
     case Value::Type::Array:
-      packer.pack_array(static_cast<uint32_t>(value.asArray().size()));
+      writer.arrayHeader(value.asArray().size());
       for (auto const& item : value.asArray())
-        pack(packer, item, hook);
-      break;
+        pack(writer, item, hook);
+      return;
     case Value::Type::Map:
-      packer.pack_map(static_cast<uint32_t>(value.asMap().size()));
+      writer.mapHeader(value.asMap().size());
       for (auto const& [key, item] : value.asMap()) {
-        pack(packer, key, hook);
-        pack(packer, item, hook);
+        pack(writer, key, hook);
+        pack(writer, item, hook);
       }
-      break;
+      return;
     case Value::Type::Object: {
       ByteArray content;
       ByteArrayOutputStream stream(content);
       std::optional<int8_t> code = hook ? hook->serializeObject(value, stream) : std::nullopt;
-      if (!code) {
-        packer.pack_nil();
-        break;
-      }
-      packer.pack_ext(content.size(), *code);
-      packer.pack_ext_body(reinterpret_cast<char const*>(content.data()),
-                           static_cast<uint32_t>(content.size()));
-      break;
+      if (!code)
+        return writer.nil();
+      return writer.extension(*code, content.data(), content.size());
     }
   }
 }
@@ -303,36 +418,37 @@ Value parseOne(uint8_t const* data,
 
 }  // namespace
 
+Encoder::Encoder(ByteArray& out) : _writer(std::make_unique<Writer>(out)) {}
+
+Encoder::~Encoder() = default;
+
 void Encoder::mapHeader(uint32_t entries) {
-  ByteArraySink sink{_out};
-  msgpack::packer<ByteArraySink>(sink).pack_map(entries);
+  _writer->mapHeader(entries);
 }
 
 void Encoder::integer(int64_t value) {
-  ByteArraySink sink{_out};
-  msgpack::packer<ByteArraySink>(sink).pack_int64(value);
+  _writer->integer(value);
 }
 
 void Encoder::unsignedInteger(uint64_t value) {
-  ByteArraySink sink{_out};
-  msgpack::packer<ByteArraySink>(sink).pack_uint64(value);
+  _writer->unsignedInteger(value);
 }
 
 void Encoder::binary(uint8_t const* bytes, size_t size) {
-  ByteArraySink sink{_out};
-  msgpack::packer<ByteArraySink> packer(sink);
-  packer.pack_bin(static_cast<uint32_t>(size));
-  packer.pack_bin_body(reinterpret_cast<char const*>(bytes), static_cast<uint32_t>(size));
+  _writer->binary(bytes, size);
 }
 
 void Encoder::value(Value const& value, ValueSerializer* hook) {
-  encode(value, _out, hook);
+  pack(*_writer, value, hook);
+}
+
+void Encoder::flush() {
+  _writer->flush();
 }
 
 void encode(Value const& value, ByteArray& out, ValueSerializer* hook) {
-  ByteArraySink sink{out};
-  msgpack::packer<ByteArraySink> packer(sink);
-  pack(packer, value, hook);
+  Writer writer(out);
+  pack(writer, value, hook);
 }
 
 Value decode(uint8_t const* data, size_t size, ValueDeserializer* hook, Limits limits) {

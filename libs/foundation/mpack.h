@@ -4,6 +4,7 @@
 // map; object values become ext values through a ValueSerializer hook (or nil without one).
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 
 #include "foundation/byte_array.h"
@@ -36,17 +37,21 @@ struct Limits {
 
 /// Writes MessagePack piece by piece into a ByteArray, for hot paths that know their layout
 /// and need not build a Value first.
+/// What it writes reaches `out` at flush() or destruction.
+class Writer;
 class FN_EXPORT Encoder {
 public:
-  explicit Encoder(ByteArray& out) : _out(out) {}
+  explicit Encoder(ByteArray& out);
+  ~Encoder();
   void mapHeader(uint32_t entries);
   void integer(int64_t value);
   void unsignedInteger(uint64_t value);
   void binary(uint8_t const* bytes, size_t size);
   void value(Value const& value, ValueSerializer* hook = nullptr);
+  void flush();
 
 private:
-  ByteArray& _out;
+  std::unique_ptr<Writer> _writer;
 };
 
 /// Appends the encoding of `value` to `out`.

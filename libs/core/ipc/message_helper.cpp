@@ -47,6 +47,7 @@ void MessageWriter::encodeObjectMessage(fn::ByteArray& out,
   encoder.binary(payload.data(), payload.size());
   encoder.integer(key::OBJECTS);
   encoder.value(objects);
+  encoder.flush();
   patchLength(out, start);
 }
 
