@@ -129,8 +129,11 @@ fn::Value errorValueOf(fn::Exception const& error) {
 }
 
 std::exception_ptr exceptionOf(fn::Value const& error) {
-  if (!error.isMap() || typeOf(error) != FN_EXCEPTION)
-    return std::make_exception_ptr(fn::RuntimeException(error.toString()));
+  if (!error.isMap() || typeOf(error) != FN_EXCEPTION) {
+    // A text is taken as it is: toString() would quote it.
+    return std::make_exception_ptr(
+        fn::RuntimeException(error.isString() ? error.asString() : error.toString()));
+  }
   fn::ErrorInfo info;
   info.detail = stringAt(error, DETAIL);
   info.path = stringAt(error, PATH);
