@@ -2,6 +2,8 @@
 // to worker B and back (three processes), beside the same exchange over bare Unix sockets
 // relayed by a minimal libuv relay (the floor). Each figure is taken unpinned and with every
 // process on CPU 0, which removes the cross-CPU wake-up cost and shows the software's own.
+// The "call" rows measure a remote method call over the same route: callMethod in A,
+// onMethodCall and sendResult in B, the promise fulfilled and its continuation run in A.
 //
 //   lumaren-bench [--quick] [--framework-only]
 
@@ -17,6 +19,7 @@
 #include <cstring>
 #include <thread>
 
+#include "core/ipc/callable_object.h"
 #include "core/ipc/dispatcher.h"
 #include "core/ipc/object.h"
 #include "core/ipc/worker.h"
@@ -123,6 +126,89 @@ int runEcho(fn::String const& pipe) {
   echo = fn::AutoPtr<Echo>(new Echo(worker));  // object id 1: the first of worker 1
   loop.run();
   return 0;
+}
+
+// B of the call measurement: answers every call with its argument.
+class Callee : public ipc::CallableObjectInstance {
+public:
+  using ipc::CallableObjectInstance::CallableObjectInstance;
+
+protected:
+  void onMethodCall(CallContext const& context,
+                    fn::String const&,
+                    fn::Value const& argument) override {
+    sendResult(context, argument);
+  }
+};
+
+int runCallee(fn::String const& pipe) {
+  fn::uv::Loop loop;
+  NullDelegate delegate;
+  ipc::Worker worker(delegate, loop, pipe, "callee", "", false);
+  fn::AutoPtr<Callee> callee;
+  worker.connect();
+  loop.runUntil([&] { return worker.connected(); });
+  callee = fn::AutoPtr<Callee>(new Callee(worker));  // object id 1: the first of worker 1
+  loop.run();
+  return 0;
+}
+
+Figures measureCall(Settings const& settings) {
+  fn::String pipeFile = tempPath("call-pipe");
+  pid_t hub = spawnSelf({"--role", "hub", "--pipe-file", pipeFile});
+  waitForFile(pipeFile);
+  fn::String pipe = fn::File(pipeFile).readAll().view();
+  fn::File(pipeFile).remove();
+  pid_t callee = spawnSelf({"--role", "callee", "--pipe", pipe});
+
+  fn::uv::Loop loop;
+  NullDelegate delegate;
+  ipc::Worker worker(delegate, loop, pipe, "caller", "", false);
+  // Connect after the callee so that it is worker 1 and its instance object 1.
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  worker.connect();
+  loop.runUntil([&] { return worker.connected(); });
+  ipc::ObjectReferenceInitializer init{&worker, (0u << 16) + 1, nullptr, "Callee"};
+  fn::AutoPtr<ipc::CallableObjectReference> reference(new ipc::CallableObjectReference(init));
+  fn::Value argument = fn::Value::map({{"data", "hello, world"}, {"seq", 1}});
+
+  Figures figures;
+  // Latency: one call in flight.
+  std::vector<double> samples;
+  bool answered = false;
+  for (int i = 0; i < settings.latencyRounds + 100; ++i) {
+    auto sent = Clock::now();
+    answered = false;
+    reference->callMethod("echo", argument).then([&answered, &samples, sent](fn::Value) {
+      samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - sent).count());
+      answered = true;
+    });
+    loop.runUntil([&] { return answered; });
+  }
+  samples.erase(samples.begin(), samples.begin() + 100);  // warm-up
+  figures.medianMicros = median(samples);
+
+  // Throughput: WINDOW calls in flight, each answer issuing the next call.
+  int done = 0, issued = 0;
+  std::function<void()> issue = [&] {
+    ++issued;
+    reference->callMethod("echo", argument).then([&](fn::Value) {
+      ++done;
+      if (issued < settings.throughputRounds)
+        issue();
+    });
+  };
+  auto start = Clock::now();
+  while (issued < WINDOW)
+    issue();
+  loop.runUntil([&] { return done == settings.throughputRounds; });
+  figures.roundTripsPerSecond = done / std::chrono::duration<double>(Clock::now() - start).count();
+
+  reference.reset();
+  worker.stop();
+  finish(callee);
+  finish(hub);
+  return figures;
 }
 
 Figures measureFramework(Settings const& settings) {
@@ -322,7 +408,7 @@ int drive(Settings const& settings, bool frameworkOnly) {
   size_t frameSize = frameSizeOfMessage();
   fmt::print("round trip of a {}-byte framed object message, A -> hub -> B -> hub -> A\n",
              frameSize);
-  fmt::print("{:<10} {:>14} {:>14} {:>8} {:>16} {:>16} {:>8}\n", "cpus", "median core",
+  fmt::print("{:<14} {:>14} {:>14} {:>8} {:>16} {:>16} {:>8}\n", "cpus", "median core",
              "median floor", "ratio", "rt/s core", "rt/s floor", "share");
   for (int cpu : {-1, 0}) {
     pinTo(cpu);  // children inherit the affinity
@@ -333,11 +419,16 @@ int drive(Settings const& settings, bool frameworkOnly) {
       continue;
     }
     Figures floor = measureFloor(settings, frameSize);
-    fmt::print("{:<10} {:>11.1f} us {:>11.1f} us {:>7.2f}x {:>16.0f} {:>16.0f} {:>7.0f}%\n",
-               cpu < 0 ? "unpinned" : "cpu 0", core.medianMicros, floor.medianMicros,
-               core.medianMicros / floor.medianMicros, core.roundTripsPerSecond,
-               floor.roundTripsPerSecond,
-               100 * core.roundTripsPerSecond / floor.roundTripsPerSecond);
+    Figures call = measureCall(settings);
+    auto row = [&](std::string_view label, Figures const& figures) {
+      fmt::print("{:<14} {:>11.1f} us {:>11.1f} us {:>7.2f}x {:>16.0f} {:>16.0f} {:>7.0f}%\n",
+                 label, figures.medianMicros, floor.medianMicros,
+                 figures.medianMicros / floor.medianMicros, figures.roundTripsPerSecond,
+                 floor.roundTripsPerSecond,
+                 100 * figures.roundTripsPerSecond / floor.roundTripsPerSecond);
+    };
+    row(cpu < 0 ? "unpinned" : "cpu 0", core);
+    row(cpu < 0 ? "unpinned call" : "cpu 0 call", call);
     std::fflush(stdout);
   }
   return 0;
@@ -360,6 +451,8 @@ int main(int argc, char** argv) {
     return runHub(option("--pipe-file"));
   if (role == "echo")
     return runEcho(option("--pipe"));
+  if (role == "callee")
+    return runCallee(option("--pipe"));
   if (role == "relay")
     return runRelay(option("--path"));
   if (role == "bare-echo")

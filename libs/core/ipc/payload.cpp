@@ -3,7 +3,9 @@
 #include <array>
 #include <cstring>
 
+#include "core/fraction.h"
 #include "core/ipc/message.h"
+#include "core/typed_byte_array.h"
 #include "foundation/mpack.h"
 
 namespace ipc {
@@ -37,6 +39,14 @@ public:
       for (size_t i = 0; i < sizeof id; ++i)
         id |= static_cast<ObjectId>(data[i]) << (8 * i);
       return fn::Value(fn::makeAuto<ObjectPlaceholder>(id));
+    }
+    if (typeCode == 2) {
+      fn::MemoryInputStream in(data, size);
+      return fn::Value::box(core::Fraction::deserialize(in));
+    }
+    if (typeCode == 3) {
+      fn::MemoryInputStream in(data, size);
+      return fn::Value::box(core::TypedByteArray::deserialize(in));
     }
     return fn::Value();
   }

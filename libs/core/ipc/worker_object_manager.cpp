@@ -2,8 +2,11 @@
 
 #include <vector>
 
+#include "core/fraction.h"
+#include "core/ipc/callable_object.h"
 #include "core/ipc/object.h"
 #include "core/ipc/worker.h"
+#include "core/typed_byte_array.h"
 #include "foundation/assert.h"
 #include "foundation/logging/category.h"
 #include "foundation/mpack.h"
@@ -14,6 +17,8 @@ namespace {
 fn::logging::Category logFactory("core.ipc.ObjectReferenceFactory");
 
 constexpr int8_t OBJECT_TYPE_CODE = 1;
+constexpr int8_t FRACTION_TYPE_CODE = 2;
+constexpr int8_t TYPED_BYTE_ARRAY_TYPE_CODE = 3;
 
 // Writes objects as their 8-byte id and collects the side table of class names.
 class PayloadSerializer : public fn::mpack::ValueSerializer {
@@ -21,6 +26,14 @@ public:
   explicit PayloadSerializer(fn::Value& objects) : _objects(objects) {}
 
   std::optional<int8_t> serializeObject(fn::Value const& value, fn::OutputStream& out) override {
+    if (auto const* fraction = value.boxed<core::Fraction>()) {
+      fraction->serialize(out);
+      return FRACTION_TYPE_CODE;
+    }
+    if (auto const* typed = value.boxed<core::TypedByteArray>()) {
+      typed->serialize(out);
+      return TYPED_BYTE_ARRAY_TYPE_CODE;
+    }
     fn::AutoPtr<ObjectReference> reference;
     if (auto* r = value.objectAs<ObjectReference>())
       reference = fn::AutoPtr<ObjectReference>(r);
@@ -49,6 +62,14 @@ public:
   explicit PayloadDeserializer(Resolve resolve) : _resolve(std::move(resolve)) {}
 
   fn::Value deserializeExtension(int8_t typeCode, uint8_t const* data, size_t size) override {
+    if (typeCode == FRACTION_TYPE_CODE) {
+      fn::MemoryInputStream in(data, size);
+      return fn::Value::box(core::Fraction::deserialize(in));
+    }
+    if (typeCode == TYPED_BYTE_ARRAY_TYPE_CODE) {
+      fn::MemoryInputStream in(data, size);
+      return fn::Value::box(core::TypedByteArray::deserialize(in));
+    }
     if (typeCode != OBJECT_TYPE_CODE)
       return fn::Value();
     if (size != sizeof(ObjectId)) {
@@ -123,8 +144,9 @@ fn::AutoPtr<ObjectReference> WorkerObjectManager::createReference(ObjectId id,
                  "Couldn't create reference for class {}. Did you call "
                  "'registerObjectReferenceClass()'?",
                  className);
-  // Holding the object still works: a plain reference keeps the class name it came with.
-  return fn::AutoPtr<ObjectReference>(new ObjectReference(initializer));
+  // Holding and calling the object still works: a plain callable reference keeps the class
+  // name it came with.
+  return fn::AutoPtr<ObjectReference>(new CallableObjectReference(initializer));
 }
 
 void WorkerObjectManager::encodePayload(fn::Value const& payload,

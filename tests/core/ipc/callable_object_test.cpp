@@ -1,0 +1,444 @@
+#include "core/ipc/callable_object.h"
+
+#include <csignal>
+#include <map>
+
+#include "core/fraction.h"
+#include "core/ipc/payload.h"
+#include "core/ipc/worker.h"
+#include "core/typed_byte_array.h"
+#include "hub_fixture.h"
+#include "test_module.h"
+
+using namespace testing_support;
+using CallContext = ipc::CallableObjectInstance::CallContext;
+
+namespace {
+
+struct Delegate : ipc::Worker::Delegate {
+  void workerDidConnect(ipc::Worker&) override {}
+  bool wantsIdleTermination(ipc::Worker&) override { return false; }
+  bool workerCanTerminate(ipc::Worker&) override { return false; }
+  void workerRequestsTermination(ipc::Worker&) override {}
+  void aboutToQuit(ipc::Worker&) override {}
+};
+
+// The exception behind `error` if it is an E; it lives as long as `error` does.
+template <typename E>
+E const* exceptionAs(std::exception_ptr const& error) {
+  try {
+    std::rethrow_exception(error);
+  } catch (E const& e) {
+    return &e;
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+struct Outcome {
+  bool settled = false;
+  fn::Value value;
+  std::exception_ptr error;
+};
+
+// A callable object in the test's own process.
+class Thing : public ipc::CallableObjectInstance {
+public:
+  using ipc::CallableObjectInstance::CallableObjectInstance;
+  std::vector<CallContext> calls;
+  std::vector<CallContext> cancellations;
+
+protected:
+  void onMethodCall(CallContext const& context,
+                    fn::String const& method,
+                    fn::Value const& argument) override {
+    calls.push_back(context);
+    if (method == "ping")
+      sendResult(context, fn::Value(fmt::format("pong {}", argument)));
+  }
+  void onMethodCallCancelled(CallContext const& context) override {
+    cancellations.push_back(context);
+  }
+};
+
+class CallableTest : public HubTest {
+protected:
+  void SetUp() override {
+    HubTest::SetUp();
+    worker = std::make_unique<ipc::Worker>(delegate, loop, hub().pipePath(), "T", "t-tag", false);
+    worker->registerObjectReferenceClass<ServiceReference>();
+    worker->registerObjectReferenceClass<ipc::CallableObjectReference>();
+    worker->connect();
+    ASSERT_TRUE(runLoopUntil(loop, [&] { return worker->connected(); }));
+    ipc::ObjectReferenceInitializer init{worker.get(), ipc::REGISTRY_OBJECT_ID, nullptr, "Lobby"};
+    lobby = fn::AutoPtr<Lobby>(new Lobby(init));
+    lobby->onPost = [this](fn::Value const& post) {
+      if (auto* service = post.get("service").objectAs<ServiceReference>())
+        services[post.at("module").asString()] = fn::AutoPtr<ServiceReference>(service);
+    };
+  }
+
+  void TearDown() override {
+    // The modules go first: every call still open ends with their death, and every use
+    // they held of this process's objects is handed back, so nothing is left behind.
+    for (auto& [name, module] : modules)
+      module->kill(SIGKILL);
+    for (auto& [name, module] : modules)
+      module->waitForExit();
+    EXPECT_TRUE(runLoopUntil(loop, [&] {
+      for (auto& [name, service] : services) {
+        if (!service->dead())
+          return false;
+      }
+      return worker->objects().instanceCount() == 0;
+    }));
+    services.clear();
+    modules.clear();
+    lobby.reset();
+    drainLoop(loop);
+    worker.reset();
+    HubTest::TearDown();
+  }
+
+  ServiceReference& startModule(fn::String const& name) {
+    modules[name] = ModuleProcess::start(loop, name, hub().pipePath());
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return services.contains(name); }));
+    return *services[name];
+  }
+
+  /// Attaches a continuation that records the outcome; nothing runs before the loop does.
+  std::shared_ptr<Outcome> watch(fn::Promise<fn::Value> promise) {
+    auto outcome = std::make_shared<Outcome>();
+    promise.then(
+        [outcome](fn::Value value) {
+          EXPECT_FALSE(outcome->settled);
+          outcome->settled = true;
+          outcome->value = std::move(value);
+        },
+        [outcome](std::exception_ptr error) {
+          EXPECT_FALSE(outcome->settled);
+          outcome->settled = true;
+          outcome->error = error;
+        });
+    return outcome;
+  }
+
+  /// Runs the loop until the call ended and returns how.
+  Outcome await(fn::Promise<fn::Value> promise) {
+    auto outcome = watch(std::move(promise));
+    EXPECT_FALSE(outcome->settled) << "a continuation ran inside the call";
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return outcome->settled; }));
+    return *outcome;
+  }
+
+  fn::Value call(ServiceReference& service, fn::String const& method, fn::Value argument = {}) {
+    Outcome outcome = await(service.callMethod(method, argument));
+    EXPECT_FALSE(outcome.error) << fn::describeException(outcome.error);
+    return outcome.value;
+  }
+
+  /// Runs the loop until `service` heard the event `name`; returns its argument.
+  fn::Value awaitEvent(ServiceReference& service, fn::String const& name) {
+    fn::Value argument;
+    bool heard = runLoopUntil(loop, [&] {
+      for (auto const& [event, value] : service.events) {
+        if (event == name) {
+          argument = value;
+          return true;
+        }
+      }
+      return false;
+    });
+    EXPECT_TRUE(heard) << "no event " << name;
+    return argument;
+  }
+
+  Delegate delegate;
+  std::unique_ptr<ipc::Worker> worker;
+  fn::AutoPtr<Lobby> lobby;
+  std::map<fn::String, fn::AutoPtr<ServiceReference>> services;
+  std::map<fn::String, std::unique_ptr<ModuleProcess>> modules;
+};
+
+}  // namespace
+
+TEST_F(CallableTest, CallsAreAnsweredWithValuesAndMediaTypesIntact) {
+  ServiceReference& a = startModule("A");
+  ServiceReference& b = startModule("B");
+
+  fn::Value argument = fn::Value::map(
+      {{"text", "hello"},
+       {"list", fn::Value::array({1, -2, 3.5, fn::Value()})},
+       {"fraction", fn::Value::box(core::Fraction(16, 9))},
+       {"typed", fn::Value::box(core::TypedByteArray(fn::ByteArray{1, 2, 3}, "image/png"))}});
+  fn::Value echoed = call(a, "echo", argument);
+  EXPECT_EQ(echoed.at("text"), fn::Value("hello"));
+  EXPECT_EQ(echoed.at("list"), argument.at("list"));
+  ASSERT_NE(echoed.at("fraction").boxed<core::Fraction>(), nullptr);
+  EXPECT_EQ(echoed.at("fraction").boxed<core::Fraction>()->toString(), "16/9");
+  ASSERT_NE(echoed.at("typed").boxed<core::TypedByteArray>(), nullptr);
+  EXPECT_EQ(*echoed.at("typed").boxed<core::TypedByteArray>(),
+            core::TypedByteArray(fn::ByteArray{1, 2, 3}, "image/png"));
+
+  // The module saw real value types, not opaque bytes.
+  EXPECT_EQ(call(a, "describe", argument),
+            fn::Value::map({{"fraction", "16/9"}, {"mimeType", "image/png"}, {"byteCount", 3}}));
+
+  // Request ids count per reference, from 1.
+  EXPECT_EQ(a.lastRequestId(), 2u);
+  call(b, "echo", 1);
+  EXPECT_EQ(b.lastRequestId(), 1u);
+  EXPECT_EQ(a.pendingCallCount(), 0u);
+
+  // An unknown method is never answered; later calls are, and the open one can be cancelled.
+  fn::Promise<fn::Value> unanswered = a.callMethod("noSuchMethod", {});
+  EXPECT_EQ(call(a, "echo", 5), fn::Value(5));
+  EXPECT_TRUE(unanswered.isPending());
+  EXPECT_EQ(a.pendingCallCount(), 1u);
+  unanswered.cancel();
+  EXPECT_EQ(a.pendingCallCount(), 0u);
+
+  // The diagnostic rendering of a record decodes the value types too, resolving nothing.
+  fn::ByteArray bytes;
+  fn::Value objects = fn::Value::map();
+  worker->objects().encodePayload(argument, bytes, objects);
+  fn::Value rendered = ipc::translatePayload(
+      fn::Value::map({{ipc::key::TYPE, ipc::type::MESSAGE}, {ipc::key::PAYLOAD, bytes}}));
+  fn::Value const& payload = rendered.at("8-PAYLOAD");
+  ASSERT_NE(payload.at("fraction").boxed<core::Fraction>(), nullptr);
+  EXPECT_EQ(payload.at("fraction").boxed<core::Fraction>()->toString(), "16/9");
+  ASSERT_NE(payload.at("typed").boxed<core::TypedByteArray>(), nullptr);
+  EXPECT_EQ(payload.at("typed").boxed<core::TypedByteArray>()->mimeType(), "image/png");
+}
+
+TEST_F(CallableTest, ErrorsArriveAsExceptionsWithEverythingTheyCarried) {
+  ServiceReference& a = startModule("A");
+
+  // A structured exception: class, message and all error information restored.
+  Outcome structured = await(a.callMethod("failStructured", {}));
+  auto const* file = exceptionAs<fn::FileException>(structured.error);
+  ASSERT_NE(file, nullptr) << fn::describeException(structured.error);
+  EXPECT_EQ(file->className(), "FileException");
+  EXPECT_EQ(file->message(), "cannot open the recording");
+  fn::ErrorInfo expected = structuredErrorInfo();
+  EXPECT_EQ(file->info().detail, expected.detail);
+  EXPECT_EQ(file->info().path, expected.path);
+  EXPECT_EQ(file->info().errnoValue, expected.errnoValue);
+  EXPECT_EQ(file->info().uvErrno, expected.uvErrno);
+  EXPECT_EQ(file->info().winError, expected.winError);
+  EXPECT_EQ(file->info().errorCode, expected.errorCode);
+  EXPECT_EQ(file->info().stackTrace, expected.stackTrace);
+
+  // The library's own exception comes back as itself.
+  Outcome dead = await(a.callMethod("failObjectDead", {}));
+  auto const* objectDead = exceptionAs<ipc::ObjectDeadException>(dead.error);
+  ASSERT_NE(objectDead, nullptr);
+  EXPECT_EQ(objectDead->message(), "the tuner went away");
+
+  // A class this process does not know: a runtime exception that still names it. Thrown by
+  // the handler rather than sent, which answers the call all the same.
+  Outcome unknown = await(a.callMethod("failUnknownClass", {}));
+  auto const* runtime = exceptionAs<fn::RuntimeException>(unknown.error);
+  ASSERT_NE(runtime, nullptr);
+  EXPECT_EQ(runtime->className(), "RuntimeException");
+  EXPECT_EQ(runtime->message(), "only here");
+  EXPECT_EQ(runtime->info().detail, "ModuleOnlyException: private");
+
+  // A plain error value, a std::exception and a thrown non-exception.
+  for (auto const& [method, text] :
+       std::vector<std::pair<fn::String, fn::String>>{{"failValue", "disk full"},
+                                                      {"throwStd", "plain failure"},
+                                                      {"throwOther", "Unknown Exception"}}) {
+    Outcome outcome = await(a.callMethod(method, {}));
+    auto const* plain = exceptionAs<fn::RuntimeException>(outcome.error);
+    ASSERT_NE(plain, nullptr) << method;
+    EXPECT_EQ(plain->className(), "RuntimeException") << method;
+    EXPECT_EQ(plain->message(), text) << method;
+    EXPECT_FALSE(plain->info().detail) << method;
+  }
+  EXPECT_EQ(a.pendingCallCount(), 0u);
+}
+
+TEST_F(CallableTest, CancellationReachesTheInstanceOnlyWhileTheCallIsOpen) {
+  ServiceReference& a = startModule("A");
+
+  // Open: the instance hears of it, and the caller's continuation never runs.
+  fn::Promise<fn::Value> held = a.callMethod("hold", {});
+  uint32_t heldId = a.lastRequestId();
+  auto heldOutcome = watch(held);
+  held.cancel();
+  EXPECT_EQ(a.pendingCallCount(), 0u);
+  EXPECT_EQ(awaitEvent(a, "cancelled"), fn::Value(heldId));
+
+  // Already answered: cancelling sends nothing.
+  fn::Promise<fn::Value> answered = a.callMethod("echo", "x");
+  auto answeredOutcome = watch(answered);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return answeredOutcome->settled; }));
+  answered.cancel();
+
+  // The instance answers the cancelled call anyway: the late answer changes nothing.
+  EXPECT_EQ(call(a, "answerHeld"), fn::Value(1));
+  EXPECT_EQ(call(a, "stats"), fn::Value::map({{"cancelled", fn::Value::array({heldId})}}));
+  EXPECT_FALSE(heldOutcome->settled);
+  EXPECT_EQ(answeredOutcome->value, fn::Value("x"));
+  EXPECT_EQ(a.pendingCallCount(), 0u);
+}
+
+TEST_F(CallableTest, EventsReachTheCallerOrEveryHolder) {
+  ServiceReference& a = startModule("A");
+  ServiceReference& b = startModule("B");
+  // B holds A's service too and relays what it hears as "heard" events of its own.
+  EXPECT_EQ(call(b, "keep", fn::Value(fn::AutoPtr<ServiceReference>(&a))), fn::Value(1));
+
+  EXPECT_EQ(call(a, "emit", "now"), fn::Value(true));
+  EXPECT_EQ(awaitEvent(a, "news"), fn::Value("now"));
+  EXPECT_EQ(awaitEvent(b, "heard"), fn::Value("news"));
+  // Only the caller got the direct event, and it came before the broadcast.
+  ASSERT_EQ(a.events.size(), 2u);
+  EXPECT_EQ(a.events[0], std::make_pair(fn::String("direct"), fn::Value("now")));
+  ASSERT_EQ(b.events.size(), 1u);
+  EXPECT_EQ(b.events[0].second, fn::Value("news"));
+}
+
+TEST_F(CallableTest, InstancesLiveExactlyAsLongAsSomeProcessHoldsThem) {
+  ServiceReference& a = startModule("A");
+  ServiceReference& b = startModule("B");
+
+  // The last holder drops its reference: the owner releases the instance.
+  fn::Value first = call(a, "makeChild");
+  auto* child = first.at("child").objectAs<ipc::CallableObjectReference>();
+  ASSERT_NE(child, nullptr);
+  ipc::ObjectId firstId = first.at("id").to<ipc::ObjectId>();
+  EXPECT_EQ(child->objectId(), firstId);
+  EXPECT_EQ(child->usageCount(), 1);
+  EXPECT_EQ(call(a, "children"), fn::Value(1));
+  first = fn::Value();
+  EXPECT_EQ(awaitEvent(a, "released"), fn::Value(firstId));
+  EXPECT_EQ(call(a, "children"), fn::Value(0));
+
+  // Handed on to B, it outlives our reference...
+  a.events.clear();
+  fn::Value second = call(a, "makeChild");
+  ipc::ObjectId secondId = second.at("id").to<ipc::ObjectId>();
+  EXPECT_EQ(call(b, "keep", second.at("child")), fn::Value(1));
+  second = fn::Value();
+  drainLoop(loop);
+  EXPECT_EQ(call(a, "children"), fn::Value(1));
+  EXPECT_TRUE(a.events.empty());
+
+  // ...until B is killed while holding it.
+  modules["B"]->kill(SIGKILL);
+  EXPECT_EQ(modules["B"]->waitForExit(), -SIGKILL);
+  EXPECT_EQ(awaitEvent(a, "released"), fn::Value(secondId));
+  EXPECT_EQ(call(a, "children"), fn::Value(0));
+  EXPECT_TRUE(runLoopUntil(loop, [&] { return b.dead(); }));
+}
+
+TEST_F(CallableTest, ObjectsTravelOnceListedAndComeHomeAsLocalReferences) {
+  ServiceReference& a = startModule("A");
+  fn::AutoPtr<Thing> thing(new Thing(*worker));
+  fn::WeakReference<Thing> weak(thing);
+
+  // Three occurrences in one call: listed once, one use counted, one reference over there,
+  // which is callable although that process never registered the class.
+  fn::Value seen = call(a, "inspect", fn::Value::array({thing, thing, thing}));
+  EXPECT_EQ(seen, fn::Value::map({{"listed", 1},
+                                  {"usage", 1},
+                                  {"local", false},
+                                  {"same", true},
+                                  {"callable", true},
+                                  {"className", "ipc::CallableObjectReference"}}));
+
+  // Back home it is the local reference, not counted.
+  fn::Value echoed = call(a, "echo", fn::Value::map({{"thing", thing}}));
+  auto* home = echoed.at("thing").objectAs<ipc::ObjectReference>();
+  ASSERT_NE(home, nullptr);
+  EXPECT_EQ(home, thing->localReference().get());
+  EXPECT_TRUE(home->local());
+  EXPECT_EQ(home->usageCount(), 0);
+
+  // The other process calls it through that reference.
+  EXPECT_EQ(
+      call(a, "callBack", fn::Value::map({{"target", thing}, {"method", "ping"}, {"argument", 5}})),
+      fn::Value("pong 5"));
+  ASSERT_EQ(thing->calls.size(), 1u);
+  EXPECT_NE(thing->calls[0].workerId, worker->workerId());
+
+  // Once A lets go of everything, only our own holders keep the thing.
+  echoed = fn::Value();
+  EXPECT_TRUE(runLoopUntil(loop, [&] { return thing->usageCount() == 0; }));
+  thing.reset();
+  EXPECT_TRUE(runLoopUntil(loop, [&] { return weak.expired(); }));
+}
+
+TEST_F(CallableTest, OpenCallsFailWithObjectDeadExceptionWhenTheOwnerIsKilled) {
+  ServiceReference& a = startModule("A");
+  std::vector<int> order;
+  std::vector<std::exception_ptr> errors;
+  for (int i = 0; i < 3; ++i) {
+    a.callMethod("hold", i).then([](fn::Value) { ADD_FAILURE() << "answered"; },
+                                 [&order, &errors, i](std::exception_ptr error) {
+                                   order.push_back(i);
+                                   errors.push_back(error);
+                                 });
+  }
+  EXPECT_EQ(a.pendingCallCount(), 3u);
+  int deaths = 0;
+  fn::Handle onDead = a.objectDeadSignal().connect([&] { ++deaths; });
+
+  modules["A"]->kill(SIGKILL);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return order.size() == 3; }));
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+  for (auto const& error : errors)
+    EXPECT_NE(exceptionAs<ipc::ObjectDeadException>(error), nullptr);
+  EXPECT_EQ(deaths, 1);
+  EXPECT_EQ(a.pendingCallCount(), 0u);
+
+  // A dead reference refuses at once, sending nothing and using no id.
+  Outcome refused = await(a.callMethod("echo", 1));
+  EXPECT_NE(exceptionAs<ipc::ObjectDeadException>(refused.error), nullptr);
+  EXPECT_EQ(a.lastRequestId(), 3u);
+  EXPECT_EQ(a.pendingCallCount(), 0u);
+}
+
+TEST(CallableLocal, CallsWithinOneProcessArePostedAndMalformedMessagesAreDropped) {
+  fn::uv::Loop loop;
+  Delegate delegate;
+  ipc::Worker worker(delegate, loop, "/nonexistent", "L", "", false);
+  worker.onMessage(fn::Value::map({{ipc::key::TYPE, ipc::type::HELLO}, {ipc::key::WORKER_ID, 4}}));
+  {
+    fn::AutoPtr<Thing> thing(new Thing(worker));
+    auto reference = thing->localReference().cast<ipc::CallableObjectReference>();
+    ASSERT_TRUE(reference);
+
+    bool answered = false;
+    reference->callMethod("ping", 1).then([&](fn::Value result) {
+      EXPECT_EQ(result, fn::Value("pong 1"));
+      answered = true;
+    });
+    EXPECT_TRUE(thing->calls.empty());
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return answered; }));
+    ASSERT_EQ(thing->calls.size(), 1u);
+    EXPECT_EQ(thing->calls[0], (CallContext{4, 1}));
+    EXPECT_EQ(CallContext(), (CallContext{0xFFFF, 0xFFFFFFFF}));
+    EXPECT_NE(thing->calls[0], (CallContext{4, 2}));
+
+    // A cancelled call tells the instance; a call without a method or a reply for an
+    // unknown id does nothing but leave a log line.
+    LogCapture log;
+    fn::Promise<fn::Value> silent = reference->callMethod("quiet", {});
+    silent.cancel();
+    reference->sendMessage(fn::Value::map({{"TYPE", "CALL"}, {"REQUEST_ID", 9}}));
+    thing->sendMessage(4, fn::Value::map({{"TYPE", "CALL_RESPONSE"}, {"REQUEST_ID", 77}}));
+    thing->sendMessage(
+        4, fn::Value::map({{"TYPE", "CALL_RESPONSE"}, {"REQUEST_ID", 77}, {"RESULT", 1}}));
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return thing->cancellations.size() == 1; }));
+    drainLoop(loop);
+    EXPECT_EQ(thing->cancellations[0], (CallContext{4, 2}));
+    EXPECT_EQ(thing->calls.size(), 2u);  // "quiet" only
+    EXPECT_TRUE(log.contains("Ignoring a bad call from worker 4"));
+    EXPECT_TRUE(log.contains("Dropping a bad message"));
+    EXPECT_EQ(reference->pendingCallCount(), 0u);
+  }
+  drainLoop(loop);
+}

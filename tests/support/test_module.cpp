@@ -1,0 +1,256 @@
+#include "test_module.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+#include <stdexcept>
+
+#include "core/fraction.h"
+#include "core/ipc/worker.h"
+#include "core/typed_byte_array.h"
+#include "peer.h"
+
+namespace testing_support {
+namespace {
+
+// Known only inside the module process: the caller has no class of this name.
+class ModuleOnlyException : public fn::RuntimeException {
+public:
+  using RuntimeException::RuntimeException;
+  fn::String className() const override { return "ModuleOnlyException"; }
+};
+
+// An object the module hands out; it tells the service when it is finally released.
+class Child : public ipc::CallableObjectInstance {
+public:
+  Child(ipc::Worker& worker, std::function<void(ipc::ObjectId)> onGone)
+      : ipc::CallableObjectInstance(worker),
+        _onGone(std::move(onGone)) {}
+  ~Child() override { _onGone(objectId()); }
+
+protected:
+  void onMethodCall(CallContext const& context,
+                    fn::String const& method,
+                    fn::Value const&) override {
+    sendResult(context, method);
+  }
+
+private:
+  std::function<void(ipc::ObjectId)> _onGone;
+};
+
+class TestService : public ipc::CallableObjectInstance {
+public:
+  TestService(ipc::Worker& worker, fn::Value const& lastObjects)
+      : ipc::CallableObjectInstance(worker),
+        _lastObjects(lastObjects) {}
+
+protected:
+  fn::AutoPtr<ipc::ObjectReference> createReference(
+      ipc::ObjectReferenceInitializer& initializer) override {
+    return fn::AutoPtr<ipc::ObjectReference>(new ServiceReference(initializer));
+  }
+
+  void onMethodCallCancelled(CallContext const& context) override {
+    _cancelled.append(context.requestId);
+    postEvent(context.workerId, "cancelled", context.requestId);
+  }
+
+  void onMethodCall(CallContext const& context,
+                    fn::String const& method,
+                    fn::Value const& argument) override {
+    if (method == "echo") {
+      sendResult(context, argument);
+    } else if (method == "describe") {
+      // What this process made of the value types: real objects, not bytes.
+      fn::Value described = fn::Value::map();
+      if (auto const* fraction = argument.get("fraction").boxed<core::Fraction>())
+        described["fraction"] = fraction->toString();
+      if (auto const* typed = argument.get("typed").boxed<core::TypedByteArray>()) {
+        described["mimeType"] = typed->mimeType();
+        described["byteCount"] = typed->bytes().size();
+      }
+      sendResult(context, described);
+    } else if (method == "failStructured") {
+      fn::FileException error("cannot open the recording");
+      error.info() = structuredErrorInfo();
+      sendError(context, error);
+    } else if (method == "failObjectDead") {
+      sendError(context, ipc::ObjectDeadException("the tuner went away"));
+    } else if (method == "failUnknownClass") {
+      throw fn::withDetail(ModuleOnlyException("only here"), "private");
+    } else if (method == "failValue") {
+      sendError(context, fn::Value("disk full"));
+    } else if (method == "throwStd") {
+      throw std::runtime_error("plain failure");
+    } else if (method == "throwOther") {
+      throw 42;
+    } else if (method == "hold") {
+      _held.push_back(context);
+    } else if (method == "answerHeld") {
+      for (auto const& held : _held)
+        sendResult(held, "late answer");
+      sendResult(context, _held.size());
+      _held.clear();
+    } else if (method == "stats") {
+      sendResult(context, fn::Value::map({{"cancelled", _cancelled}}));
+    } else if (method == "emit") {
+      postEvent(context.workerId, "direct", argument);
+      broadcastEvent("news", argument);
+      sendResult(context, true);
+    } else if (method == "makeChild") {
+      fn::WeakReference<TestService> service(this);
+      fn::AutoPtr<Child> child(new Child(worker(), [service](ipc::ObjectId id) {
+        if (auto self = service.lock())
+          self->childGone(id);
+      }));
+      _children.insert(child->objectId());
+      sendResult(context, fn::Value::map({{"child", child}, {"id", child->objectId()}}));
+    } else if (method == "children") {
+      sendResult(context, _children.size());
+    } else if (method == "keep") {
+      // Services kept here relay what they hear, so a test can see which events reached
+      // this process.
+      if (auto* kept = argument.objectAs<ServiceReference>()) {
+        fn::WeakReference<TestService> service(this);
+        kept->onEventHeard = [service](fn::String const& name, fn::Value const&) {
+          if (auto self = service.lock())
+            self->broadcastEvent("heard", name);
+        };
+      }
+      _kept.push_back(argument);
+      sendResult(context, _kept.size());
+    } else if (method == "drop") {
+      _kept.clear();
+      sendResult(context, true);
+    } else if (method == "inspect") {
+      auto const& items = argument.asArray();
+      auto* first = items.at(0).objectAs<ipc::ObjectReference>();
+      bool same = true;
+      for (auto const& item : items)
+        same = same && item.objectAs<ipc::ObjectReference>() == first;
+      sendResult(context,
+                 fn::Value::map(
+                     {{"listed", _lastObjects.size()},
+                      {"usage", first->usageCount()},
+                      {"local", first->local()},
+                      {"same", same},
+                      {"callable", dynamic_cast<ipc::CallableObjectReference*>(first) != nullptr},
+                      {"className", first->className()}}));
+    } else if (method == "callBack") {
+      auto* target = argument.at("target").objectAs<ipc::CallableObjectReference>();
+      fn::AutoPtr<TestService> self(this);
+      target->callMethod(argument.at("method").asString(), argument.get("argument"))
+          .then([self, context](fn::Value result) { self->sendResult(context, result); },
+                [self, context](std::exception_ptr error) { self->sendError(context, error); });
+    }
+  }
+
+private:
+  void childGone(ipc::ObjectId id) {
+    _children.erase(id);
+    broadcastEvent("released", id);
+  }
+
+  fn::Value const& _lastObjects;
+  std::vector<CallContext> _held;
+  fn::Value _cancelled = fn::Value::array();
+  std::vector<fn::Value> _kept;
+  std::set<ipc::ObjectId> _children;
+};
+
+class ModuleDelegate : public ipc::Worker::Delegate {
+public:
+  std::function<void()> connected;
+  void workerDidConnect(ipc::Worker&) override { connected(); }
+  bool wantsIdleTermination(ipc::Worker&) override { return false; }
+  bool workerCanTerminate(ipc::Worker&) override { return false; }
+  void workerRequestsTermination(ipc::Worker&) override {}
+  void aboutToQuit(ipc::Worker&) override {}
+};
+
+}  // namespace
+
+fn::ErrorInfo structuredErrorInfo() {
+  fn::ErrorInfo info;
+  info.detail = "recording 7";
+  info.path = "/var/media/rec7.ts";
+  info.errnoValue = 2;
+  info.uvErrno = -2;
+  info.winError = 3;
+  info.errorCode = 0x8007;
+  info.stackTrace = std::vector<fn::StackFrame>{
+      {0x7f0012345678, "libcore.so", "core::Recorder::open", "recorder.cpp", 120},
+      {0xFFFFFFFFFFFF0000, "lumaren-module", "main", "main.cpp", 9}};
+  return info;
+}
+
+int runTestModule(int argc, char** argv) {
+  // argv: <exe> --module <name> <pipe path>
+  if (argc < 4)
+    return 2;
+  ::signal(SIGPIPE, SIG_IGN);
+  fn::String name = argv[2];
+  fn::uv::Loop loop;
+  ModuleDelegate delegate;
+  ipc::Worker worker(delegate, loop, argv[3], name, "module-" + name, false);
+  worker.registerObjectReferenceClass<ServiceReference>();
+  fn::AutoPtr<TestService> service;
+  fn::Value lastObjects;
+  fn::Handle records = worker.onRecord().connect([&lastObjects](fn::Value const& record) {
+    if (record.get(ipc::key::TYPE) == fn::Value(ipc::type::MESSAGE))
+      lastObjects = record.get(ipc::key::OBJECTS);
+  });
+  fn::Handle lost =
+      worker.onDisconnected().connect([&loop](fn::uv::Status const&) { loop.stop(); });
+  delegate.connected = [&] {
+    service = fn::AutoPtr<TestService>(new TestService(worker, lastObjects));
+    worker.sendMessageToWorker(ipc::NO_WORKER, ipc::REGISTRY_OBJECT_ID,
+                               fn::Value::map({{"module", name}, {"service", service}}));
+  };
+  worker.connect();
+  loop.run();
+  std::fflush(nullptr);
+  // The hub is gone, and with it the uses it counted of our instances: they are never handed
+  // back, so the process ends here instead of unwinding objects that can no longer be freed.
+  std::_Exit(0);
+}
+
+std::unique_ptr<ModuleProcess> ModuleProcess::start(fn::uv::Loop& loop,
+                                                    fn::String const& name,
+                                                    fn::String const& pipePath) {
+  std::unique_ptr<ModuleProcess> module(new ModuleProcess(loop));
+  fn::uv::Process::Options options;
+  options.file = fn::uv::executablePath();
+  options.arguments = {"--module", name, pipePath};
+  ModuleProcess* raw = module.get();
+  module->_process = fn::uv::Process::spawn(loop, options, [raw](int64_t status, int signal) {
+    raw->_exited = true;
+    raw->_exitStatus = signal ? -signal : status;
+  });
+  return module;
+}
+
+ModuleProcess::~ModuleProcess() {
+  if (_process && !_exited) {
+    _process->kill(SIGKILL);
+    waitForExit();
+  }
+}
+
+void ModuleProcess::kill(int signal) {
+  if (_process && !_exited)
+    _process->kill(signal);
+}
+
+int64_t ModuleProcess::waitForExit(fn::Duration timeout) {
+  if (!runLoopUntil(
+          _loop, [this] { return _exited; }, timeout))
+    ADD_FAILURE() << "the module process did not exit in time";
+  return _exitStatus;
+}
+
+}  // namespace testing_support
