@@ -76,6 +76,7 @@ void Worker::connectionEnded(fn::uv::Status const& status) {
   logWorker.log(fn::logging::INF, "Worker {} ({}) lost the hub: {}", _displayName, _workerId,
                 status);
   _objects.allWorkersDied();
+  _objects.dropRemoteUses();
   _onDisconnected.emit(status);
 }
 

@@ -198,6 +198,18 @@ void WorkerObjectManager::killReferences(std::function<bool(ObjectId)> const& ma
     reference->notifyObjectDead();
 }
 
+void WorkerObjectManager::dropRemoteUses() {
+  std::vector<fn::AutoPtr<ObjectInstance>> used;
+  for (auto const& [id, instance] : _instances) {
+    if (instance->usageCount() > 0 && instance->tryRetain())
+      used.push_back(fn::AutoPtr<ObjectInstance>::adopt(instance));
+  }
+  for (auto& instance : used) {
+    while (instance->usageCount() > 0)
+      instance->decreaseUsageCount();
+  }
+}
+
 void WorkerObjectManager::workerDied(uint16_t workerId) {
   killReferences([workerId](ObjectId id) { return ownerOf(id) == workerId; });
 }

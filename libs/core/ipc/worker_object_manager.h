@@ -54,6 +54,9 @@ public:
 
   /// Marks every reference to an object of `workerId` dead, then notifies each once.
   void workerDied(uint16_t workerId);
+  /// Gives up every use the hub counted on our instances (the hub is gone and will never
+  /// release them), so that only local holders keep them alive.
+  void dropRemoteUses();
   /// Marks every remote reference dead (the hub is gone), then notifies each once.
   void allWorkersDied();
 

@@ -204,7 +204,15 @@ TEST_F(WorkerTest, IdleWorkerRequestsTerminationOnlyWhenNothingIsInUse) {
 }
 
 TEST_F(WorkerTest, HubNoticesReachTheDelegateAndALostHubIsSignalled) {
+  uint16_t p;
+  auto peer = connect("P", p);
   auto worker = makeWorker();
+  // An instance that only the hub's accounting keeps alive.
+  fn::AutoPtr<Counter> counter(new Counter(*worker));
+  fn::WeakReference<Counter> weak(counter);
+  worker->sendMessageToWorker(p, counter->objectId(), fn::Value::map({{"me", counter}}));
+  peer->expectType(type::MESSAGE);
+  counter.reset();
   std::vector<int> codes;
   auto lost =
       worker->onDisconnected().connect([&](fn::uv::Status const& s) { codes.push_back(s.code()); });
@@ -216,6 +224,8 @@ TEST_F(WorkerTest, HubNoticesReachTheDelegateAndALostHubIsSignalled) {
   // Then the hub goes away for good.
   startHub(fn::Duration::seconds(30));  // replaces (and so destroys) the first hub
   ASSERT_TRUE(runLoopUntil(loop, [&] { return codes.size() == 1; }));
+  // Nobody will ever release the counted use now: the worker gave it up itself.
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return weak.expired(); }));
 }
 
 TEST(ObjectLocal, DeliveriesArePostedAndConstructorMessagesWaitForReadiness) {
