@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # consumer_check.sh [BUILD_DIR]: builds the project (BUILD_DIR, default build), installs it
 # into a temporary prefix, builds examples/consumer against that prefix alone and runs it.
-# Also compiles every installed header with only the package's usage requirements, which
-# catches a public header that includes a private dependency (libsodium, nlohmann-json).
+# Also compiles every installed header with only the package's usage requirements, and fails
+# when one includes a private dependency: libsodium and nlohmann-json are not among the
+# package's dependencies, and their headers in /usr/include would hide that from a compiler.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=${1:-build}
@@ -20,6 +21,10 @@ if ldd "$prefix/bin/lumaren-hub" | grep -E 'not found|'"$PWD/$dir"; then
 fi
 
 echo "-- every installed header on its own usage requirements"
+if grep -rnE '#include\s*[<"](sodium|nlohmann)' "$prefix/include"; then
+  echo "An installed header includes a private dependency; the package does not provide it."
+  exit 1
+fi
 mkdir -p "$work/headers"
 (cd "$prefix/include" && find foundation core -name '*.h' | sort) |
   sed 's/.*/#include "&"/' >"$work/headers/all_headers.cpp"
