@@ -20,6 +20,8 @@ public:
 
   void append(void const* bytes, size_t count) {
     // Encoders append a byte or two at a time: keep that to a size check and a copy.
+    if (count == 0)
+      return;
     size_t at = size();
     if (capacity() - at < count)
       reserve(std::max(at + count, capacity() * 2));

@@ -135,6 +135,8 @@ private:
   }
 
   void put(void const* bytes, size_t count) {
+    if (count == 0)
+      return;
     if (count > sizeof _buffer - _n) {
       flush();
       if (count > sizeof _buffer) {
