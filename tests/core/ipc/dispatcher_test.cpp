@@ -28,9 +28,22 @@ TEST_F(HubTest, AssignsIdsInOrderStartingWithItsOwnWorker) {
       hub().onWorkerConnected().connect([&](auto const& info) { connected.push_back(info); });
 
   EXPECT_EQ(hub().worker().workerId(), 0);
+  LogCapture log;
+  fn::logging::CategoryManager::instance().setThreshold("ipc.dispatcher", fn::logging::DBG);
   uint16_t a, b;
   auto peerA = connect("A", a);
   auto peerB = connect("B", b);
+  peerA->send(message(objectOf(a, 0), b, fn::Value::map(), marker('m')));
+  peerB->expect(messageWith(marker('m')));
+  fn::logging::CategoryManager::instance().setThreshold("ipc.dispatcher", fn::logging::INF);
+  EXPECT_TRUE(log.contains("Worker A (tag-A) connected - assigning Id 1"));
+  EXPECT_TRUE(log.contains("Worker B (tag-B) connected - assigning Id 2"));
+  auto received = log.matching("Receiving from worker A (1) (");
+  ASSERT_FALSE(received.empty());
+  // The record follows on the next line, rendered for people.
+  EXPECT_NE(received.back().text.find(" bytes\n{\"1-TYPE\": \"4-MESSAGE\", \"5-OBJECT_ID\": 1, "),
+            fn::String::npos)
+      << received.back().text;
   EXPECT_EQ(a, 1);
   EXPECT_EQ(b, 2);
   ASSERT_EQ(connected.size(), 2u);
