@@ -66,7 +66,7 @@ public:
 
   /// For decoders: appends an empty entry wherever its key falls; restoreOrder() must follow
   /// unless the keys were appended in ascending order.
-  Entry& appendUnordered() { return _entries.emplace_back(); }
+  Entry& appendUnordered();
   /// Sorts by key; of equal keys the last one stays, as if each had been assigned in turn.
   void restoreOrder();
 
@@ -349,6 +349,9 @@ inline ValueMap::iterator ValueMap::erase(const_iterator at) {
 }
 inline void ValueMap::clear() {
   _entries.clear();
+}
+inline ValueMap::Entry& ValueMap::appendUnordered() {
+  return _entries.emplace_back();
 }
 inline void ValueMap::reserve(size_t n) {
   _entries.reserve(n);

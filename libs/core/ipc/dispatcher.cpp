@@ -99,7 +99,11 @@ void Dispatcher::onConnection(fn::uv::Status const& status) {
   }
   Connection connection(new WorkerConnection(*this, stream));
   WorkerConnection* raw = connection.get();
-  stream->readStart([raw](char const* bytes, ssize_t count) { raw->reader.feed(bytes, count); });
+  stream->readStart([raw](char const* bytes, ssize_t count) {
+    // A record may end the connection; the reader must outlive the whole chunk it is reading.
+    Connection keep(raw);
+    raw->reader.feed(bytes, count);
+  });
   _connections.insert(connection);
 }
 

@@ -241,7 +241,9 @@ TEST_F(HubTest, BadInputEndsAtMostThatConnection) {
 
   // Bytes that are not MessagePack: the connection ends, the others are told.
   auto garbage = connect("Garbage", bad);
-  garbage->sendRaw(fn::ByteArray{3, 0, 0, 0, 0xc1, 0xc1, 0xc1});
+  // More bytes follow in the same chunk: the reader must stop without touching what the
+  // ended connection freed.
+  garbage->sendRaw(fn::ByteArray{3, 0, 0, 0, 0xc1, 0xc1, 0xc1, 1, 0, 0, 0, 0xc0});
   EXPECT_EQ(healthy->expectType(type::WORKER_DEAD).at(key::WORKER_ID).asInt(), bad);
   EXPECT_EQ(garbage->waitForExit(), 0);
   EXPECT_TRUE(log.contains("Received read error MessageHelper failed to decode a frame"));
