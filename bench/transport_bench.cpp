@@ -5,7 +5,7 @@
 // The "call" rows measure a remote method call over the same route: callMethod in A,
 // onMethodCall and sendResult in B, the promise fulfilled and its continuation run in A.
 //
-//   lumaren-bench [--quick] [--framework-only]
+//   lumaren-bench [--quick] [--only messages|calls]
 
 #include <fcntl.h>
 #include <sched.h>
@@ -404,7 +404,7 @@ void pinTo(int cpu) {
   sched_setaffinity(0, sizeof set, &set);
 }
 
-int drive(Settings const& settings, bool frameworkOnly) {
+int drive(Settings const& settings, std::string_view only) {
   size_t frameSize = frameSizeOfMessage();
   fmt::print("round trip of a {}-byte framed object message, A -> hub -> B -> hub -> A\n",
              frameSize);
@@ -412,12 +412,14 @@ int drive(Settings const& settings, bool frameworkOnly) {
              "median floor", "ratio", "rt/s core", "rt/s floor", "share");
   for (int cpu : {-1, 0}) {
     pinTo(cpu);  // children inherit the affinity
-    Figures core = measureFramework(settings);
-    if (frameworkOnly) {
-      fmt::print("{:<10} {:>11.1f} us {:>16.0f} rt/s\n", cpu < 0 ? "unpinned" : "cpu 0",
-                 core.medianMicros, core.roundTripsPerSecond);
+    if (only == "calls" || only == "messages") {
+      // For profiling one path at a time.
+      Figures one = only == "calls" ? measureCall(settings) : measureFramework(settings);
+      fmt::print("{:<14} {:>11.1f} us {:>31.0f}\n", cpu < 0 ? "unpinned" : "cpu 0",
+                 one.medianMicros, one.roundTripsPerSecond);
       continue;
     }
+    Figures core = measureFramework(settings);
     Figures floor = measureFloor(settings, frameSize);
     Figures call = measureCall(settings);
     auto row = [&](std::string_view label, Figures const& figures) {
@@ -460,6 +462,5 @@ int main(int argc, char** argv) {
   Settings settings;
   if (std::find(args.begin(), args.end(), "--quick") != args.end())
     settings = Settings{500, 20000};
-  bool frameworkOnly = std::find(args.begin(), args.end(), "--framework-only") != args.end();
-  return drive(settings, frameworkOnly);
+  return drive(settings, option("--only"));
 }

@@ -53,6 +53,7 @@ public:
   iterator find(Value const& key);
   const_iterator find(Value const& key) const;
   const_iterator find(int64_t key) const;
+  const_iterator find(std::string_view key) const;
   bool contains(Value const& key) const;
   /// The value under `key`, inserted as null when absent.
   Value& operator[](Value const& key);
@@ -244,6 +245,17 @@ public:
   Value get(K key, Value&& fallback) const {
     return get(key, fallback);
   }
+  // Text keys, the keys of every application message, likewise.
+  Value const& at(char const* key) const {
+    Value const* found = findString(key);
+    return found ? *found : throwNoSuchKey(Value(key));
+  }
+  Value const& get(char const* key, Value const& fallback = NIL) const {
+    Value const* found = findString(key);
+    return found ? *found : fallback;
+  }
+  Value get(char const* key, Value&& fallback) const { return get(key, fallback); }
+  bool contains(char const* key) const { return findString(key) != nullptr; }
   template <IntegerNotBool K>
   bool contains(K key) const {
     return std::in_range<int64_t>(key) ? findInteger(static_cast<int64_t>(key)) != nullptr
@@ -273,8 +285,12 @@ public:
 
   /// The map order, with the common case of two integer keys decided inline.
   static bool keyLess(Value const& a, Value const& b) {
-    if (a._type == Type::Integer && b._type == Type::Integer)
-      return a._s.i < b._s.i;
+    if (a._type == b._type) {
+      if (a._type == Type::Integer)
+        return a._s.i < b._s.i;
+      if (a._type == Type::String)
+        return a._s.string < b._s.string;
+    }
     return (a <=> b) < 0;
   }
 
@@ -303,6 +319,7 @@ private:
   }
 
   Value const* findInteger(int64_t key) const;
+  Value const* findString(std::string_view key) const;
   [[noreturn]] Value const& throwNoSuchKey(Value const& key) const;
   [[noreturn]] void throwWrongType(Type expected) const;
   [[noreturn]] void throwOutOfRange() const;
@@ -357,7 +374,9 @@ inline void ValueMap::reserve(size_t n) {
   _entries.reserve(n);
 }
 inline ValueMap::const_iterator ValueMap::find(int64_t key) const {
-  // Records have a handful of entries: a linear scan beats a binary search here.
+  // Records have a handful of entries: a linear scan beats a binary search there.
+  if (_entries.size() > 16)
+    return find(Value(key));
   for (auto at = _entries.begin(); at != _entries.end(); ++at) {
     int c = at->first.compareToInteger(key);
     if (c == 0)
@@ -366,6 +385,32 @@ inline ValueMap::const_iterator ValueMap::find(int64_t key) const {
       break;
   }
   return _entries.end();
+}
+
+inline ValueMap::const_iterator ValueMap::find(std::string_view key) const {
+  if (_entries.size() > 16)
+    return find(Value(key));
+  // Strings sort after every number: skip those, then compare texts.
+  for (auto at = _entries.begin(); at != _entries.end(); ++at) {
+    Value const& k = at->first;
+    if (k._type < Value::Type::String)
+      continue;
+    if (k._type > Value::Type::String)
+      break;
+    int c = std::string_view(k._s.string).compare(key);
+    if (c == 0)
+      return at;
+    if (c > 0)
+      break;
+  }
+  return _entries.end();
+}
+
+inline Value const* Value::findString(std::string_view key) const {
+  if (_type != Type::Map)
+    return nullptr;
+  auto found = _s.map.find(key);
+  return found == _s.map.end() ? nullptr : &found->second;
 }
 
 inline Value const* Value::findInteger(int64_t key) const {

@@ -162,3 +162,33 @@ TEST(Value, ToStringRendersEveryKind) {
 
 }  // namespace
 }  // namespace fn
+
+namespace fn {
+namespace {
+
+TEST(Value, TextAndIntegerKeysAreFoundInSmallAndLargeMixedMaps) {
+  for (int size : {3, 40}) {
+    Value map = Value::map();
+    for (int i = 0; i < size; ++i) {
+      map[Value(i * 2)] = i;
+      map[Value(fmt::format("k{:02}", i))] = -i;
+    }
+    map[Value(true)] = "boolean";
+    map[Value::array({1})] = "array";
+    for (int i = 0; i < size; ++i) {
+      EXPECT_EQ(map.at(i * 2), Value(i));
+      EXPECT_FALSE(map.contains(i * 2 + 1));
+      fn::String key = fmt::format("k{:02}", i);
+      EXPECT_EQ(map.at(key.c_str()), Value(-i));
+      EXPECT_EQ(map.get(key.c_str()), map.get(Value(key)));
+    }
+    EXPECT_FALSE(map.contains("k"));
+    EXPECT_FALSE(map.contains("zz"));
+    EXPECT_THROW(map.at("absent"), RangeException);
+    EXPECT_EQ(map.get("absent", Value(7)), Value(7));
+    EXPECT_EQ(map.get(Value(true)), Value("boolean"));
+  }
+}
+
+}  // namespace
+}  // namespace fn
