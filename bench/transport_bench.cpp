@@ -153,22 +153,38 @@ int runCallee(fn::String const& pipe) {
   return 0;
 }
 
-Figures measureCall(Settings const& settings) {
-  fn::String pipeFile = tempPath("call-pipe");
-  pid_t hub = spawnSelf({"--role", "hub", "--pipe-file", pipeFile});
-  waitForFile(pipeFile);
-  fn::String pipe = fn::File(pipeFile).readAll().view();
-  fn::File(pipeFile).remove();
-  pid_t callee = spawnSelf({"--role", "callee", "--pipe", pipe});
+// The route under test: a hub process, B (a process in `role` that serves object 1, the first
+// of worker 1) and A, this process's worker, connected after B.
+struct Route {
+  explicit Route(char const* role) {
+    fn::String pipeFile = tempPath("pipe");
+    hub = spawnSelf({"--role", "hub", "--pipe-file", pipeFile});
+    waitForFile(pipeFile);
+    fn::String pipe = fn::File(pipeFile).readAll().view();
+    fn::File(pipeFile).remove();
+    server = spawnSelf({"--role", role, "--pipe", pipe});
+    worker = std::make_unique<ipc::Worker>(delegate, loop, pipe, "caller", "", false);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    worker->connect();
+    loop.runUntil([&] { return worker->connected(); });
+  }
+  ~Route() {
+    worker->stop();
+    finish(server);
+    finish(hub);
+  }
 
   fn::uv::Loop loop;
   NullDelegate delegate;
-  ipc::Worker worker(delegate, loop, pipe, "caller", "", false);
-  // Connect after the callee so that it is worker 1 and its instance object 1.
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  worker.connect();
-  loop.runUntil([&] { return worker.connected(); });
-  ipc::ObjectReferenceInitializer init{&worker, (0u << 16) + 1, nullptr, "Callee"};
+  std::unique_ptr<ipc::Worker> worker;
+  pid_t hub = 0;
+  pid_t server = 0;
+};
+
+Figures measureCall(Settings const& settings) {
+  Route route("callee");
+  fn::uv::Loop& loop = route.loop;
+  ipc::ObjectReferenceInitializer init{route.worker.get(), (0u << 16) + 1, nullptr, "Callee"};
   fn::AutoPtr<ipc::CallableObjectReference> reference(new ipc::CallableObjectReference(init));
   fn::Value argument = fn::Value::map({{"data", "hello, world"}, {"seq", 1}});
 
@@ -205,28 +221,13 @@ Figures measureCall(Settings const& settings) {
   figures.roundTripsPerSecond = done / std::chrono::duration<double>(Clock::now() - start).count();
 
   reference.reset();
-  worker.stop();
-  finish(callee);
-  finish(hub);
   return figures;
 }
 
 Figures measureFramework(Settings const& settings) {
-  fn::String pipeFile = tempPath("pipe");
-  pid_t hub = spawnSelf({"--role", "hub", "--pipe-file", pipeFile});
-  waitForFile(pipeFile);
-  fn::String pipe = fn::File(pipeFile).readAll().view();
-  fn::File(pipeFile).remove();
-  pid_t echo = spawnSelf({"--role", "echo", "--pipe", pipe});
-
-  fn::uv::Loop loop;
-  NullDelegate delegate;
-  ipc::Worker worker(delegate, loop, pipe, "caller", "", false);
-  // Connect after the echo worker so that it is worker 1 and its instance object 1.
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  worker.connect();
-  loop.runUntil([&] { return worker.connected(); });
-  ipc::ObjectReferenceInitializer init{&worker, (0u << 16) + 1, nullptr, "Echo"};
+  Route route("echo");
+  fn::uv::Loop& loop = route.loop;
+  ipc::ObjectReferenceInitializer init{route.worker.get(), (0u << 16) + 1, nullptr, "Echo"};
   fn::AutoPtr<Caller> caller(new Caller(init));
   fn::Value message = fn::Value::map({{"data", "hello, world"}, {"seq", 1}});
 
@@ -264,9 +265,6 @@ Figures measureFramework(Settings const& settings) {
   figures.roundTripsPerSecond = done / std::chrono::duration<double>(Clock::now() - start).count();
 
   caller.reset();
-  worker.stop();
-  finish(echo);
-  finish(hub);
   return figures;
 }
 

@@ -37,4 +37,7 @@ private:
   String _path;
 };
 
+/// Throws FileException "<what> failed: <reason>" with the path and errno attached.
+[[noreturn]] FN_EXPORT void throwFileError(char const* what, String const& path, int error);
+
 }  // namespace fn

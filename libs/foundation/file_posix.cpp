@@ -8,14 +8,10 @@
 #include "foundation/file.h"
 
 namespace fn {
-namespace {
-
-[[noreturn]] void fail(char const* what, String const& path, int error) {
+void throwFileError(char const* what, String const& path, int error) {
   throw withErrno(
       withPath(FileException(fmt::format("{} failed: {}", what, strerror(error))), path), error);
 }
-
-}  // namespace
 
 bool File::exists() const {
   struct stat info;
@@ -29,12 +25,12 @@ bool File::isDirectory() const {
 
 void File::remove() const {
   if (::unlink(_path.c_str()) != 0 && errno != ENOENT)
-    fail("remove", _path, errno);
+    throwFileError("remove", _path, errno);
 }
 
 void File::moveTo(String const& target) const {
   if (::rename(_path.c_str(), target.c_str()) != 0)
-    fail("rename", _path, errno);
+    throwFileError("rename", _path, errno);
 }
 
 void File::createDirectories(unsigned mode) const {
@@ -42,13 +38,13 @@ void File::createDirectories(unsigned mode) const {
     return;
   File(directory()).createDirectories(mode);
   if (::mkdir(_path.c_str(), mode) != 0 && errno != EEXIST)
-    fail("mkdir", _path, errno);
+    throwFileError("mkdir", _path, errno);
 }
 
 ByteArray File::readAll() const {
   int fd = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0)
-    fail("open", _path, errno);
+    throwFileError("open", _path, errno);
   ByteArray bytes;
   uint8_t chunk[16384];
   for (;;) {
@@ -58,7 +54,7 @@ ByteArray File::readAll() const {
     if (n < 0) {
       int error = errno;
       ::close(fd);
-      fail("read", _path, error);
+      throwFileError("read", _path, error);
     }
     if (n == 0)
       break;
@@ -71,7 +67,7 @@ ByteArray File::readAll() const {
 void File::writeAll(ByteArray const& bytes, unsigned mode) const {
   int fd = ::open(_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd < 0)
-    fail("open", _path, errno);
+    throwFileError("open", _path, errno);
   size_t done = 0;
   while (done < bytes.size()) {
     ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
@@ -80,24 +76,24 @@ void File::writeAll(ByteArray const& bytes, unsigned mode) const {
     if (n < 0) {
       int error = errno;
       ::close(fd);
-      fail("write", _path, error);
+      throwFileError("write", _path, error);
     }
     done += static_cast<size_t>(n);
   }
   if (::close(fd) != 0)
-    fail("close", _path, errno);
+    throwFileError("close", _path, errno);
 }
 
 void File::sync() const {
   int fd = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0)
-    fail("open", _path, errno);
+    throwFileError("open", _path, errno);
   // EINVAL: the file system cannot sync this kind of file (some cannot for directories).
   while (::fsync(fd) != 0 && errno != EINVAL) {
     if (errno != EINTR) {
       int error = errno;
       ::close(fd);
-      fail("fsync", _path, error);
+      throwFileError("fsync", _path, error);
     }
   }
   ::close(fd);

@@ -5,22 +5,15 @@
 #include <cstring>
 
 #include "foundation/exception.h"
+#include "foundation/file.h"
 #include "foundation/file_stream.h"
 
 namespace fn {
-namespace {
-
-[[noreturn]] void fail(char const* what, String const& path, int error) {
-  throw withErrno(
-      withPath(FileException(fmt::format("{} failed: {}", what, strerror(error))), path), error);
-}
-
-}  // namespace
 
 FileOutputStream::FileOutputStream(String path, unsigned mode) : _path(std::move(path)) {
   _fd = ::open(_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (_fd < 0)
-    fail("open", _path, errno);
+    throwFileError("open", _path, errno);
 }
 
 FileOutputStream::~FileOutputStream() {
@@ -30,14 +23,14 @@ FileOutputStream::~FileOutputStream() {
 
 void FileOutputStream::write(void const* bytes, size_t count) {
   if (_fd < 0)
-    fail("write", _path, EBADF);
+    throwFileError("write", _path, EBADF);
   auto const* p = static_cast<uint8_t const*>(bytes);
   while (count > 0) {
     ssize_t n = ::write(_fd, p, count);
     if (n < 0 && errno == EINTR)
       continue;
     if (n < 0)
-      fail("write", _path, errno);
+      throwFileError("write", _path, errno);
     p += n;
     count -= static_cast<size_t>(n);
   }
@@ -50,22 +43,22 @@ void FileOutputStream::close() {
   _fd = -1;
   // Linux closes the descriptor even when close() reports EINTR, so it is never retried.
   if (::close(fd) != 0 && errno != EINTR)
-    fail("close", _path, errno);
+    throwFileError("close", _path, errno);
 }
 
 void FileOutputStream::sync() {
   if (_fd < 0)
-    fail("fsync", _path, EBADF);
+    throwFileError("fsync", _path, EBADF);
   while (::fsync(_fd) != 0) {
     if (errno != EINTR)
-      fail("fsync", _path, errno);
+      throwFileError("fsync", _path, errno);
   }
 }
 
 FileInputStream::FileInputStream(String path) : _path(std::move(path)) {
   _fd = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
   if (_fd < 0)
-    fail("open", _path, errno);
+    throwFileError("open", _path, errno);
 }
 
 FileInputStream::~FileInputStream() {
@@ -79,7 +72,7 @@ size_t FileInputStream::read(void* bytes, size_t count) {
     if (n >= 0)
       return static_cast<size_t>(n);
     if (errno != EINTR)
-      fail("read", _path, errno);
+      throwFileError("read", _path, errno);
   }
 }
 
