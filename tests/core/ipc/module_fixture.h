@@ -17,11 +17,16 @@
 
 namespace testing_support {
 
-struct IdleDelegate : ipc::Worker::Delegate {
+/// The test worker's owner: it never terminates unless a test says so.
+struct TestDelegate : ipc::Worker::Delegate {
+  bool idleTermination = false;
+  std::function<bool()> canTerminate = [] { return false; };
+  int terminationRequests = 0;
+
   void workerDidConnect(ipc::Worker&) override {}
-  bool wantsIdleTermination(ipc::Worker&) override { return false; }
-  bool workerCanTerminate(ipc::Worker&) override { return false; }
-  void workerRequestsTermination(ipc::Worker&) override {}
+  bool wantsIdleTermination(ipc::Worker&) override { return idleTermination; }
+  bool workerCanTerminate(ipc::Worker&) override { return canTerminate(); }
+  void workerRequestsTermination(ipc::Worker&) override { ++terminationRequests; }
   void aboutToQuit(ipc::Worker&) override {}
 };
 
@@ -44,7 +49,8 @@ protected:
     core::AppInfo::initialize(core::AppInfo::App::LUMAREN);
     HubTest::SetUp();
     hub().worker().registerObjectReferenceClass<ServiceReference>();
-    worker = std::make_unique<ipc::Worker>(delegate, loop, hub().pipePath(), "T", "t-tag", false);
+    worker = std::make_unique<ipc::Worker>(delegate, loop, hub().pipePath(), "T", "t-tag",
+                                           delegate.idleTermination, workerOptions);
     worker->registerObjectReferenceClass<ServiceReference>();
     worker->connect();
     ASSERT_TRUE(runLoopUntil(loop, [&] { return worker->connected(); }));
@@ -137,7 +143,8 @@ protected:
         << "entries: " << hub().registry()->entryCount("TestService");
   }
 
-  IdleDelegate delegate;
+  TestDelegate delegate;
+  ipc::Worker::Options workerOptions;
   std::unique_ptr<ipc::Worker> worker;
   std::map<fn::String, std::unique_ptr<ModuleProcess>> modules;
 };

@@ -164,3 +164,32 @@ TEST_F(RegistryTest, AnIdleModuleHidesItsEntriesBeforeItAsksToTerminate) {
   EXPECT_NE(exceptionAs<fn::OperationTimedOutException>(waiting->error), nullptr);
   EXPECT_EQ(terminating.size(), 1u);
 }
+
+namespace {
+
+// The test's own worker terminates when idle, and its owner changes its mind once the entries
+// are hidden.
+class BusyAgainTest : public ModuleTest {
+protected:
+  BusyAgainTest() {
+    delegate.idleTermination = true;
+    workerOptions.idleTimeout = fn::Duration::milliseconds(200);
+  }
+  int checks = 0;
+};
+
+}  // namespace
+
+TEST_F(BusyAgainTest, AWorkerBusyAgainAfterHidingShowsItsEntriesAndGoesOn) {
+  fn::AutoPtr<LocalService> local(new LocalService(*worker));
+  auto registered = await(worker->registry()->registerObject(local, 0));
+  ASSERT_FALSE(registered.error) << fn::describeException(registered.error);
+  // Idle now (only the registry uses the instance); the first check agrees, the one after
+  // hiding does not, and every later one keeps the worker running.
+  delegate.canTerminate = [this] { return ++checks == 1; };
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return checks >= 3; }));
+  EXPECT_EQ(delegate.terminationRequests, 0);
+  // Shown again: the lookup, sent after the worker showed its entries, finds the instance.
+  EXPECT_EQ(whoAmI(lookup()), "local");
+  EXPECT_EQ(hub().registry()->waiterCount(), 0u);
+}
