@@ -33,7 +33,8 @@ public:
   /// Fetches the sticky messages the hub keeps and delivers each once, as sticky.
   fn::Promise<void> getStickyMessages();
 
-  /// The bus as `worker` finds it in the registry.
+  /// The bus as `worker` finds it in the registry. Registers this reference class with
+  /// `worker` first, so that the bus arrives as one.
   static fn::Promise<fn::AutoPtr<MessageBus>> lookup(Worker& worker,
                                                      fn::Duration timeout = DEFAULT_LOOKUP_TIMEOUT);
 

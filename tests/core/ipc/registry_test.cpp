@@ -57,6 +57,14 @@ TEST_F(RegistryTest, HubHostsTheRegistryAsObjectZeroAndPublishesTheBus) {
   ASSERT_NE(reference, nullptr);
   EXPECT_EQ(reference->className(), "ipc::MessageBus");
   EXPECT_EQ(reference->objectId(), hub().messageBus()->objectId());
+
+  // Registering nothing is answered, and registers nothing.
+  auto nothing = await(worker->registry()->callMethod(
+      "registerInstance", fn::Value::map({{"instance", fn::Value()}, {"priority", 9}})));
+  ASSERT_FALSE(nothing.error) << fn::describeException(nothing.error);
+  EXPECT_TRUE(nothing.value->isNull());
+  EXPECT_EQ(hub().registry()->entryCount(""), 0u);
+  EXPECT_EQ(hub().registry()->entryCount("ipc::MessageBus"), 1u);
 }
 
 TEST_F(RegistryTest, HighestPriorityWinsThenTheNewestAndDeadModulesDropOut) {
