@@ -27,6 +27,9 @@ class CORE_EXPORT MessageBus : public fn::MessageBus, public CallableObjectRefer
 public:
   explicit MessageBus(ObjectReferenceInitializer& initializer);
 
+  /// The name the bus is registered under, the same on every platform.
+  fn::String className() const override { return "ipc::MessageBus"; }
+
   /// Sends the message through the hub; nothing is delivered here before it comes back.
   void sendMessage(fn::String const& name, fn::Value&& body, bool sticky) override;
 

@@ -31,6 +31,9 @@ class CORE_EXPORT Registry : public CallableObjectReference {
 public:
   explicit Registry(ObjectReferenceInitializer& initializer);
 
+  /// The same on every platform, whatever the compiler's type names.
+  fn::String className() const override { return "ipc::Registry"; }
+
   /// Publishes `instance` under its class name. Among instances of one class the highest
   /// priority wins, and among equal priorities the one registered last.
   fn::Promise<void> registerObject(fn::AutoPtr<ObjectInstance> const& instance, int priority = 0);
