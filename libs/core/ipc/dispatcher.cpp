@@ -67,6 +67,9 @@ Dispatcher::~Dispatcher() {
   }
   _connections.clear();
   _workers.clear();
+  // Nobody is left to release the uses counted on the registry, the bus and what else the
+  // hub's worker handed out; giving them up lets those objects go with the worker.
+  _worker.objects().dropRemoteUses();
   _messageBus.reset();
   _registry.reset();
   _worker.stop();

@@ -45,7 +45,7 @@ Worker::Worker(Delegate& delegate,
 
 Worker::~Worker() {
   _terminationTimer.invalidate();
-  _registry.reset();
+  _objects.abandonAll();
   if (_stream)
     _stream->close();
 }

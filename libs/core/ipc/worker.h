@@ -131,7 +131,8 @@ private:
   fn::AutoPtr<fn::uv::PipeStream> _stream;
   MessageReader _reader;
   WorkerObjectManager _objects;
-  // After the object manager: the reference unregisters from it when it goes.
+  // Released after _lifetime expired, so the reference (and the hub's registry it holds) is
+  // freed at once instead of in a task the loop may never run.
   fn::AutoPtr<Registry> _registry;
   fn::Signal<fn::uv::Status const&> _onDisconnected;
   fn::Signal<fn::Value const&> _onRecord;
