@@ -71,6 +71,7 @@ FN_DECLARE_EXCEPTION(IllegalStateException, RuntimeException);
 FN_DECLARE_EXCEPTION(IOException, RuntimeException);
 FN_DECLARE_EXCEPTION(FileException, IOException);
 FN_DECLARE_EXCEPTION(TimeoutException, RuntimeException);
+FN_DECLARE_EXCEPTION(OperationTimedOutException, RuntimeException);
 
 /// Attach error information while keeping the exception's own type, as in
 /// `throw withDetail(RangeException("Invalid boxed type"), text);`.

@@ -19,6 +19,7 @@ ExceptionFactory::ExceptionFactory() {
   registerClass<IOException>();
   registerClass<FileException>();
   registerClass<TimeoutException>();
+  registerClass<OperationTimedOutException>();
   registerClass<uv::UVException>();
 }
 

@@ -135,6 +135,7 @@ private:
   }
 
   void put(void const* bytes, size_t count) {
+    // An empty byte array has no data pointer, and memcpy must not be given a null one.
     if (count == 0)
       return;
     if (count > sizeof _buffer - _n) {

@@ -9,6 +9,8 @@
 #include <stdexcept>
 
 #include "core/fraction.h"
+#include "core/ipc/message_bus.h"
+#include "core/ipc/registry.h"
 #include "core/ipc/worker.h"
 #include "core/typed_byte_array.h"
 #include "peer.h"
@@ -44,8 +46,9 @@ private:
 
 class TestService : public ipc::CallableObjectInstance {
 public:
-  TestService(ipc::Worker& worker, fn::Value const& lastObjects)
+  TestService(ipc::Worker& worker, fn::String name, fn::Value const& lastObjects)
       : ipc::CallableObjectInstance(worker),
+        _name(std::move(name)),
         _lastObjects(lastObjects) {}
 
 protected:
@@ -64,6 +67,8 @@ protected:
                     fn::Value const& argument) override {
     if (method == "echo") {
       sendResult(context, argument);
+    } else if (method == "whoAmI") {
+      sendResult(context, _name);
     } else if (method == "describe") {
       // What this process made of the value types: real objects, not bytes.
       fn::Value described = fn::Value::map();
@@ -155,6 +160,7 @@ private:
     broadcastEvent("released", id);
   }
 
+  fn::String _name;
   fn::Value const& _lastObjects;
   std::vector<CallContext> _held;
   fn::Value _cancelled = fn::Value::array();
@@ -165,11 +171,39 @@ private:
 class ModuleDelegate : public ipc::Worker::Delegate {
 public:
   std::function<void()> connected;
+  std::function<void()> terminationRequested;
+  bool idleTermination = false;
   void workerDidConnect(ipc::Worker&) override { connected(); }
-  bool wantsIdleTermination(ipc::Worker&) override { return false; }
-  bool workerCanTerminate(ipc::Worker&) override { return false; }
-  void workerRequestsTermination(ipc::Worker&) override {}
+  bool wantsIdleTermination(ipc::Worker&) override { return idleTermination; }
+  bool workerCanTerminate(ipc::Worker&) override { return idleTermination; }
+  void workerRequestsTermination(ipc::Worker&) override { terminationRequested(); }
   void aboutToQuit(ipc::Worker&) override {}
+};
+
+struct ModuleRoles {
+  std::optional<int> registerPriority;
+  int64_t idleMilliseconds = 0;
+  bool bus = false;
+  bool sticky = false;
+
+  bool any() const { return registerPriority || idleMilliseconds > 0 || usesBus(); }
+  bool usesBus() const { return bus || sticky || idleMilliseconds > 0; }
+
+  static ModuleRoles parse(int argc, char** argv) {
+    ModuleRoles roles;
+    for (int i = 4; i < argc; ++i) {
+      std::string_view role = argv[i];
+      if (role.starts_with("register="))
+        roles.registerPriority = std::atoi(argv[i] + 9);
+      else if (role.starts_with("idle="))
+        roles.idleMilliseconds = std::atoll(argv[i] + 5);
+      else if (role == "bus")
+        roles.bus = true;
+      else if (role == "sticky")
+        roles.sticky = true;
+    }
+    return roles;
+  }
 };
 
 }  // namespace
@@ -194,9 +228,15 @@ int runTestModule(int argc, char** argv) {
     return 2;
   ::signal(SIGPIPE, SIG_IGN);
   fn::String name = argv[2];
+  ModuleRoles roles = ModuleRoles::parse(argc, argv);
   fn::uv::Loop loop;
   ModuleDelegate delegate;
-  ipc::Worker worker(delegate, loop, argv[3], name, "module-" + name, false);
+  delegate.idleTermination = roles.idleMilliseconds > 0;
+  ipc::Worker::Options options;
+  if (roles.idleMilliseconds > 0)
+    options.idleTimeout = fn::Duration::milliseconds(roles.idleMilliseconds);
+  ipc::Worker worker(delegate, loop, argv[3], name, "module-" + name, delegate.idleTermination,
+                     options);
   worker.registerObjectReferenceClass<ServiceReference>();
   fn::AutoPtr<TestService> service;
   fn::Value lastObjects;
@@ -206,10 +246,50 @@ int runTestModule(int argc, char** argv) {
   });
   fn::Handle lost =
       worker.onDisconnected().connect([&loop](fn::uv::Status const&) { loop.stop(); });
+  fn::AutoPtr<ipc::MessageBus> bus;
+  std::vector<fn::Handle> subscriptions;
+  int heard = 0;
+  delegate.terminationRequested = [&] {
+    if (bus)
+      bus->post("test.terminating", name);
+  };
   delegate.connected = [&] {
-    service = fn::AutoPtr<TestService>(new TestService(worker, lastObjects));
-    worker.sendMessageToWorker(ipc::NO_WORKER, ipc::REGISTRY_OBJECT_ID,
-                               fn::Value::map({{"module", name}, {"service", service}}));
+    service = fn::AutoPtr<TestService>(new TestService(worker, name, lastObjects));
+    if (!roles.any()) {
+      worker.sendMessageToWorker(ipc::NO_WORKER, ipc::REGISTRY_OBJECT_ID,
+                                 fn::Value::map({{"module", name}, {"service", service}}));
+      return;
+    }
+    if (roles.registerPriority)
+      worker.registry()->registerObject(service, *roles.registerPriority);
+    if (!roles.usesBus())
+      return;
+    ipc::MessageBus::lookup(worker).then([&](fn::AutoPtr<ipc::MessageBus> found) {
+      bus = found;
+      if (roles.bus) {
+        subscriptions.push_back(
+            bus->listen("test.ping", [&](fn::String const&, fn::Value const& body) {
+              bus->post("test.pong", fn::Value::map({{"from", name}, {"got", body}}));
+            }));
+      }
+      if (!roles.sticky) {
+        bus->post("test.ready", name);
+        return;
+      }
+      bus->getStickyMessages().then([&] {
+        // Subscribing after the fetch: the stored message is replayed to this late listener.
+        subscriptions.push_back(
+            bus->listen("test.config", [&](fn::String const&, fn::Value const& body) {
+              ++heard;
+              auto other = bus->getStickyMessage("test.other");
+              bus->post("test.heard", fn::Value::map({{"from", name},
+                                                      {"body", body},
+                                                      {"count", heard},
+                                                      {"other", other.value_or(fn::Value())}}));
+            }));
+        bus->post("test.ready", name);
+      });
+    });
   };
   worker.connect();
   loop.run();
@@ -221,11 +301,13 @@ int runTestModule(int argc, char** argv) {
 
 std::unique_ptr<ModuleProcess> ModuleProcess::start(fn::uv::Loop& loop,
                                                     fn::String const& name,
-                                                    fn::String const& pipePath) {
+                                                    fn::String const& pipePath,
+                                                    std::vector<fn::String> const& roles) {
   std::unique_ptr<ModuleProcess> module(new ModuleProcess(loop));
   fn::uv::Process::Options options;
   options.file = fn::uv::executablePath();
   options.arguments = {"--module", name, pipePath};
+  options.arguments.insert(options.arguments.end(), roles.begin(), roles.end());
   ModuleProcess* raw = module.get();
   module->_process = fn::uv::Process::spawn(loop, options, [raw](int64_t status, int signal) {
     raw->_exited = true;

@@ -6,6 +6,9 @@
 // own worker picks it up (see Lobby). The service's methods let tests drive answers, errors,
 // cancellations, events and object lifetimes in a separate process they can kill.
 //
+// Extra arguments give the module roles (see ModuleRoles): it may register its service in the
+// registry, use the message bus, or terminate when idle, reporting on the bus.
+//
 // The module stops when its hub goes away. ModuleProcess owns the child from the test side
 // and kills it (SIGKILL) when destroyed.
 
@@ -61,9 +64,16 @@ fn::ErrorInfo structuredErrorInfo();
 /// The child process from the test's side.
 class ModuleProcess {
 public:
+  /// `roles`: "register=<priority>" registers the service under "TestService";
+  /// "idle=<milliseconds>" enables idle termination with that idle time and posts
+  /// "test.terminating" (the module's name) on the bus when it asks to terminate; "bus"
+  /// answers each "test.ping" with "test.pong"; "sticky" fetches the sticky messages, then
+  /// listens to "test.config" and reports each delivery as "test.heard". Modules with a bus
+  /// role post "test.ready" once set up. Without roles the module announces itself on object 0.
   static std::unique_ptr<ModuleProcess> start(fn::uv::Loop& loop,
                                               fn::String const& name,
-                                              fn::String const& pipePath);
+                                              fn::String const& pipePath,
+                                              std::vector<fn::String> const& roles = {});
   ~ModuleProcess();
 
   void kill(int signal);

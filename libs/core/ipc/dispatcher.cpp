@@ -1,7 +1,9 @@
 #include "core/ipc/dispatcher.h"
 
+#include "core/ipc/message_bus.h"
 #include "core/ipc/payload.h"
 #include "core/ipc/pipe_path.h"
+#include "core/ipc/registry.h"
 #include "foundation/assert.h"
 #include "foundation/file.h"
 #include "foundation/logging/category.h"
@@ -65,6 +67,11 @@ Dispatcher::~Dispatcher() {
   }
   _connections.clear();
   _workers.clear();
+  // Nobody is left to release the uses counted on the registry, the bus and what else the
+  // hub's worker handed out; giving them up lets those objects go with the worker.
+  _worker.objects().dropRemoteUses();
+  _messageBus.reset();
+  _registry.reset();
   _worker.stop();
   if (_pipeStream) {
     _pipeStream->close();
@@ -347,9 +354,19 @@ uint32_t Dispatcher::referenceUsageCount(ObjectId id, uint16_t workerId) const {
   return count == found->second.end() ? 0 : count->second;
 }
 
-void Dispatcher::workerDidConnect(Worker&) {
-  // The hub's own worker is worker 0. The registry and the message bus it hosts are created
-  // here once they exist.
+void Dispatcher::workerDidConnect(Worker& worker) {
+  // The hub's own worker is worker 0 and this is its first object, so the registry gets the
+  // id every worker already knows it by.
+  _registry = fn::AutoPtr<RegistryImpl>(new RegistryImpl(worker));
+  if (_registry->objectId() != REGISTRY_OBJECT_ID) {
+    fn::debug::internal::assertionFailure(__FILE__, "workerDidConnect", __LINE__,
+                                          "this->_registry->objectId() == REGISTRY_OBJECT_ID");
+  }
+  fn::AutoPtr<Registry> registry(dynamic_cast<Registry*>(_registry->localReference().get()));
+  if (!registry)
+    throw fn::NullPointerException("The registry's reference is not a Registry");
+  _messageBus = fn::AutoPtr<MessageBusImpl>(new MessageBusImpl(worker));
+  registry->registerObject(_messageBus);
 }
 
 bool Dispatcher::wantsIdleTermination(Worker&) {

@@ -7,7 +7,7 @@
 // same user), assigns worker ids, routes object messages, keeps the usage accounting that tells
 // owners when nobody uses their objects any more, pings every worker and tells everybody when
 // one goes away. Its own worker ("DispatcherWorker") connects like any other and becomes
-// worker 0.
+// worker 0; once connected it hosts the registry (object 0) and the message bus.
 //
 // Signals fire on the loop thread: onWorkerConnected after a HELLO, onWorkerNotResponding once
 // per PING left unanswered for the whole time-out, onWorkerDisconnected after a connection
@@ -28,6 +28,9 @@
 #include "foundation/uv/pipe_stream.h"
 
 namespace ipc {
+
+class RegistryImpl;
+class MessageBusImpl;
 
 class CORE_EXPORT Dispatcher : private Worker::Delegate {
 public:
@@ -59,6 +62,9 @@ public:
   fn::uv::Loop& loop() { return _loop; }
   fn::AutoPtr<fn::uv::PipeStream> const& pipeStream() const { return _pipeStream; }
   Worker& worker() { return _worker; }
+  /// The registry and the message bus the hub's worker hosts; null until it connected.
+  fn::AutoPtr<RegistryImpl> const& registry() const { return _registry; }
+  fn::AutoPtr<MessageBusImpl> const& messageBus() const { return _messageBus; }
 
   fn::Signal<WorkerInfo const&>& onWorkerConnected() { return _onWorkerConnected; }
   fn::Signal<WorkerInfo const&>& onWorkerNotResponding() { return _onWorkerNotResponding; }
@@ -106,6 +112,8 @@ private:
   std::unordered_map<ObjectId, std::unordered_map<uint16_t, uint32_t>> _referenceUsageCount;
   uint16_t _workerIdCounter = 0;
   Worker _worker;
+  fn::AutoPtr<RegistryImpl> _registry;
+  fn::AutoPtr<MessageBusImpl> _messageBus;
   fn::Signal<WorkerInfo const&> _onWorkerConnected;
   fn::Signal<WorkerInfo const&> _onWorkerNotResponding;
   fn::Signal<WorkerInfo const&> _onWorkerDisconnected;

@@ -32,6 +32,12 @@ fn::RunLoop& ObjectInstance::loop() const {
 }
 
 void ObjectInstance::deleteInstance() {
+  // Once the worker is gone there is no loop to post to; this happens when the last holder
+  // was itself freed by a posted deletion that ran after the worker (the hub's registry).
+  if (_workerLifetime.expired()) {
+    delete this;
+    return;
+  }
   _worker.loop().post([this] { delete this; });
 }
 
@@ -55,7 +61,10 @@ void ObjectInstance::onMessage(uint16_t, fn::Value const&) {}
 void ObjectInstance::sendMessage(uint16_t workerId, fn::Value const& message) {
   if (!_ready) {
     fn::AutoPtr<ObjectInstance> self(this);
-    _worker.loop().post([self, workerId, message] { self->sendMessage(workerId, message); });
+    _worker.loop().post([self, workerId, message] {
+      if (!self->_workerLifetime.expired())
+        self->sendMessage(workerId, message);
+    });
     return;
   }
   uint16_t own = _worker.workerId();
@@ -66,9 +75,13 @@ void ObjectInstance::sendMessage(uint16_t workerId, fn::Value const& message) {
   fn::AutoPtr<ObjectReference> reference = _localReference.lock();
   if (!reference)
     return;
-  _worker.loop().post([reference, converted = replaceInstanesWithReferences(message)] {
-    reference->onMessage(converted);
-  });
+  // Deliveries still queued when the worker goes (a hub torn down with work pending) are
+  // dropped: the objects would reach into a worker that no longer exists.
+  _worker.loop().post(
+      [reference, alive = _workerLifetime, converted = replaceInstanesWithReferences(message)] {
+        if (!alive.expired())
+          reference->onMessage(converted);
+      });
 }
 
 void ObjectInstance::increateUsageCount() {
@@ -98,7 +111,7 @@ ObjectReference::~ObjectReference() {
 }
 
 void ObjectReference::deleteInstance() {
-  if (!_worker) {
+  if (!_worker || _workerLifetime.expired()) {
     delete this;
     return;
   }
@@ -118,10 +131,11 @@ fn::Signal<>& ObjectReference::objectDeadSignal() {
 void ObjectReference::sendMessage(fn::Value const& message) {
   if (_instance) {
     uint16_t own = _worker->workerId();
-    _worker->loop().post(
-        [instance = _instance, own, converted = replaceInstanesWithReferences(message)] {
-          instance->onMessage(own, converted);
-        });
+    _worker->loop().post([instance = _instance, own, alive = _workerLifetime,
+                          converted = replaceInstanesWithReferences(message)] {
+      if (!alive.expired())
+        instance->onMessage(own, converted);
+    });
     return;
   }
   _worker->sendMessageToWorker(ownerOf(_objectId), _objectId, message);

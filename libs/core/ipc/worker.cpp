@@ -1,6 +1,7 @@
 #include "core/ipc/worker.h"
 
 #include "core/ipc/object.h"
+#include "core/ipc/registry.h"
 #include "foundation/assert.h"
 #include "foundation/logging/category.h"
 #include "foundation/uv/loop.h"
@@ -36,6 +37,7 @@ Worker::Worker(Delegate& delegate,
       _options(options),
       _reader(options.maxFrameSize),
       _objects(*this) {
+  registerObjectReferenceClass<Registry>();
   _reader.onMessage([this](fn::Value record, size_t) { onMessage(record); });
   _reader.onEndOfStream([this] { connectionEnded(fn::uv::Status("end of stream", UV_EOF)); });
   _reader.onError([this](fn::uv::Status const& status) { connectionEnded(status); });
@@ -43,6 +45,7 @@ Worker::Worker(Delegate& delegate,
 
 Worker::~Worker() {
   _terminationTimer.invalidate();
+  _objects.abandonAll();
   if (_stream)
     _stream->close();
 }
@@ -166,7 +169,11 @@ void Worker::onMessage(fn::Value const& record) {
       _workerId = record.at(key::WORKER_ID).to<uint16_t>();
       _connected = true;
       logWorker.log(fn::logging::DBG, "Worker {} connected with id {}", _displayName, _workerId);
+      takeRegistry();
       _delegate.workerDidConnect(*this);
+      // The hub's own worker creates the registry in workerDidConnect.
+      if (!_registry)
+        takeRegistry();
       scheduleTermination();
       break;
     case type::PING:
@@ -225,11 +232,22 @@ bool Worker::wantsTermination() {
   return _connected && _idleTermination && _delegate.wantsIdleTermination(*this);
 }
 
+void Worker::takeRegistry() {
+  if (ownerOf(REGISTRY_OBJECT_ID) != _workerId) {
+    ObjectReferenceInitializer initializer{this, REGISTRY_OBJECT_ID, nullptr, fn::String()};
+    _registry = fn::AutoPtr<Registry>(new Registry(initializer));
+    return;
+  }
+  if (auto instance = _objects.instance(REGISTRY_OBJECT_ID))
+    _registry = fn::AutoPtr<Registry>(dynamic_cast<Registry*>(instance->localReference().get()));
+}
+
 bool Worker::canTerminate() {
-  // The registry's own use of an instance does not keep a worker busy; until the registry
-  // exists in this process no instance is known to be registered.
-  return wantsTermination() && !_objects.busy([](ObjectId) { return false; }) &&
-         _delegate.workerCanTerminate(*this);
+  // The registry's own use of an instance does not keep a worker busy.
+  auto registered = [this](ObjectId id) {
+    return _registry && _registry->isInstanceRegistered(id);
+  };
+  return wantsTermination() && !_objects.busy(registered) && _delegate.workerCanTerminate(*this);
 }
 
 void Worker::scheduleTermination() {
@@ -245,6 +263,38 @@ void Worker::startTermination() {
     return;
   }
   _terminating = true;
+  if (!_registry) {
+    terminationHandshakeDone(false);
+    return;
+  }
+  // Nobody may find our instances while we decide: a lookup answered with one of them now
+  // would make us busy again, which the second test below sees.
+  std::weak_ptr<Worker*> alive = _lifetime;
+  _registry->setInstancesHidden(true).then(
+      [this, alive] {
+        if (!alive.expired())
+          terminationHandshakeDone(true);
+      },
+      [this, alive](std::exception_ptr error) {
+        if (alive.expired())
+          return;
+        logWorker.log(fn::logging::WRN, "Worker {} ({}) could not hide its instances: {}",
+                      _displayName, _workerId, fn::describeException(error));
+        _terminating = false;
+        scheduleTermination();
+      });
+}
+
+void Worker::terminationHandshakeDone(bool hidden) {
+  if (!canTerminate()) {
+    logWorker.log(fn::logging::DBG, "Worker {} ({}) is busy again and goes on", _displayName,
+                  _workerId);
+    _terminating = false;
+    if (hidden && _registry)
+      _registry->setInstancesHidden(false);
+    scheduleTermination();
+    return;
+  }
   logWorker.log(fn::logging::INF, "Worker {} ({}) is idle and requests termination", _displayName,
                 _workerId);
   _delegate.workerRequestsTermination(*this);

@@ -6,7 +6,9 @@
 // thread it was created on; every public method checks that thread. It connects to the hub's
 // pipe, says HELLO, learns its worker id, allocates object ids, keeps the objects it owns and
 // the references it holds, answers pings and runs the idle-termination handshake with its
-// delegate. When the connection to the hub ends, onDisconnected() fires once and every
+// delegate. Once connected it holds its reference to the registry (object 0); before it asks
+// to terminate it hides its registry entries, and shows them again if it turns out busy. When
+// the connection to the hub ends, onDisconnected() fires once and every
 // remote reference becomes dead; a module process then quits, so no module outlives its hub.
 // Destroying the worker closes the connection; objects must not outlive their worker.
 
@@ -24,6 +26,8 @@
 #include "foundation/uv/pipe_stream.h"
 
 namespace ipc {
+
+class Registry;
 
 /// How long a module process may stay idle before it asks to terminate.
 inline constexpr fn::Duration IDLE_TERMINATION_TIMEOUT = fn::Duration::seconds(600);
@@ -72,6 +76,8 @@ public:
   fn::String const& pipePath() const { return _pipePath; }
   fn::RunLoop& loop() { return _loop; }
   WorkerObjectManager& objects() { return _objects; }
+  /// The registry's reference (object 0); null until connected.
+  fn::AutoPtr<Registry> const& registry() const { return _registry; }
   /// Expires when the worker is destroyed; objects whose destruction was posted check it
   /// before they unregister.
   std::weak_ptr<Worker*> lifetime() const { return _lifetime; }
@@ -107,6 +113,8 @@ private:
   void connectionEnded(fn::uv::Status const& status);
   void deliverObjectMessage(fn::Value const& record);
   void write(fn::Value const& record);
+  void takeRegistry();
+  void terminationHandshakeDone(bool hidden);
 
   fn::Handle _terminationTimer;
   bool _terminating = false;
@@ -123,6 +131,9 @@ private:
   fn::AutoPtr<fn::uv::PipeStream> _stream;
   MessageReader _reader;
   WorkerObjectManager _objects;
+  // Released after _lifetime expired, so the reference (and the hub's registry it holds) is
+  // freed at once instead of in a task the loop may never run.
+  fn::AutoPtr<Registry> _registry;
   fn::Signal<fn::uv::Status const&> _onDisconnected;
   fn::Signal<fn::Value const&> _onRecord;
   std::shared_ptr<Worker*> _lifetime = std::make_shared<Worker*>(this);

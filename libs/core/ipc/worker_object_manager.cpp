@@ -183,10 +183,11 @@ fn::Value WorkerObjectManager::decodePayload(fn::ByteArray const& bytes, fn::Val
   return payload;
 }
 
-void WorkerObjectManager::killReferences(std::function<bool(ObjectId)> const& matches) {
+void WorkerObjectManager::killReferences(std::function<bool(ObjectId)> const& matches,
+                                         bool includeLocal) {
   std::vector<fn::AutoPtr<ObjectReference>> dying;
   for (auto const& [id, reference] : _references) {
-    if (!matches(id) || reference->local() || reference->dead())
+    if (!matches(id) || (reference->local() && !includeLocal) || reference->dead())
       continue;
     if (reference->tryRetain())
       dying.push_back(fn::AutoPtr<ObjectReference>::adopt(reference));
@@ -212,6 +213,10 @@ void WorkerObjectManager::dropRemoteUses() {
 
 void WorkerObjectManager::workerDied(uint16_t workerId) {
   killReferences([workerId](ObjectId id) { return ownerOf(id) == workerId; });
+}
+
+void WorkerObjectManager::abandonAll() {
+  killReferences([](ObjectId) { return true; }, true);
 }
 
 void WorkerObjectManager::allWorkersDied() {

@@ -59,6 +59,9 @@ public:
   void dropRemoteUses();
   /// Marks every remote reference dead (the hub is gone), then notifies each once.
   void allWorkersDied();
+  /// Marks every reference dead, local ones too (the worker itself goes away): their open
+  /// calls fail, which frees the references those calls keep alive.
+  void abandonAll();
 
   /// Busy: some owned instance is still used remotely, apart from the registry's one use.
   bool busy(std::function<bool(ObjectId)> const& registeredInRegistry) const;
@@ -68,7 +71,7 @@ public:
 
 private:
   fn::AutoPtr<ObjectReference> createReference(ObjectId id, fn::String const& className);
-  void killReferences(std::function<bool(ObjectId)> const& matches);
+  void killReferences(std::function<bool(ObjectId)> const& matches, bool includeLocal = false);
 
   Worker& _worker;
   uint64_t _counter = 0;

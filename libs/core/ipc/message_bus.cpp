@@ -1,0 +1,112 @@
+#include "core/ipc/message_bus.h"
+
+#include "core/ipc/worker.h"
+#include "foundation/logging/category.h"
+
+namespace ipc {
+namespace {
+
+fn::logging::Category logBus("ipc.messageBus");
+
+constexpr char const* BUS_MESSAGE = "BUS_MESSAGE";
+constexpr char const* BUS_EVENT = "busMessage";
+
+}  // namespace
+
+MessageBus::MessageBus(ObjectReferenceInitializer& initializer)
+    : CallableObjectReference(initializer) {}
+
+void MessageBus::sendMessage(fn::String const& name, fn::Value&& body, bool sticky) {
+  FN_ASSERT_LOOP_THREAD();
+  fn::Value payload = fn::Value::map({{"workerId", worker() ? worker()->workerId() : NO_WORKER},
+                                      {"namespace", name},
+                                      {"body", std::move(body)},
+                                      {"sticky", sticky}});
+  CallableObjectReference::sendMessage(
+      fn::Value::map({{"TYPE", BUS_MESSAGE}, {"PAYLOAD", std::move(payload)}}));
+}
+
+void MessageBus::onEvent(fn::String const& name, fn::Value const& argument) {
+  if (name != BUS_EVENT)
+    return;
+  fn::Value const& space = argument.get("namespace");
+  fn::Value const& sticky = argument.get("sticky");
+  if (!space.isString()) {
+    logBus.log(fn::logging::WRN, "Dropping a bus message without a namespace");
+    return;
+  }
+  receiveMessage(space.asString(), argument.get("body"), sticky.isBool() && sticky.asBool());
+}
+
+fn::Promise<void> MessageBus::getStickyMessages() {
+  FN_ASSERT_LOOP_THREAD();
+  fn::AutoPtr<MessageBus> self(this);
+  return callMethod("getStickyMessages", fn::Value()).then([self](fn::Value const& result) {
+    if (!result.isArray())
+      return;
+    for (auto const& message : result.asArray()) {
+      fn::Value const& space = message.get("namespace");
+      if (space.isString())
+        self->receiveMessage(space.asString(), message.get("body"), true);
+    }
+  });
+}
+
+fn::Promise<fn::AutoPtr<MessageBus>> MessageBus::lookup(Worker& worker, fn::Duration timeout) {
+  FN_ASSERT_LOOP_THREAD();
+  worker.registerObjectReferenceClass<MessageBus>();
+  fn::AutoPtr<MessageBus> probe(new MessageBus(ObjectReference::_dummyInitializer));
+  if (!worker.registry())
+    return fn::Promise<fn::AutoPtr<MessageBus>>::rejected(
+        std::make_exception_ptr(fn::IllegalStateException("The worker has no registry yet")));
+  return worker.registry()
+      ->getInstance(probe->className(), timeout)
+      .then([](fn::Value const& result) {
+        fn::AutoPtr<MessageBus> bus(result.objectAs<MessageBus>());
+        if (!bus)
+          throw fn::NullPointerException("The registry answered without a message bus");
+        return bus;
+      });
+}
+
+MessageBusImpl::MessageBusImpl(Worker& worker) : CallableObjectInstance(worker) {}
+
+fn::AutoPtr<ObjectReference> MessageBusImpl::createReference(
+    ObjectReferenceInitializer& initializer) {
+  return fn::AutoPtr<ObjectReference>(new MessageBus(initializer));
+}
+
+void MessageBusImpl::onMessage(uint16_t sourceWorkerId, fn::Value const& message) {
+  FN_ASSERT_LOOP_THREAD();
+  fn::Value const& type = message.get("TYPE");
+  if (!type.isString() || type.asString() != BUS_MESSAGE) {
+    CallableObjectInstance::onMessage(sourceWorkerId, message);
+    return;
+  }
+  fn::Value const& payload = message.get("PAYLOAD");
+  fn::Value const& sticky = payload.get("sticky");
+  if (sticky.isBool() && sticky.asBool()) {
+    fn::Value const& space = payload.get("namespace");
+    if (!space.isString()) {
+      logBus.log(fn::logging::WRN, "Dropping a sticky bus message without a namespace from {}",
+                 sourceWorkerId);
+      return;
+    }
+    _sticky[space.asString()] = payload.get("body");
+  }
+  broadcastEvent(BUS_EVENT, payload);
+}
+
+void MessageBusImpl::onMethodCall(CallContext const& context,
+                                  fn::String const& method,
+                                  fn::Value const&) {
+  FN_ASSERT_LOOP_THREAD();
+  if (method != "getStickyMessages")
+    return;
+  fn::Value messages = fn::Value::array();
+  for (auto const& [space, body] : _sticky)
+    messages.append(fn::Value::map({{"namespace", space}, {"body", body}}));
+  sendResult(context, messages);
+}
+
+}  // namespace ipc

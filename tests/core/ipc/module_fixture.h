@@ -1,0 +1,152 @@
+#pragma once
+
+// A hub, a worker of the test's own process connected to it, and module processes that play
+// services (test_module.h), for the end-to-end suites of the registry and the message bus.
+
+#include <csignal>
+#include <map>
+#include <memory>
+#include <optional>
+
+#include "core/app_info.h"
+#include "core/ipc/message_bus.h"
+#include "core/ipc/registry.h"
+#include "core/ipc/worker.h"
+#include "hub_fixture.h"
+#include "test_module.h"
+
+namespace testing_support {
+
+/// The test worker's owner: it never terminates unless a test says so.
+struct TestDelegate : ipc::Worker::Delegate {
+  bool idleTermination = false;
+  std::function<bool()> canTerminate = [] { return false; };
+  int terminationRequests = 0;
+
+  void workerDidConnect(ipc::Worker&) override {}
+  bool wantsIdleTermination(ipc::Worker&) override { return idleTermination; }
+  bool workerCanTerminate(ipc::Worker&) override { return canTerminate(); }
+  void workerRequestsTermination(ipc::Worker&) override { ++terminationRequests; }
+  void aboutToQuit(ipc::Worker&) override {}
+};
+
+/// How a promise ended.
+template <typename T>
+struct Settled {
+  bool settled = false;
+  std::optional<T> value;
+  std::exception_ptr error;
+};
+template <>
+struct Settled<void> {
+  bool settled = false;
+  std::exception_ptr error;
+};
+
+class ModuleTest : public HubTest {
+protected:
+  void SetUp() override {
+    core::AppInfo::initialize(core::AppInfo::App::LUMAREN);
+    HubTest::SetUp();
+    hub().worker().registerObjectReferenceClass<ServiceReference>();
+    worker = std::make_unique<ipc::Worker>(delegate, loop, hub().pipePath(), "T", "t-tag",
+                                           delegate.idleTermination, workerOptions);
+    worker->registerObjectReferenceClass<ServiceReference>();
+    worker->connect();
+    ASSERT_TRUE(runLoopUntil(loop, [&] { return worker->connected(); }));
+    ASSERT_TRUE(worker->registry());
+  }
+
+  void TearDown() override {
+    for (auto& [name, module] : modules)
+      module->kill(SIGKILL);
+    for (auto& [name, module] : modules)
+      module->waitForExit();
+    modules.clear();
+    // The hub goes before our worker: losing it gives up the uses it counted of our
+    // instances (the registry's among them), so they are freed while the worker still lives.
+    bool lost = false;
+    fn::Handle watching =
+        worker->onDisconnected().connect([&](fn::uv::Status const&) { lost = true; });
+    HubTest::TearDown();
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return lost; }));
+    drainLoop(loop);
+    worker.reset();
+    drainLoop(loop);
+  }
+
+  ModuleProcess& startModule(fn::String const& name, std::vector<fn::String> const& roles) {
+    modules[name] = ModuleProcess::start(loop, name, hub().pipePath(), roles);
+    return *modules[name];
+  }
+
+  void killModule(fn::String const& name) {
+    modules[name]->kill(SIGKILL);
+    modules[name]->waitForExit();
+  }
+
+  /// Runs the loop until `promise` settled; nothing settles inside the call that made it.
+  template <typename T>
+  Settled<T> await(fn::Promise<T> promise, fn::Duration timeout = fn::Duration::seconds(10)) {
+    auto outcome = watch(std::move(promise));
+    EXPECT_FALSE(outcome->settled) << "a continuation ran inside the call";
+    EXPECT_TRUE(runLoopUntil(
+        loop, [&] { return outcome->settled; }, timeout));
+    return *outcome;
+  }
+
+  template <typename T>
+  std::shared_ptr<Settled<T>> watch(fn::Promise<T> promise) {
+    auto outcome = std::make_shared<Settled<T>>();
+    if constexpr (std::is_void_v<T>) {
+      promise.then([outcome] { outcome->settled = true; },
+                   [outcome](std::exception_ptr error) {
+                     outcome->settled = true;
+                     outcome->error = error;
+                   });
+    } else {
+      promise.then(
+          [outcome](T value) {
+            outcome->settled = true;
+            outcome->value = std::move(value);
+          },
+          [outcome](std::exception_ptr error) {
+            outcome->settled = true;
+            outcome->error = error;
+          });
+    }
+    return outcome;
+  }
+
+  /// The service a lookup of "TestService" finds, or null after a failure.
+  fn::AutoPtr<ServiceReference> lookup(fn::Duration timeout = fn::Duration::seconds(5)) {
+    auto outcome = await(worker->registry()->getInstance("TestService", timeout));
+    EXPECT_FALSE(outcome.error) << fn::describeException(outcome.error);
+    if (!outcome.value)
+      return nullptr;
+    return fn::AutoPtr<ServiceReference>(outcome.value->template objectAs<ServiceReference>());
+  }
+
+  /// The name of the module (or "local") whose service `service` is.
+  fn::String whoAmI(fn::AutoPtr<ServiceReference> const& service) {
+    if (!service)
+      return "(none)";
+    auto outcome = await(service->callMethod("whoAmI", fn::Value()));
+    EXPECT_FALSE(outcome.error) << fn::describeException(outcome.error);
+    return outcome.value ? outcome.value->asString() : fn::String("(failed)");
+  }
+
+  /// Runs the loop until the hub's registry holds `count` entries of "TestService".
+  void awaitEntries(size_t count) {
+    EXPECT_TRUE(
+        runLoopUntil(loop, [&] { return hub().registry()->entryCount("TestService") == count; }))
+        << "entries: " << hub().registry()->entryCount("TestService");
+  }
+
+  TestDelegate delegate;
+  ipc::Worker::Options workerOptions;
+  std::unique_ptr<ipc::Worker> worker;
+  std::map<fn::String, std::unique_ptr<ModuleProcess>> modules;
+};
+
+}  // namespace testing_support

@@ -1,0 +1,203 @@
+#include "core/ipc/registry.h"
+
+#include "module_fixture.h"
+
+using namespace testing_support;
+
+namespace {
+
+template <typename E>
+E const* exceptionAs(std::exception_ptr const& error) {
+  try {
+    std::rethrow_exception(error);
+  } catch (E const& e) {
+    return &e;
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+// A service of the test's own process, found under the same class name as the modules'.
+class LocalService : public ipc::CallableObjectInstance {
+public:
+  using ipc::CallableObjectInstance::CallableObjectInstance;
+
+protected:
+  fn::AutoPtr<ipc::ObjectReference> createReference(
+      ipc::ObjectReferenceInitializer& initializer) override {
+    return fn::AutoPtr<ipc::ObjectReference>(new ServiceReference(initializer));
+  }
+  void onMethodCall(CallContext const& context,
+                    fn::String const& method,
+                    fn::Value const&) override {
+    if (method == "whoAmI")
+      sendResult(context, "local");
+  }
+};
+
+using RegistryTest = ModuleTest;
+
+}  // namespace
+
+TEST_F(RegistryTest, HubHostsTheRegistryAsObjectZeroAndPublishesTheBus) {
+  ASSERT_TRUE(hub().registry());
+  EXPECT_EQ(hub().registry()->objectId(), ipc::REGISTRY_OBJECT_ID);
+  ASSERT_TRUE(hub().worker().registry());
+  EXPECT_TRUE(hub().worker().registry()->local());
+  EXPECT_EQ(worker->registry()->objectId(), ipc::REGISTRY_OBJECT_ID);
+  EXPECT_FALSE(worker->registry()->local());
+  EXPECT_EQ(hub().registry()->entryCount("ipc::MessageBus"), 1u);
+
+  auto found = await(worker->registry()->getInstance("ipc::MessageBus"));
+  ASSERT_FALSE(found.error) << fn::describeException(found.error);
+  ASSERT_TRUE(found.value);
+  // The class is not registered in this worker yet, so the bus arrives as a plain callable
+  // reference that keeps its class name.
+  auto* reference = found.value->objectAs<ipc::ObjectReference>();
+  ASSERT_NE(reference, nullptr);
+  EXPECT_EQ(reference->className(), "ipc::MessageBus");
+  EXPECT_EQ(reference->objectId(), hub().messageBus()->objectId());
+
+  // Registering nothing is answered, and registers nothing.
+  auto nothing = await(worker->registry()->callMethod(
+      "registerInstance", fn::Value::map({{"instance", fn::Value()}, {"priority", 9}})));
+  ASSERT_FALSE(nothing.error) << fn::describeException(nothing.error);
+  EXPECT_TRUE(nothing.value->isNull());
+  EXPECT_EQ(hub().registry()->entryCount(""), 0u);
+  EXPECT_EQ(hub().registry()->entryCount("ipc::MessageBus"), 1u);
+}
+
+TEST_F(RegistryTest, HighestPriorityWinsThenTheNewestAndDeadModulesDropOut) {
+  startModule("low", {"register=1"});
+  awaitEntries(1);
+  startModule("high", {"register=5"});
+  awaitEntries(2);
+  EXPECT_EQ(whoAmI(lookup()), "high");
+
+  // Same priority as "high", registered later: it stands first.
+  startModule("newer", {"register=5"});
+  awaitEntries(3);
+  EXPECT_EQ(whoAmI(lookup()), "newer");
+
+  killModule("newer");
+  awaitEntries(2);
+  EXPECT_EQ(whoAmI(lookup()), "high");
+  killModule("high");
+  awaitEntries(1);
+  EXPECT_EQ(whoAmI(lookup()), "low");
+  killModule("low");
+  awaitEntries(0);
+}
+
+TEST_F(RegistryTest, ALookupWaitsForAnInstanceRegisteredLater) {
+  auto pending = watch(worker->registry()->getInstance("TestService", fn::Duration::seconds(10)));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return hub().registry()->waiterCount() == 1; }));
+  EXPECT_FALSE(pending->settled);
+
+  startModule("late", {"register=0"});
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return pending->settled; }));
+  ASSERT_FALSE(pending->error) << fn::describeException(pending->error);
+  EXPECT_EQ(hub().registry()->waiterCount(), 0u);
+  EXPECT_EQ(whoAmI(fn::AutoPtr<ServiceReference>(pending->value->objectAs<ServiceReference>())),
+            "late");
+}
+
+TEST_F(RegistryTest, ALookupThatFindsNothingFailsNamingTheClass) {
+  auto outcome = await(worker->registry()->getInstance("NoSuchService", fn::Duration::seconds(1)));
+  ASSERT_TRUE(outcome.settled);
+  ASSERT_TRUE(outcome.error);
+  auto const* timedOut = exceptionAs<fn::OperationTimedOutException>(outcome.error);
+  ASSERT_NE(timedOut, nullptr) << fn::describeException(outcome.error);
+  EXPECT_EQ(timedOut->message(),
+            "Object of class NoSuchService is not available. Try restarting Lumaren");
+  EXPECT_EQ(hub().registry()->waiterCount(), 0u);
+}
+
+TEST_F(RegistryTest, HiddenEntriesAreSkippedAndShowingThemAgainAnswersWaiters) {
+  fn::AutoPtr<LocalService> local(new LocalService(*worker));
+  auto registered = await(worker->registry()->registerObject(local, 3));
+  ASSERT_FALSE(registered.error) << fn::describeException(registered.error);
+  startModule("visible", {"register=-1"});
+  awaitEntries(2);
+  EXPECT_EQ(whoAmI(lookup()), "local");
+
+  auto hidden = await(worker->registry()->callMethod("setInstancesHidden", true));
+  ASSERT_FALSE(hidden.error);
+  EXPECT_EQ(hub().registry()->entryCount("TestService"), 2u);
+  EXPECT_EQ(whoAmI(lookup()), "visible");
+
+  killModule("visible");
+  awaitEntries(1);
+  auto waiting = watch(worker->registry()->getInstance("TestService", fn::Duration::seconds(10)));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return hub().registry()->waiterCount() == 1; }));
+  EXPECT_FALSE(waiting->settled);
+
+  auto shown = await(worker->registry()->callMethod("setInstancesHidden", false));
+  ASSERT_FALSE(shown.error);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return waiting->settled; }));
+  ASSERT_FALSE(waiting->error) << fn::describeException(waiting->error);
+  auto* service = waiting->value->objectAs<ServiceReference>();
+  ASSERT_NE(service, nullptr);
+  // Our own instance comes home as its local reference.
+  EXPECT_TRUE(service->local());
+  EXPECT_EQ(whoAmI(fn::AutoPtr<ServiceReference>(service)), "local");
+}
+
+TEST_F(RegistryTest, AnIdleModuleHidesItsEntriesBeforeItAsksToTerminate) {
+  auto bus = await(ipc::MessageBus::lookup(*worker));
+  ASSERT_TRUE(bus.value) << fn::describeException(bus.error);
+  std::vector<fn::String> terminating;
+  fn::Handle listening =
+      (*bus.value)->listen("test.terminating", [&](fn::String const&, fn::Value const& body) {
+        terminating.push_back(body.asString());
+      });
+
+  startModule("fallback", {"register=1"});
+  awaitEntries(1);
+  // Its service is used by nobody but the registry, which does not keep it busy.
+  startModule("idle", {"register=5", "idle=500"});
+  awaitEntries(2);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return !terminating.empty(); }));
+  EXPECT_EQ(terminating, std::vector<fn::String>{"idle"});
+
+  // Still registered, but hidden: lookups fall through to the next entry...
+  EXPECT_EQ(hub().registry()->entryCount("TestService"), 2u);
+  EXPECT_EQ(whoAmI(lookup()), "fallback");
+  // ...or wait when there is none, until their time-out.
+  killModule("fallback");
+  awaitEntries(1);
+  auto waiting = watch(worker->registry()->getInstance("TestService", fn::Duration::seconds(1)));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return hub().registry()->waiterCount() == 1; }));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return waiting->settled; }));
+  EXPECT_NE(exceptionAs<fn::OperationTimedOutException>(waiting->error), nullptr);
+  EXPECT_EQ(terminating.size(), 1u);
+}
+
+namespace {
+
+// The test's own worker terminates when idle, and its owner changes its mind once the entries
+// are hidden.
+class BusyAgainTest : public ModuleTest {
+protected:
+  BusyAgainTest() {
+    delegate.idleTermination = true;
+    workerOptions.idleTimeout = fn::Duration::milliseconds(200);
+  }
+  int checks = 0;
+};
+
+}  // namespace
+
+TEST_F(BusyAgainTest, AWorkerBusyAgainAfterHidingShowsItsEntriesAndGoesOn) {
+  fn::AutoPtr<LocalService> local(new LocalService(*worker));
+  auto registered = await(worker->registry()->registerObject(local, 0));
+  ASSERT_FALSE(registered.error) << fn::describeException(registered.error);
+  // Idle now (only the registry uses the instance); the first check agrees, the one after
+  // hiding does not, and every later one keeps the worker running.
+  delegate.canTerminate = [this] { return ++checks == 1; };
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return checks >= 3; }));
+  EXPECT_EQ(delegate.terminationRequests, 0);
+  // Shown again: the lookup, sent after the worker showed its entries, finds the instance.
+  EXPECT_EQ(whoAmI(lookup()), "local");
+  EXPECT_EQ(hub().registry()->waiterCount(), 0u);
+}
