@@ -4,6 +4,7 @@
 
 #include "core/ipc/dispatcher.h"
 #include "core/ipc/object.h"
+#include "core/ipc/registry.h"
 #include "core/ipc/worker.h"
 #include "foundation/uv/process.h"
 
@@ -33,10 +34,6 @@ protected:
 class Greeter : public ipc::ObjectInstance {
 public:
   explicit Greeter(ipc::Worker& worker) : ipc::ObjectInstance(worker) {}
-  ~Greeter() override {
-    say("alice", "the hub released the greeter: nobody holds it any more");
-    worker().loop().post([&worker = worker()] { worker.stop(); });
-  }
 
 protected:
   fn::AutoPtr<ipc::ObjectReference> createReference(
@@ -48,19 +45,6 @@ protected:
     say("alice", fmt::format("greeter received \"{}\" from worker {}",
                              message.at("text").asString(), source));
     sendMessage(source, fn::Value::map({{"text", "Nice to meet you, bob."}}));
-  }
-};
-
-// Object 0 as every worker sees it: what is sent to it reaches all workers but the hub's own.
-class Lobby : public ipc::ObjectReference {
-public:
-  explicit Lobby(ipc::ObjectReferenceInitializer& init) : ipc::ObjectReference(init) {}
-  std::function<void(fn::Value const&)> onPost;
-
-protected:
-  void onMessage(fn::Value const& message) override {
-    if (onPost)
-      onPost(message);
   }
 };
 
@@ -84,37 +68,37 @@ public:
 
   void workerDidConnect(ipc::Worker& worker) override {
     say(_name, fmt::format("connected, the hub assigned worker id {}", worker.workerId()));
-    ipc::ObjectReferenceInitializer init{&worker, ipc::REGISTRY_OBJECT_ID, nullptr, "Lobby"};
-    _lobby = fn::AutoPtr<Lobby>(new Lobby(init));
-    _lobby->onPost = [this](fn::Value const& post) { lobbyPost(post); };
-    if (_name == "bob") {
-      say(_name, "says hello to everybody in the lobby (object 0)");
-      worker.sendMessageToWorker(ipc::NO_WORKER, ipc::REGISTRY_OBJECT_ID,
-                                 fn::Value::map({{"from", "bob"}, {"text", "Hello everybody!"}}));
+    if (_name == "alice") {
+      fn::AutoPtr<Greeter> greeter(new Greeter(worker));
+      say(_name,
+          fmt::format("registers a greeter (object {}) under its class name", greeter->objectId()));
+      // Registered, the greeter lives as long as the registry or anybody else holds it.
+      worker.registry()->registerObject(greeter).then(
+          [this] { say(_name, "the registry has the greeter"); });
+      return;
     }
+    say(_name, "asks the registry for a Greeter, waiting until there is one");
+    worker.registry()
+        ->getInstance("Greeter")
+        .then([this](fn::Value found) { greet(found); })
+        .fail([this](std::exception_ptr error) {
+          say(_name, "no greeter: " + fn::describeException(error));
+          _loop.stop();
+        });
   }
 
-  void lobbyPost(fn::Value const& post) {
-    fn::String from = post.at("from").asString();
-    if (from == _name)
-      return;
-    if (post.contains("text")) {
-      say(_name,
-          fmt::format("heard \"{}\" from {} in the lobby", post.at("text").asString(), from));
-      fn::AutoPtr<Greeter> greeter(new Greeter(_worker));
-      say(_name, fmt::format("offers a greeter, object id {}", greeter->objectId()));
-      // Once sent, the greeter lives as long as somebody holds a reference to it.
-      _worker.sendMessageToWorker(ipc::NO_WORKER, ipc::REGISTRY_OBJECT_ID,
-                                  fn::Value::map({{"from", _name}, {"greeter", greeter}}));
+  void greet(fn::Value const& found) {
+    _greeter = fn::AutoPtr<GreeterReference>(found.objectAs<GreeterReference>());
+    if (!_greeter) {
+      say(_name, "the registry answered with something else");
+      _loop.stop();
       return;
     }
-    auto* greeter = post.at("greeter").objectAs<GreeterReference>();
-    say(_name, fmt::format("heard from {} in the lobby, holding a reference to object {}",
-                           post.at("from").asString(), greeter->objectId()));
-    _greeter = fn::AutoPtr<GreeterReference>(greeter);
+    say(_name, fmt::format("got a reference to object {} of worker {}", _greeter->objectId(),
+                           ipc::ownerOf(_greeter->objectId())));
     _greeter->onReply = [this](fn::Value const& reply) {
       say(_name, fmt::format("greeter answered \"{}\"", reply.at("text").asString()));
-      // Dropping the reference releases alice's greeter through the hub.
+      // Dropping the reference hands its use back to the hub.
       _loop.post([this] {
         _greeter.reset();
         _loop.post([this] {
@@ -136,7 +120,6 @@ private:
   fn::String _name;
   ipc::Worker _worker;
   fn::Handle _disconnected;
-  fn::AutoPtr<Lobby> _lobby;
   fn::AutoPtr<GreeterReference> _greeter;
 };
 
@@ -174,11 +157,15 @@ int runDemo(fn::uv::Loop& loop, fn::Duration timeout) {
     children.push_back(fn::uv::Process::spawn(loop, options, [&, name](int64_t status, int signal) {
       say("hub", fmt::format("{} exited with status {}", name, status));
       failed = failed || status != 0 || signal != 0;
-      if (++finished == 2)
+      if (++finished == 2) {
         loop.stop();
+      } else if (name == "bob") {
+        say("hub", "tells everybody it is about to quit");
+        dispatcher.stop(fn::Duration::seconds(5), [] {});
+      }
     }));
   };
-  // Bob starts once alice is connected, so that she hears him arrive.
+  // Bob starts once alice is connected; his lookup waits until her greeter is registered.
   auto aliceArrived = dispatcher.onWorkerConnected().connect([&](auto const& info) {
     if (info.displayName == "alice")
       start("bob");
