@@ -23,18 +23,6 @@ struct Delegate : ipc::Worker::Delegate {
   void aboutToQuit(ipc::Worker&) override {}
 };
 
-// The exception behind `error` if it is an E; it lives as long as `error` does.
-template <typename E>
-E const* exceptionAs(std::exception_ptr const& error) {
-  try {
-    std::rethrow_exception(error);
-  } catch (E const& e) {
-    return &e;
-  } catch (...) {
-    return nullptr;
-  }
-}
-
 struct Outcome {
   bool settled = false;
   fn::Value value;

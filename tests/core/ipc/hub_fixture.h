@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <exception>
 #include <memory>
 
 #include "core/ipc/dispatcher.h"
@@ -9,6 +10,18 @@
 #include "peer.h"
 
 namespace testing_support {
+
+// The exception behind `error` if it is an E; it lives as long as `error` does.
+template <typename E>
+E const* exceptionAs(std::exception_ptr const& error) {
+  try {
+    std::rethrow_exception(error);
+  } catch (E const& e) {
+    return &e;
+  } catch (...) {
+    return nullptr;
+  }
+}
 
 /// A hub on a loop of the test's own, with peers connecting to it as worker processes.
 class HubTest : public ::testing::Test {

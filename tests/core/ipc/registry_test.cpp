@@ -6,17 +6,6 @@ using namespace testing_support;
 
 namespace {
 
-template <typename E>
-E const* exceptionAs(std::exception_ptr const& error) {
-  try {
-    std::rethrow_exception(error);
-  } catch (E const& e) {
-    return &e;
-  } catch (...) {
-    return nullptr;
-  }
-}
-
 // A service of the test's own process, found under the same class name as the modules'.
 class LocalService : public ipc::CallableObjectInstance {
 public:
