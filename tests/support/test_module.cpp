@@ -185,6 +185,7 @@ struct ModuleRoles {
   int64_t idleMilliseconds = 0;
   bool bus = false;
   bool sticky = false;
+  fn::String tag;
 
   bool any() const { return registerPriority || idleMilliseconds > 0 || usesBus(); }
   bool usesBus() const { return bus || sticky || idleMilliseconds > 0; }
@@ -201,6 +202,8 @@ struct ModuleRoles {
         roles.bus = true;
       else if (role == "sticky")
         roles.sticky = true;
+      else if (role.starts_with("tag="))
+        roles.tag = fn::String(role.substr(4));
     }
     return roles;
   }
@@ -235,8 +238,8 @@ int runTestModule(int argc, char** argv) {
   ipc::Worker::Options options;
   if (roles.idleMilliseconds > 0)
     options.idleTimeout = fn::Duration::milliseconds(roles.idleMilliseconds);
-  ipc::Worker worker(delegate, loop, argv[3], name, "module-" + name, delegate.idleTermination,
-                     options);
+  fn::String tag = roles.tag.empty() ? "module-" + name : roles.tag;
+  ipc::Worker worker(delegate, loop, argv[3], name, tag, delegate.idleTermination, options);
   worker.registerObjectReferenceClass<ServiceReference>();
   fn::AutoPtr<TestService> service;
   fn::Value lastObjects;

@@ -80,6 +80,8 @@ private:
   std::vector<std::unique_ptr<ModuleState>> _states;
   std::vector<fn::Handle> _connections;
   bool _stopped = false;
+  // Expires when the manager stops; timers and posted launches check it.
+  std::shared_ptr<bool> _alive = std::make_shared<bool>(true);
   fn::Signal<> _onAllModulesConnected;
   fn::Signal<fn::String> _onFatalError;
   fn::Signal<fn::String> _onModuleNotResponding;

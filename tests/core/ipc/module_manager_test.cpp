@@ -1,0 +1,272 @@
+// The module manager's supervision rules, with real module processes: modules that connect
+// (the test executable as a module process), that never connect (sleep) and that crash before
+// connecting (a shell that exits). Durations are shortened through the manager's options.
+
+#include "core/ipc/module_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <deque>
+
+#include "foundation/uv/process.h"
+#include "hub_fixture.h"
+#include "log_capture.h"
+
+namespace {
+
+using namespace testing_support;
+
+enum class Behaviour { Connect, NeverConnect, Crash, FailToStart };
+
+// A module definition whose launches behave as scripted, one behaviour per attempt (the last
+// one repeats). Like an external module, it reports only the exit of the child it holds.
+class ScriptedModule : public ipc::ModuleDefinition {
+public:
+  ScriptedModule(fn::String name, std::deque<Behaviour> script, bool killable = true)
+      : ModuleDefinition(name),
+        _script(std::move(script)),
+        _killable(killable) {}
+  ~ScriptedModule() override {
+    if (_process)
+      _process->kill(SIGKILL);
+  }
+
+  bool launchFirst() const override { return _launchFirst; }
+  void launch(ipc::Dispatcher& dispatcher, fn::String const& tag) override {
+    Behaviour behaviour = _script.front();
+    if (_script.size() > 1)
+      _script.pop_front();
+    ++launches;
+    fn::uv::Process::Options options;
+    switch (behaviour) {
+      case Behaviour::Connect:
+        options.file = fn::uv::executablePath();
+        options.arguments = {"--module", _name, dispatcher.pipePath(), "tag=" + tag, "register=0"};
+        break;
+      case Behaviour::NeverConnect:
+        options.file = "/bin/sleep";
+        options.arguments = {"30"};
+        break;
+      case Behaviour::Crash:
+        options.file = "/bin/sh";
+        options.arguments = {"-c", "exit 3"};
+        break;
+      case Behaviour::FailToStart:
+        throw fn::IOException("no such module");
+    }
+    // Only the exit of the child this definition still holds is reported.
+    uint64_t generation = ++*_generation;
+    std::weak_ptr<uint64_t> current = _generation;
+    _process = fn::uv::Process::spawn(dispatcher.loop(), options,
+                                      [this, current, generation](int64_t status, int signal) {
+                                        auto live = current.lock();
+                                        if (!live || *live != generation)
+                                          return;
+                                        _process.reset();
+                                        _onExit.emit(status, signal);
+                                      });
+  }
+  void kill(bool) override {
+    if (_process) {
+      _process->kill(SIGKILL);
+      _process.reset();
+      ++*_generation;
+    }
+  }
+  bool canBeKilled() const override { return _killable; }
+  std::optional<ProcessInfo> processInfo() const override {
+    if (!_process)
+      return std::nullopt;
+    return ProcessInfo{_process->pid()};
+  }
+  fn::String name() const override { return _name; }
+  fn::String moduleName() const override { return _name; }
+
+  int pid() const { return _process ? _process->pid() : 0; }
+
+  bool _launchFirst = false;
+  int launches = 0;
+
+private:
+  std::deque<Behaviour> _script;
+  bool _killable;
+  fn::AutoPtr<fn::uv::Process> _process;
+  std::shared_ptr<uint64_t> _generation = std::make_shared<uint64_t>(0);
+};
+
+}  // namespace
+
+namespace {
+
+class ModuleManagerTest : public HubTest {
+protected:
+  static constexpr auto CONNECT = fn::Duration::milliseconds(1500);
+  static constexpr auto RESTART = fn::Duration::milliseconds(100);
+
+  void TearDown() override {
+    _manager.reset();
+    HubTest::TearDown();
+  }
+
+  /// A started manager over `definitions`; the test keeps raw pointers to them.
+  ipc::ModuleManager& manage(std::vector<ipc::ModuleDefinition*> definitions) {
+    _manager = std::make_unique<ipc::ModuleManager>(hub(), std::move(definitions),
+                                                    ipc::ModuleManager::Options{CONNECT, RESTART});
+    _fatal = _manager->onFatalError().connect([this](fn::String text) { fatal.push_back(text); });
+    _allConnected = _manager->onAllModulesConnected().connect([this] { ++allConnected; });
+    _notResponding = _manager->onModuleNotResponding().connect(
+        [this](fn::String name) { notResponding.push_back(name); });
+    _manager->start();
+    return *_manager;
+  }
+
+  bool waitFor(std::function<bool()> condition, fn::Duration timeout = fn::Duration::seconds(10)) {
+    return runLoopUntil(loop, condition, timeout);
+  }
+  /// Lets the loop run for `duration`, to show that nothing more happens.
+  void settle(fn::Duration duration) {
+    runLoopUntil(
+        loop, [] { return false; }, duration);
+  }
+
+  ipc::ModuleManager::ModuleState const& state(size_t index) {
+    return *_manager->states().at(index);
+  }
+
+  LogCapture logs;
+  std::vector<fn::String> fatal;
+  std::vector<fn::String> notResponding;
+  int allConnected = 0;
+
+private:
+  std::unique_ptr<ipc::ModuleManager> _manager;
+  fn::Handle _fatal, _allConnected, _notResponding;
+};
+
+TEST_F(ModuleManagerTest, ModuleThatNeverConnectsGetsOneMoreAttemptThenOneFatalError) {
+  auto* slow = new ScriptedModule("slow", {Behaviour::NeverConnect});
+  manage({slow});
+  ASSERT_TRUE(waitFor([&] { return !fatal.empty(); }, fn::Duration::seconds(15)));
+  EXPECT_EQ(fatal, std::vector<fn::String>{"Module slow failed to connect"});
+  EXPECT_TRUE(logs.contains("Module slow timed out at launch, will attempt to restart"));
+  EXPECT_TRUE(logs.contains("Module slow timed out at launch, giving up"));
+  EXPECT_TRUE(logs.contains("Launching module slow (" + state(0).workerTag + ") (attempt 2)"));
+  // Given up for good: the second sleeper is killed and nothing is launched again.
+  settle(fn::Duration::milliseconds(1500 + 300));
+  EXPECT_EQ(slow->launches, 2);
+  EXPECT_EQ(slow->pid(), 0);
+  EXPECT_EQ(fatal.size(), 1u);
+}
+
+TEST_F(ModuleManagerTest, CrashBeforeConnectingIsRestartedOnceOnTheFirstAttemptOnly) {
+  auto* flaky = new ScriptedModule("flaky", {Behaviour::Crash});
+  manage({flaky});
+  ASSERT_TRUE(waitFor([&] { return !fatal.empty(); }));
+  EXPECT_TRUE(logs.contains("Module flaky did exit (status: 3, signal 0)"));
+  EXPECT_EQ(fatal, std::vector<fn::String>{
+                       "Module flaky did exit before connection was established (status: 3, "
+                       "signal 0)"});
+  settle(fn::Duration::milliseconds(100 * 5));
+  EXPECT_EQ(flaky->launches, 2);
+
+  // A module whose first attempt crashes but whose second connects is simply running.
+  auto* recovering = new ScriptedModule("recovering", {Behaviour::Crash, Behaviour::Connect});
+  fatal.clear();
+  manage({recovering});
+  ASSERT_TRUE(waitFor([&] { return allConnected == 1; }));
+  EXPECT_TRUE(fatal.empty());
+  EXPECT_TRUE(logs.contains("Module recovering has connected"));
+}
+
+TEST_F(ModuleManagerTest, ConnectedModuleIsRestartedEveryTimeItExits) {
+  auto* worker = new ScriptedModule("crashy", {Behaviour::Connect});
+  manage({worker});
+  for (int round = 1; round <= 3; ++round) {
+    ASSERT_TRUE(waitFor([&] { return state(0).connected; })) << "round " << round;
+    ASSERT_EQ(state(0).launchAttemptCount, uint32_t(round));
+    ::kill(worker->pid(), SIGKILL);
+    ASSERT_TRUE(waitFor([&] { return !state(0).connected; }));
+  }
+  ASSERT_TRUE(waitFor([&] { return state(0).connected; }));
+  EXPECT_EQ(logs.matching("Module crashy did exit (status: 0, signal 9)").size(), 3u);
+  EXPECT_TRUE(fatal.empty());
+  // onAllModulesConnected fires whenever the last module (re)connects.
+  EXPECT_EQ(allConnected, 4);
+}
+
+TEST_F(ModuleManagerTest, StoppedModuleIsKilledAndRestartedUnlessInProcess) {
+  startHub(fn::Duration::milliseconds(600));
+  auto* external = new ScriptedModule("external", {Behaviour::Connect});
+  auto* inProcess = new ScriptedModule("inproc", {Behaviour::Connect}, /*killable=*/false);
+  manage({external, inProcess});
+  ASSERT_TRUE(waitFor([&] { return allConnected == 1; }));
+
+  int stoppedPid = external->pid();
+  ::kill(stoppedPid, SIGSTOP);
+  ASSERT_TRUE(waitFor([&] { return !notResponding.empty(); }));
+  EXPECT_EQ(notResponding.front(), "external");
+  EXPECT_TRUE(logs.contains("Module external stopped responding and will be terminated"));
+  ASSERT_TRUE(waitFor([&] { return state(0).connected && state(0).launchAttemptCount == 2; }));
+  EXPECT_NE(external->pid(), stoppedPid);
+
+  // A module that cannot be killed is reported and left alone.
+  int keptPid = inProcess->pid();
+  notResponding.clear();
+  ::kill(keptPid, SIGSTOP);
+  ASSERT_TRUE(waitFor([&] { return !notResponding.empty(); }));
+  EXPECT_EQ(notResponding.front(), "inproc");
+  EXPECT_TRUE(logs.contains(
+      "Module inproc stopped responding but can not be terminated because it is in-process"));
+  settle(fn::Duration::milliseconds(100 * 3));
+  EXPECT_EQ(inProcess->pid(), keptPid);
+  EXPECT_EQ(state(1).launchAttemptCount, 1u);
+  ::kill(keptPid, SIGKILL);
+  EXPECT_TRUE(fatal.empty());
+}
+
+TEST_F(ModuleManagerTest, LaunchOrderFailuresAndStrangers) {
+  auto* second = new ScriptedModule("second", {Behaviour::Connect});
+  auto* first = new ScriptedModule("first", {Behaviour::Connect});
+  first->_launchFirst = true;
+  auto* broken = new ScriptedModule("broken", {Behaviour::FailToStart});
+  auto* never = new ScriptedModule("never", {Behaviour::Connect});
+  manage({second, first, broken, never});
+  // The module that launches first is on its way before start() returns.
+  EXPECT_EQ(first->launches, 1);
+  EXPECT_EQ(second->launches, 0);
+  ASSERT_TRUE(waitFor([&] { return !fatal.empty(); }));
+  EXPECT_EQ(fatal.front().substr(0, 31), "Failed to start module broken:\n");
+  EXPECT_NE(fatal.front().find("no such module"), fn::String::npos);
+  EXPECT_TRUE(logs.contains("Aborting launch"));
+  ASSERT_TRUE(waitFor([&] { return state(0).connected && state(1).connected; }));
+  EXPECT_EQ(never->launches, 0);
+  EXPECT_EQ(allConnected, 0);
+
+  // A worker the manager did not launch is only logged.
+  uint16_t id = 0;
+  auto stranger = connect("stranger", id);
+  ASSERT_TRUE(waitFor([&] {
+    return logs.contains("Received Connected notification for unmanaged module stranger");
+  }));
+  ipc::Dispatcher::WorkerInfo unknown{id, "stranger", "tag-stranger"};
+  hub().onWorkerNotResponding().emit(unknown);
+  EXPECT_TRUE(logs.contains(
+      fmt::format("Received Not Responding notification for unmanaged workerId {}", id)));
+}
+
+TEST_F(ModuleManagerTest, StopEndsSupervisionAndKillsModuleProcesses) {
+  auto* module = new ScriptedModule("stoppable", {Behaviour::Connect});
+  auto& manager = manage({module});
+  ASSERT_TRUE(waitFor([&] { return state(0).connected; }));
+  int pid = module->pid();
+  manager.stop();
+  EXPECT_EQ(module->pid(), 0);
+  // The killed process is reaped and nothing comes back.
+  ASSERT_TRUE(waitFor([&] { return ::kill(pid, 0) != 0; }));
+  settle(fn::Duration::milliseconds(100 * 5));
+  EXPECT_EQ(module->launches, 1);
+  EXPECT_TRUE(fatal.empty());
+}
+
+}  // namespace
