@@ -18,6 +18,7 @@
 
 #include <exception>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -50,6 +51,18 @@ struct ContinuationResult {
 template <typename F>
 struct ContinuationResult<F, void> {
   using Type = std::invoke_result_t<F>;
+};
+
+/// A continuation that returns a promise yields that promise's result, not the promise.
+template <typename R>
+struct Flattened {
+  using Type = R;
+  static constexpr bool isPromise = false;
+};
+template <typename U>
+struct Flattened<Promise<U>> {
+  using Type = U;
+  static constexpr bool isPromise = true;
 };
 
 /// Stands for "no rejection handler": the rejection passes on to the next promise.
@@ -146,10 +159,24 @@ private:
   Continuation _continuation;
 };
 
+/// Settles `next` with what `inner` settles with, once it does.
+template <typename R>
+void forward(Promise<R>& inner, Promise<R> next) {
+  if constexpr (std::is_void_v<R>)
+    inner.then([next]() mutable { next.resolve(); },
+               [next](std::exception_ptr error) mutable { next.reject(std::move(error)); });
+  else
+    inner.then([next](R&& value) mutable { next.resolve(std::move(value)); },
+               [next](std::exception_ptr error) mutable { next.reject(std::move(error)); });
+}
+
 template <typename R, typename Call>
-void settleWith(Promise<R>& next, Call&& call) {
+void settleWith(Promise<R>& next, Call&& call, std::optional<Promise<R>>* inner = nullptr) {
   try {
-    if constexpr (std::is_void_v<R>) {
+    if constexpr (Flattened<std::invoke_result_t<Call>>::isPromise) {
+      *inner = call();
+      forward(**inner, next);
+    } else if constexpr (std::is_void_v<R>) {
       call();
       next.resolve();
     } else {
@@ -246,27 +273,36 @@ private:
 
   template <typename F, typename G>
   auto chain(F onFulfilled, G onRejected) {
-    using R = typename detail::ContinuationResult<F, T>::Type;
+    using R = typename detail::Flattened<typename detail::ContinuationResult<F, T>::Type>::Type;
     FN_ASSERT_LOOP_THREAD();
     Promise<R> next;
     WeakReference<State> upstream(_state.get());
-    next.onCancel([upstream] {
+    // The promise a continuation returned, so that cancelling `next` reaches it too.
+    std::shared_ptr<std::optional<Promise<R>>> inner;
+    if constexpr (detail::Flattened<typename detail::ContinuationResult<F, T>::Type>::isPromise)
+      inner = std::make_shared<std::optional<Promise<R>>>();
+    next.onCancel([upstream, inner] {
       if (auto state = upstream.lock())
         state->cancel();
+      if (inner && *inner)
+        (*inner)->cancel();
     });
-    _state->setContinuation([next, f = std::move(onFulfilled), g = std::move(onRejected)](
+    _state->setContinuation([next, inner, f = std::move(onFulfilled), g = std::move(onRejected)](
                                 std::optional<Stored>&& value, std::exception_ptr error) mutable {
       if (error) {
         if constexpr (std::is_same_v<G, detail::PassRejection>)
           next.reject(std::move(error));
         else
-          detail::settleWith(next, [&] { return g(error); });
+          detail::settleWith(
+              next, [&] { return g(error); }, inner.get());
         return;
       }
       if constexpr (std::is_void_v<T>)
-        detail::settleWith(next, [&] { return f(); });
+        detail::settleWith(
+            next, [&] { return f(); }, inner.get());
       else
-        detail::settleWith(next, [&] { return f(std::move(*value)); });
+        detail::settleWith(
+            next, [&] { return f(std::move(*value)); }, inner.get());
     });
     return next;
   }

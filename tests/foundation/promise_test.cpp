@@ -159,6 +159,41 @@ TEST(Promise, CancellationRunsTheOneHandlerAndDropsTheContinuation) {
   EXPECT_EQ(conditions(recorder).size(), 1u);
 }
 
+TEST(Promise, ContinuationReturningAPromiseYieldsItsResult) {
+  uv::Loop loop;
+  Promise<int> inner;
+  Promise<int> flat = Promise<void>::resolved().then([&] { return inner; });
+  int got = 0;
+  Promise<void> done =
+      flat.then([&](int value) { got = value; }).then([] { return Promise<void>::resolved(); });
+  drainLoop(loop);
+  EXPECT_TRUE(flat.isPending());
+  inner.resolve(5);
+  drainLoop(loop);
+  EXPECT_EQ(got, 5);
+  EXPECT_TRUE(done.isFulfilled());
+
+  // The inner promise's rejection passes on.
+  auto failing = Promise<int>::resolved(1).then(
+      [](int) { return Promise<String>::rejected(std::make_exception_ptr(IOException("gone"))); });
+  String message;
+  failing.fail([&](std::exception_ptr error) {
+    message = messageOf(error);
+    return String();
+  });
+  drainLoop(loop);
+  EXPECT_EQ(message, "IOException: gone");
+
+  // Cancelling the outer promise once the continuation ran reaches the promise it returned.
+  Promise<int> slow;
+  bool cancelled = false;
+  slow.onCancel([&] { cancelled = true; });
+  auto outer = Promise<void>::resolved().then([&] { return slow; });
+  drainLoop(loop);
+  outer.cancel();
+  EXPECT_TRUE(cancelled);
+}
+
 TEST(Promise, MisuseIsReportedWithItsAssertionText) {
   uv::Loop loop;
   testing::AssertionRecorder recorder;

@@ -16,18 +16,6 @@ fn::String describe(Dispatcher::WorkerInfo const& info) {
   return fmt::format("{} (worker {}, tag {})", info.displayName, info.workerId, info.tag);
 }
 
-fn::String textOf(std::exception_ptr const& error) {
-  try {
-    std::rethrow_exception(error);
-  } catch (fn::Exception const& e) {
-    return e.toString();
-  } catch (std::exception const& e) {
-    return e.what();
-  } catch (...) {
-    return "Unknown Exception";
-  }
-}
-
 }  // namespace
 
 ModuleManager::ModuleManager(Dispatcher& dispatcher, std::vector<ModuleDefinition*>&& definitions)
@@ -110,8 +98,8 @@ bool ModuleManager::launchModule(ModuleState& state) {
         _options.connectionTimeout, [this, &state] { moduleConnectionDidTimeout(state); });
     return true;
   } catch (...) {
-    fn::String message =
-        fmt::format("Failed to start module {}:\n{}", name, textOf(std::current_exception()));
+    fn::String message = fmt::format("Failed to start module {}:\n{}", name,
+                                     fn::describeException(std::current_exception()));
     logManager.log(fn::logging::WRN, "{}", message);
     _onFatalError.emit(message);
     return false;
