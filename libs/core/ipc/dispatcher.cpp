@@ -204,9 +204,11 @@ void Dispatcher::onMessage(Connection const& connection, fn::Value record) {
       forwardMessageToWorker(holder, record);
     return;
   }
+  // A connection that has not said HELLO has no id yet to release references under, so the
+  // uses counted for it could never be given back.
   std::vector<Connection> targets;
   for (auto const& other : _connections) {
-    if (other->info.workerId != 0)
+    if (other->info.workerId != 0 && other->info.workerId != NO_WORKER)
       targets.push_back(other);
   }
   for (auto const& other : targets)

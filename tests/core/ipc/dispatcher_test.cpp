@@ -84,8 +84,12 @@ TEST_F(HubTest, RoutesTargetedMessagesToHoldersAndObjectZeroToAllButTheHub) {
   peerA->send(message(x, NO_WORKER, fn::Value::map(), marker('h')));
   peerB->expect(messageWith(marker('h')));
 
-  // Object 0 with no target: every worker, the sender included, but not the hub's own.
-  peerA->send(message(ipc::REGISTRY_OBJECT_ID, NO_WORKER, fn::Value::map(), marker('0')));
+  // Object 0 with no target: every worker, the sender included, but not the hub's own, and
+  // not a connection that has not said HELLO: it could never give back the uses it got.
+  auto latecomer = Peer::start(loop, hub().pipePath());
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return hub().connectionCount() == 5; }));
+  peerA->send(
+      message(ipc::REGISTRY_OBJECT_ID, NO_WORKER, fn::Value::map({{x, "Thing"}}), marker('0')));
   for (auto* peer : {peerA.get(), peerB.get(), peerC.get()})
     EXPECT_EQ(peer->expect(messageWith(marker('0'))).at(key::SOURCE_WORKER_ID).asInt(), a);
 
@@ -98,6 +102,12 @@ TEST_F(HubTest, RoutesTargetedMessagesToHoldersAndObjectZeroToAllButTheHub) {
   }
   // The hub's worker never saw object 0's fan-out.
   EXPECT_EQ(hubOwnMessages, 0);
+  uint16_t d = latecomer->hello("D");
+  peerA->send(message(objectOf(a, 0), d, fn::Value::map(), marker('d')));
+  fn::Value first = latecomer->expect([](fn::Value const& r) { return isType(r, type::MESSAGE); });
+  EXPECT_EQ(first.get(key::PAYLOAD), fn::Value(marker('d')));
+  EXPECT_EQ(hub().referenceUsageCount(x, d), 0u);
+  EXPECT_EQ(hub().referenceUsageCount(x, NO_WORKER), 0u);
 }
 
 TEST_F(HubTest, CountsUsesAcrossWorkersAndReleasesTheInstanceOnce) {
