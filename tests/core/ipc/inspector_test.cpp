@@ -1,0 +1,128 @@
+#include "core/inspector.h"
+
+#include <regex>
+
+#include "core/inspector_registry.h"
+#include "module_fixture.h"
+
+using namespace testing_support;
+using Items = std::vector<core::Item>;
+
+namespace {
+
+// The first inspector of a name is filed under the base64 SHA-256 of the name; this is the
+// published digest of "abc" in base64.
+constexpr char const* ABC_KEY = "ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0=";
+
+class LocalInspector : public core::Inspector {
+public:
+  core::InspectionResult inspect(fn::Value const& action, fn::Value const&) override {
+    core::InspectionResult result;
+    core::InspectionResultWriter(result).append("local", action);
+    return result;
+  }
+};
+
+class InspectorTest : public ModuleTest {
+protected:
+  void SetUp() override {
+    ModuleTest::SetUp();
+    registry = await(core::InspectorRegistry::lookup(*worker)).value.value();
+  }
+  void TearDown() override {
+    registry.reset();
+    ModuleTest::TearDown();
+  }
+
+  void awaitInspectors(size_t count) {
+    EXPECT_TRUE(
+        runLoopUntil(loop, [&] { return hub().inspectorRegistry()->inspectorCount() == count; }))
+        << "inspectors: " << hub().inspectorRegistry()->inspectorCount();
+  }
+  std::map<fn::String, fn::String> all() { return await(registry->allInspectors()).value.value(); }
+  // Throws (and fails the test) when the call failed.
+  core::InspectionResult inspect(fn::AutoPtr<core::InspectorReference> const& inspector,
+                                 fn::Value const& action,
+                                 fn::Value const& referer = fn::Value()) {
+    return await(inspector->inspect(action, referer)).value.value();
+  }
+
+  fn::AutoPtr<core::InspectorRegistry> registry;
+};
+
+}  // namespace
+
+TEST_F(InspectorTest, AnInspectorOfAModuleIsListedFetchedAndBrowsed) {
+  startModule("tuner", {"inspector=abc"});
+  awaitInspectors(1);
+  EXPECT_EQ(all(), (std::map<fn::String, fn::String>{{ABC_KEY, "abc"}}));
+
+  auto inspector = await(registry->getInspector(ABC_KEY)).value.value();
+  ASSERT_TRUE(inspector);
+  EXPECT_FALSE(inspector->local());
+  core::InspectionResult top = inspect(inspector, fn::Value());
+  EXPECT_EQ(top.items, (Items{{"module abc"}, {"details", "details"}, {"elsewhere", "elsewhere"}}));
+  // Following an item: the deeper view sees the action the caller came from.
+  EXPECT_EQ(inspect(inspector, top.items[1].action, "top").items, (Items{{"back", "top"}}));
+  core::InspectionResult redirect = inspect(inspector, top.items[2].action);
+  EXPECT_TRUE(redirect.redirect);
+  EXPECT_TRUE(redirect.items.empty());
+  EXPECT_EQ(inspect(inspector, redirect.redirectAction, top.items[2].action).items,
+            (Items{{"back", "elsewhere"}}));
+  EXPECT_EQ(inspect(inspector, "later").items, Items{{"answered later"}});
+
+  // An unknown key is no error.
+  EXPECT_FALSE(await(registry->getInspector("no such key")).value.value());
+}
+
+TEST_F(InspectorTest, OneNameTwiceThenUnregisteringAndDeathRemoveEntries) {
+  startModule("tuner", {"inspector=abc"});
+  awaitInspectors(1);
+  fn::AutoPtr<core::Inspector> inspector(new LocalInspector);
+  fn::WeakReference<core::Inspector> local(inspector);
+  unsigned int id = await(registry->registerInspector("abc", inspector)).value.value();
+  EXPECT_EQ(id, 1u);
+  // The same inspector under another name; the registry files it under its own id 3.
+  EXPECT_EQ(await(registry->registerInspector("other", inspector)).value.value(), 2u);
+  inspector.reset();
+  fn::String key = registry->keyOf(id);
+  EXPECT_TRUE(std::regex_match(key, std::regex("[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}")))
+      << key;
+  auto listed = all();
+  EXPECT_EQ(listed.size(), 3u);
+  EXPECT_EQ(listed[ABC_KEY], "abc");
+  EXPECT_EQ(listed[key], "abc");
+  auto mine = await(registry->getInspector(key)).value.value();
+  ASSERT_TRUE(mine);
+  EXPECT_TRUE(mine->local());
+  EXPECT_EQ(inspect(mine, 5).items, (Items{{"local", 5}}));
+  mine.reset();
+
+  EXPECT_FALSE(await(registry->unregisterInspector(id)).error);
+  EXPECT_FALSE(all().contains(key));
+  EXPECT_EQ(registry->keyOf(id), "");
+  // The registry's own integer ids are accepted too; the key our reference then sends for id 2
+  // is unknown by then, which is no error either.
+  EXPECT_TRUE(await(registry->callMethod("unregisterInspector", 3)).value->isNull());
+  awaitInspectors(1);
+  EXPECT_FALSE(await(registry->unregisterInspector(2)).error);
+  // Nobody holds the inspector any more: not the registry, not our registry reference.
+  EXPECT_TRUE(runLoopUntil(loop, [&] { return local.expired(); }));
+
+  killModule("tuner");
+  awaitInspectors(0);
+  EXPECT_TRUE(all().empty());
+}
+
+TEST_F(InspectorTest, ARegistrationCancelledBeforeItsAnswerIsWithdrawn) {
+  fn::AutoPtr<core::Inspector> inspector(new LocalInspector);
+  fn::WeakReference<core::Inspector> local(inspector);
+  auto registering = registry->registerInspector("gone", inspector);
+  inspector.reset();
+  auto outcome = watch(registering);
+  registering.cancel();
+  // Filed and withdrawn again: then nobody holds the inspector any more.
+  EXPECT_TRUE(runLoopUntil(loop, [&] { return local.expired(); }));
+  EXPECT_FALSE(outcome->settled);
+  EXPECT_TRUE(all().empty());
+}
