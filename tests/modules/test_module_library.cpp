@@ -106,11 +106,19 @@ protected:
                                          {"separateProcess", initData().separateProcess()},
                                          {"mode", _mode}});
     auto const& bus = ipc::MessageBus::processBus();
+    if (inOwnProcess("crash-after-connect") || inOwnProcess("hang-after-connect")) {
+      // Only once our own message came back has everybody else got it too.
+      _connected = bus->listen(CONNECTED, [this](fn::String const&, fn::Value const& body) {
+        if (body.get("tag") != fn::Value(initData().workerTag()))
+          return;
+        if (_mode == "crash-after-connect")
+          crash();
+        hang();
+      });
+      bus->post(CONNECTED, identity);
+      return;
+    }
     bus->post(CONNECTED, identity);
-    if (inOwnProcess("crash-after-connect"))
-      crash();
-    if (inOwnProcess("hang-after-connect"))
-      hang();
     _service = fn::AutoPtr<Service>(new Service(worker(), identity));
     worker().registry()->registerObject(_service, 0);
     if (_mode == "idle") {
@@ -167,6 +175,7 @@ private:
   fn::Value _identity;
   bool _terminating = false;
   fn::Handle _quit;
+  fn::Handle _connected;
   fn::AutoPtr<Service> _service;
 };
 

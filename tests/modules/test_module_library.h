@@ -20,9 +20,11 @@
 //                        dies). In the hub: connects under a tag nobody launched
 //                        ("<tag>-unmanaged"), so a manager never sees its module connect.
 //   crash-before-connect in a process: aborts before connecting (signal 6).
-//   crash-after-connect  in a process: posts CONNECTED, then aborts right away.
-//   hang-after-connect   in a process: posts CONNECTED, then blocks its loop for good: it
-//                        answers no call and no PING, so the hub reports it not responding.
+//   crash-after-connect  in a process: posts CONNECTED and aborts once the hub relayed it
+//                        (so the test hears it); registers no service.
+//   hang-after-connect   in a process: the same, but instead of aborting it blocks its loop
+//                        for good: it answers no call and no PING, so the hub reports it not
+//                        responding.
 //   idle                 normal, and terminates when idle (separate process only): after
 //                        <prefix>IDLE_MS milliseconds (default 500) without traffic the worker
 //                        hides its registry entries; the module then posts TERMINATING and ends

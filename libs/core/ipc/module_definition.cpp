@@ -71,16 +71,18 @@ void ExternalModule::launch(Dispatcher& dispatcher, fn::String const& tag) {
   options.inheritInput = true;
   options.inheritOutput = true;
   std::weak_ptr<ExternalModule*> alive = _lifetime;
-  _process =
-      fn::uv::Process::spawn(dispatcher.loop(), options, [alive](int64_t status, int signal) {
-        auto self = alive.lock();
-        if (!self)
-          return;
-        // The child we hold is the one that ended, unless it was killed and replaced already.
-        if ((*self)->_process && (*self)->_process->exited())
-          (*self)->_process.reset();
-        (*self)->_onExit.emit(status, signal);
-      });
+  auto spawned = std::make_shared<fn::uv::Process*>(nullptr);
+  _process = fn::uv::Process::spawn(dispatcher.loop(), options,
+                                    [alive, spawned](int64_t status, int signal) {
+                                      auto self = alive.lock();
+                                      // A child that was killed through kill() has been forgotten:
+                                      // the caller knows.
+                                      if (!self || (*self)->_process.get() != *spawned)
+                                        return;
+                                      (*self)->_process.reset();
+                                      (*self)->_onExit.emit(status, signal);
+                                    });
+  *spawned = _process.get();
 }
 
 void ExternalModule::kill(bool) {
@@ -115,8 +117,9 @@ void InProcessModule::launch(Dispatcher& dispatcher, fn::String const& tag) {
     logModule.log(fn::logging::WRN, "Shared library for module {} has already been loaded", _name);
     return;
   }
-  // Modules always run on the default loop; one the hub does not run would never start.
-  if (&dispatcher.loop() != &fn::uv::Loop::defaultLoop()) {
+  // Modules always run on the default loop; one the hub does not run would never start. (Asked
+  // of libuv: making our default loop here would make it the thread's loop behind the hub.)
+  if (dispatcher.loop().raw() != uv_default_loop()) {
     throw fn::IllegalStateException("In-process modules need the dispatcher on the default loop");
   }
   auto library = std::make_unique<fn::SharedLibrary>();

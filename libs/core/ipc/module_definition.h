@@ -4,8 +4,8 @@
 //
 // A ModuleDefinition is what the hub's ModuleManager drives: it launches the module with a
 // worker tag (the module says it in its HELLO, which is how the manager recognises the
-// connection), kills it when it stops responding, and reports the exit of a module process
-// through onExit. ExternalModule runs a module loader executable as a child process;
+// connection), kills it when it stops responding, and reports through onExit a module process
+// that ended in any other way. ExternalModule runs a module loader executable as a child process;
 // DefaultExternalModule passes it the module's shared library, the hub's pipe path and the
 // tag. InProcessModule loads the module's shared library into the hub and enters it through
 // its "moduleEntryPoint"; it cannot be killed, so the manager leaves it running when it stops
@@ -84,7 +84,7 @@ public:
   virtual fn::String moduleName() const = 0;
   virtual ~ModuleDefinition();
 
-  /// A module process ended, killed or not: its exit status and the signal that ended it (0
+  /// A module process ended without kill(): its exit status and the signal that ended it (0
   /// if none). Emitted on the dispatcher's loop.
   fn::Signal<long long, int>& onExit() { return _onExit; }
 
@@ -103,7 +103,7 @@ public:
   /// still running is an error of the caller (asserted).
   void launch(Dispatcher& dispatcher, fn::String const& tag) override;
   /// Sends SIGKILL to the running child, if any, and forgets it so that it can be launched
-  /// again; its exit is still reported through onExit.
+  /// again at once; its end is not reported through onExit (the caller killed it).
   void kill(bool force) override;
   bool canBeKilled() const override { return true; }
   /// The running child's process id; empty when none runs.
