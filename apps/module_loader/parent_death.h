@@ -7,7 +7,8 @@
 namespace module_loader {
 
 /// Arranges for the process to be killed when its parent dies. Returns false when the parent
-/// has died already (so the caller should not start).
+/// has died already (so the caller should not start). On Linux the system watches the thread
+/// that started us; the hub starts modules from its loop thread, which lives as long as it.
 bool dieWithParent();
 
 }  // namespace module_loader
