@@ -1,6 +1,9 @@
 #include "foundation/path_manager.h"
 
+#include <filesystem>
+
 #include "foundation/file.h"
+#include "foundation/uv/process.h"
 
 namespace fn {
 
@@ -20,8 +23,38 @@ String PathManager::applicationName() const {
   return _applicationName;
 }
 
+void PathManager::locateApplication() const {
+  if (_applicationDirectory)
+    return;
+  std::filesystem::path directory =
+      std::filesystem::path(std::string(uv::executablePath())).lexically_normal().parent_path();
+  _hasBinDirectory = directory.filename() == "bin";
+  if (_hasBinDirectory)
+    directory = directory.parent_path();
+  _applicationDirectory = String(directory.string());
+}
+
+String PathManager::applicationDirectory() const {
+  std::lock_guard lock(_mutex);
+  locateApplication();
+  return *_applicationDirectory;
+}
+
+bool PathManager::hasBinDirectory() const {
+  std::lock_guard lock(_mutex);
+  locateApplication();
+  return _hasBinDirectory;
+}
+
+void PathManager::setApplicationDirectory(String directory, bool hasBinDirectory) {
+  std::lock_guard lock(_mutex);
+  _applicationDirectory = std::move(directory);
+  _hasBinDirectory = hasBinDirectory;
+}
+
 String PathManager::getPath(int location, std::string_view name, bool create) const {
-  String directory = platformDirectory(location, applicationName());
+  String directory = location == APPLICATION ? applicationDirectory()
+                                             : platformDirectory(location, applicationName());
   if (create)
     File(directory).createDirectories(0700);
   if (name.empty())

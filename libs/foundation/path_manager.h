@@ -1,11 +1,13 @@
 #pragma once
 
-// Where the application keeps its files. Every location is a directory of its own under the
-// application's directory name. Setting the environment variable LUMAREN_TEST_ROOT moves all
-// of them below that directory, so tests and their child processes never touch the user's
-// real files.
+// Where the application is and where it keeps its files. The application's own directory
+// holds what was installed with it (executables, module libraries). Every other location is a
+// directory of its own under the application's directory name; setting the environment
+// variable LUMAREN_TEST_ROOT moves all of those below that directory, so tests and their child
+// processes never touch the user's real files.
 
 #include <mutex>
+#include <optional>
 #include <string_view>
 
 #include "foundation/export.h"
@@ -17,6 +19,8 @@ class FN_EXPORT PathManager {
 public:
   /// The locations; the numbers are those stored callers pass.
   enum Location : int {
+    /// The application's installation directory (see hasBinDirectory()).
+    APPLICATION = 1,
     /// Files the user works with (documents).
     USER_FILES = 3,
     /// Per-user application data shared by every process of the application.
@@ -35,6 +39,17 @@ public:
   void setApplicationName(String name);
   String applicationName() const;
 
+  /// The application's directory: by default found from the running executable. When the
+  /// executable sits in a directory named "bin", the application's directory is that
+  /// directory's parent, and executables are in "bin" below it; otherwise it is the
+  /// executable's own directory, and executables are expected in its parent.
+  String applicationDirectory() const;
+  /// Whether executables are in "bin" below the application's directory (rather than in its
+  /// parent): the first thing to ask before building the path of an executable or a module.
+  bool hasBinDirectory() const;
+  /// For hosts whose layout the executable's place does not tell, and for tests.
+  void setApplicationDirectory(String directory, bool hasBinDirectory);
+
   /// The directory of `location` followed by "/" and `name` (the directory alone when `name`
   /// is empty). With `create` the directory and its parents are created first, readable by
   /// the user only. RangeException for an unknown location.
@@ -44,9 +59,13 @@ private:
   PathManager() = default;
   /// The location's directory on this platform, without creating it.
   static String platformDirectory(int location, String const& applicationName);
+  /// Finds the application's directory from the running executable, once. Under _mutex.
+  void locateApplication() const;
 
   mutable std::mutex _mutex;
   String _applicationName = DEFAULT_APPLICATION_NAME;
+  mutable std::optional<String> _applicationDirectory;
+  mutable bool _hasBinDirectory = false;
 };
 
 }  // namespace fn

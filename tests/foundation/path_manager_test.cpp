@@ -9,6 +9,7 @@
 #include "foundation/environment.h"
 #include "foundation/exception.h"
 #include "foundation/file.h"
+#include "foundation/uv/process.h"
 
 namespace fn {
 namespace {
@@ -48,6 +49,27 @@ TEST(PathManager, LocationsLiveUnderTheApplicationNameAndTheTestRoot) {
   paths.setApplicationName(previousName);
   Environment::unset(PathManager::TEST_ROOT_VARIABLE);
   std::filesystem::remove_all(std::string(root));
+}
+
+TEST(PathManager, TheApplicationDirectoryIsFoundFromTheRunningExecutable) {
+  auto& paths = PathManager::instance();
+  // Test executables live in <build>/bin, like installed ones in <prefix>/bin.
+  std::filesystem::path executable(std::string(uv::executablePath()));
+  ASSERT_EQ(executable.parent_path().filename(), "bin");
+  String root(executable.parent_path().parent_path().string());
+  EXPECT_TRUE(paths.hasBinDirectory());
+  EXPECT_EQ(paths.applicationDirectory(), root);
+  EXPECT_EQ(paths.getPath(PathManager::APPLICATION, "bin/" + executable.filename().string()),
+            String(executable.string()));
+  // The test root moves the user's files, never the installation.
+  Environment::set(PathManager::TEST_ROOT_VARIABLE, "/tmp/elsewhere");
+  EXPECT_EQ(paths.getPath(PathManager::APPLICATION, "modules/x.so"), root + "/modules/x.so");
+  Environment::unset(PathManager::TEST_ROOT_VARIABLE);
+
+  paths.setApplicationDirectory("/opt/app/lib/app", false);
+  EXPECT_FALSE(paths.hasBinDirectory());
+  EXPECT_EQ(paths.getPath(PathManager::APPLICATION), "/opt/app/lib/app");
+  paths.setApplicationDirectory(root, true);
 }
 
 }  // namespace

@@ -11,6 +11,12 @@ fn::logging::Category logBus("ipc.messageBus");
 constexpr char const* BUS_MESSAGE = "BUS_MESSAGE";
 constexpr char const* BUS_EVENT = "busMessage";
 
+// Never destroyed: the bus must not be released after its worker, at exit.
+fn::AutoPtr<MessageBus>& theProcessBus() {
+  static auto* bus = new fn::AutoPtr<MessageBus>();
+  return *bus;
+}
+
 }  // namespace
 
 MessageBus::MessageBus(ObjectReferenceInitializer& initializer)
@@ -67,6 +73,14 @@ fn::Promise<fn::AutoPtr<MessageBus>> MessageBus::lookup(Worker& worker, fn::Dura
           throw fn::NullPointerException("The registry answered without a message bus");
         return bus;
       });
+}
+
+fn::AutoPtr<MessageBus> const& MessageBus::processBus() {
+  return theProcessBus();
+}
+
+void MessageBus::setProcessBus(fn::AutoPtr<MessageBus> bus) {
+  theProcessBus() = std::move(bus);
 }
 
 MessageBusImpl::MessageBusImpl(Worker& worker) : CallableObjectInstance(worker) {}

@@ -41,8 +41,17 @@ public:
   static fn::Promise<fn::AutoPtr<MessageBus>> lookup(Worker& worker,
                                                      fn::Duration timeout = DEFAULT_LOOKUP_TIMEOUT);
 
+  /// The bus of this process: set once the first module of the process found it (see
+  /// ipc::Module), null before that and again once that module's worker is gone. Loop thread
+  /// only.
+  static fn::AutoPtr<MessageBus> const& processBus();
+
 protected:
   void onEvent(fn::String const& name, fn::Value const& argument) override;
+
+private:
+  friend class Module;
+  static void setProcessBus(fn::AutoPtr<MessageBus> bus);
 };
 
 class CORE_EXPORT MessageBusImpl : public CallableObjectInstance {

@@ -4,14 +4,18 @@
 //
 // A ModuleDefinition is what the hub's ModuleManager drives: it launches the module with a
 // worker tag (the module says it in its HELLO, which is how the manager recognises the
-// connection), kills it when it stops responding, and reports the exit of a module process
-// through onExit. ExternalModule runs a module loader executable as a child process;
+// connection), kills it when it stops responding, and reports through onExit a module process
+// that ended in any other way. ExternalModule runs a module loader executable as a child process;
 // DefaultExternalModule passes it the module's shared library, the hub's pipe path and the
 // tag. InProcessModule loads the module's shared library into the hub and enters it through
 // its "moduleEntryPoint"; it cannot be killed, so the manager leaves it running when it stops
 // responding.
 //
-// Loop-bound: launch, kill and onExit run on the dispatcher's loop thread.
+// Loop-bound: launch, kill and onExit run on the dispatcher's loop thread. An in-process
+// module runs on fn::uv::Loop::defaultLoop(), so a hub with in-process modules runs its
+// dispatcher there; the library stays loaded for the rest of the process, since the modules it
+// made may outlive their definition. Destroying an ExternalModule kills its process, if one
+// is running, and no onExit follows.
 
 #include <memory>
 #include <optional>
@@ -59,10 +63,11 @@ public:
                                   bool launchFirst,
                                   bool externalFlag);
 
-  /// Where the application's executables are: "bin/<name>" below the application's directory.
+  /// Where the application's executables are: "bin/<name>" below the application's directory
+  /// (fn::PathManager), or "../<name>" for a layout without a bin directory.
   static fn::String pathForExecutable(fn::String const& name);
-  /// Where module libraries are: "modules/<name>" below the application's directory, with the
-  /// platform's suffix for shared libraries.
+  /// Where module libraries are: "modules/<name>" (or "../modules/<name>") below the
+  /// application's directory, with the platform's suffix for shared libraries.
   static fn::String pathForSharedLibrary(fn::String const& name);
 
   explicit ModuleDefinition(fn::String name);
@@ -79,7 +84,8 @@ public:
   virtual fn::String moduleName() const = 0;
   virtual ~ModuleDefinition();
 
-  /// A module process ended: its exit status and the signal that ended it (0 if none).
+  /// A module process ended without kill(): its exit status and the signal that ended it (0
+  /// if none). Emitted on the dispatcher's loop.
   fn::Signal<long long, int>& onExit() { return _onExit; }
 
 protected:
@@ -93,11 +99,14 @@ public:
   ~ExternalModule() override;
 
   bool launchFirst() const override { return false; }
+  /// Spawns the executable with arguments(); throws when it cannot be started. A process
+  /// still running is an error of the caller (asserted).
   void launch(Dispatcher& dispatcher, fn::String const& tag) override;
   /// Sends SIGKILL to the running child, if any, and forgets it so that it can be launched
-  /// again.
+  /// again at once; its end is not reported through onExit (the caller killed it).
   void kill(bool force) override;
   bool canBeKilled() const override { return true; }
+  /// The running child's process id; empty when none runs.
   std::optional<ProcessInfo> processInfo() const override;
   fn::String name() const override { return _name; }
   fn::String moduleName() const override { return _name; }
@@ -107,10 +116,14 @@ public:
   /// The child's arguments after the executable.
   virtual std::vector<fn::String> arguments(Dispatcher& dispatcher, fn::String const& tag) = 0;
 
+  bool externalFlag() const { return _externalFlag; }
+
 protected:
   fn::String _executablePath;
   bool _externalFlag;
   fn::AutoPtr<fn::uv::Process> _process;
+  // Exit callbacks of children check it: they may come after this definition is gone.
+  std::shared_ptr<ExternalModule*> _lifetime = std::make_shared<ExternalModule*>(this);
 };
 
 class CORE_EXPORT DefaultExternalModule : public ExternalModule {
@@ -127,7 +140,9 @@ public:
   ~InProcessModule() override;
 
   bool launchFirst() const override { return _launchFirst; }
-  /// Loads the library once and calls its entry point; later launches only log.
+  /// Loads the library once and calls its entry point; later launches only log. Throws when
+  /// the library or its entry point cannot be loaded, when the entry point fails, or when the
+  /// dispatcher does not run on the default loop.
   void launch(Dispatcher& dispatcher, fn::String const& tag) override;
   /// Logs that an in-process module cannot be killed.
   void kill(bool force) override;
@@ -135,6 +150,8 @@ public:
   std::optional<ProcessInfo> processInfo() const override { return std::nullopt; }
   fn::String name() const override { return _name; }
   fn::String moduleName() const override { return _name; }
+
+  fn::String const& libraryPath() const { return _libraryPath; }
 
 private:
   fn::String _libraryPath;

@@ -24,7 +24,8 @@ AutoPtr<Process> Process::spawn(Loop& loop, Options const& options, ExitCallback
   env.push_back(nullptr);
 
   std::vector<uv_stdio_container_t> stdio(3 + options.extraDescriptors.size());
-  stdio[0].flags = UV_IGNORE;
+  stdio[0].flags = options.inheritInput ? UV_INHERIT_FD : UV_IGNORE;
+  stdio[0].data.fd = 0;
   for (int i = 1; i < 3; ++i) {
     stdio[i].flags = options.inheritOutput ? UV_INHERIT_FD : UV_IGNORE;
     stdio[i].data.fd = i;

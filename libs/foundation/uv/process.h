@@ -27,6 +27,8 @@ public:
     std::vector<String> environment;
     /// Inherit standard output and error (the default) or discard them.
     bool inheritOutput = true;
+    /// Inherit standard input, or give the child none (the default).
+    bool inheritInput = false;
     /// Descriptors of this process that the child gets as 3, 4, ...
     std::vector<int> extraDescriptors;
   };

@@ -1,0 +1,14 @@
+#pragma once
+
+// Ties the module loader's life to its parent's, the hub: when the hub dies, however it dies,
+// the system ends the loader too. The worker's lost connection normally ends a module first;
+// this also covers a module that is stopped or too busy to notice.
+
+namespace module_loader {
+
+/// Arranges for the process to be killed when its parent dies. Returns false when the parent
+/// has died already (so the caller should not start). On Linux the system watches the thread
+/// that started us; the hub starts modules from its loop thread, which lives as long as it.
+bool dieWithParent();
+
+}  // namespace module_loader

@@ -1,0 +1,360 @@
+#include "core/ipc/module.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <list>
+
+#include "child_role.h"
+#include "core/ipc/module_definition.h"
+#include "foundation/environment.h"
+#include "foundation/file.h"
+#include "foundation/path_manager.h"
+#include "foundation/shared_library.h"
+#include "module_fixture.h"
+#include "test_module_library.h"
+
+using namespace testing_support;
+using namespace test_modules;
+
+namespace {
+
+/// Runs the loop, waking it now and then, until `done()`: for what no loop event announces.
+bool pollUntil(fn::uv::Loop& loop, std::function<bool()> const& done, fn::Duration timeout) {
+  auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::microseconds(timeout.totalMicroseconds());
+  while (!done() && std::chrono::steady_clock::now() < deadline) {
+    bool tick = false;
+    fn::Handle timer = loop.schedule(fn::Duration::milliseconds(20), [&] { tick = true; });
+    loop.runUntil([&] { return tick; });
+  }
+  return done();
+}
+
+/// Gone, or a zombie nobody reaped yet: either way it runs no more.
+bool processEnded(int pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  auto state = line.rfind(") ");
+  return ::kill(pid, 0) != 0 || state == std::string::npos || line[state + 2] == 'Z';
+}
+
+/// A hub on the default loop, where in-process modules run, and a worker of the test's own
+/// that looks services up and hears the modules on the bus.
+class ModuleLaunchTest : public ::testing::Test {
+protected:
+  struct Launchable {
+    std::unique_ptr<ipc::ModuleDefinition> definition;
+    std::vector<std::pair<long long, int>> exits;
+    fn::Handle watch;
+  };
+
+  void SetUp() override {
+    core::AppInfo::initialize(core::AppInfo::App::LUMAREN);
+    char pattern[] = "/tmp/lumaren-modules-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    directory = pattern;
+    for (char const* copy : {TEST_MODULE, TEST_MODULE_B}) {
+      for (char const* suffix : {"MODE", "LAUNCHES", "IDLE_MS"})
+        fn::Environment::unset(variable(copy, suffix).c_str());
+    }
+    hub = std::make_unique<ipc::Dispatcher>(loop, fn::Duration::seconds(30));
+    hub->bind();
+    hub->start();
+    ASSERT_TRUE(runLoopUntil(loop, [&] { return hub->worker().connected(); }));
+    registerServiceReferences(hub->worker());
+    hubConnections = hub->onWorkerConnected().connect(
+        [this](ipc::Dispatcher::WorkerInfo const& info) { connectedTags.push_back(info.tag); });
+    worker = std::make_unique<ipc::Worker>(delegate, loop, hub->pipePath(), "T", "t-tag", false);
+    registerServiceReferences(*worker);
+    worker->connect();
+    ASSERT_TRUE(runLoopUntil(loop, [&] { return worker->connected(); }));
+    bus = await(ipc::MessageBus::lookup(*worker)).value.value_or(nullptr);
+    ASSERT_TRUE(bus);
+    for (auto* heard : {&connected, &terminating}) {
+      subscriptions.push_back(bus->listen(
+          heard == &connected ? CONNECTED : TERMINATING,
+          [heard](fn::String const&, fn::Value const& body) { heard->push_back(body); }));
+    }
+  }
+
+  void TearDown() override {
+    for (auto& launched : launchables) {
+      if (auto process = launched.definition->processInfo()) {
+        launched.definition->kill(true);
+        EXPECT_TRUE(pollUntil(
+            loop, [&] { return processEnded(process->pid); }, fn::Duration::seconds(5)));
+      }
+    }
+    launchables.clear();
+    ipc::Module::destroyInProcessModules();
+    subscriptions.clear();
+    bus.reset();
+    if (hub) {
+      bool lost = false;
+      fn::Handle watching =
+          worker->onDisconnected().connect([&](fn::uv::Status const&) { lost = true; });
+      hub.reset();
+      EXPECT_TRUE(runLoopUntil(loop, [&] { return lost; }));
+    }
+    drainLoop(loop);
+    worker.reset();
+    drainLoop(loop);
+    std::filesystem::remove_all(std::string(directory));
+  }
+
+  /// A definition as the hub's configuration makes it, recording its exits.
+  Launchable& define(fn::String const& name, bool inProcess) {
+    auto& launched = launchables.emplace_back();
+    launched.definition.reset(
+        ipc::ModuleDefinition::create(name, ipc::MODULE_LOADER_NAME, inProcess, inProcess, false));
+    launched.watch = launched.definition->onExit().connect(
+        [&launched](long long status, int signal) { launched.exits.emplace_back(status, signal); });
+    return launched;
+  }
+
+  /// What the module launched with `tag` said on the bus when it connected.
+  fn::Value awaitConnected(fn::String const& tag) {
+    fn::Value found;
+    EXPECT_TRUE(runLoopUntil(loop, [&] {
+      for (auto const& body : connected) {
+        if (body.get("tag") == fn::Value(tag))
+          found = body;
+      }
+      return !found.isNull();
+    })) << tag;
+    return found;
+  }
+
+  template <typename T>
+  Settled<T> await(fn::Promise<T> promise) {
+    auto outcome = std::make_shared<Settled<T>>();
+    promise.then([outcome](T value) { outcome->value = std::move(value); },
+                 [outcome](std::exception_ptr error) { outcome->error = error; });
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return outcome->value || outcome->error; }));
+    return *outcome;
+  }
+
+  /// The result of `method` called on the current service of `copy`.
+  fn::Value call(fn::String const& copy, fn::String const& method, fn::Value argument = {}) {
+    auto found = await(worker->registry()->getInstance(serviceClass(copy)));
+    auto* service = found.value ? found.value->objectAs<ipc::CallableObjectReference>() : nullptr;
+    if (!service)
+      return fn::Value("no service: " + fn::describeException(found.error));
+    auto result = await(service->callMethod(method, argument));
+    return result.value ? *result.value : fn::Value(fn::describeException(result.error));
+  }
+
+  fn::uv::Loop& loop = fn::uv::Loop::defaultLoop();
+  fn::String directory;
+  std::unique_ptr<ipc::Dispatcher> hub;
+  fn::Handle hubConnections;
+  std::vector<fn::String> connectedTags;
+  TestDelegate delegate;
+  std::unique_ptr<ipc::Worker> worker;
+  fn::AutoPtr<ipc::MessageBus> bus;
+  std::vector<fn::Handle> subscriptions;
+  std::vector<fn::Value> connected, terminating;
+  std::list<Launchable> launchables;
+};
+
+}  // namespace
+
+TEST_F(ModuleLaunchTest, AnExternalModuleRunsInTheLoaderAndIsReportedWhenItEnds) {
+  LogCapture log;
+  fn::logging::CategoryManager::instance().setThreshold("ipc.moduleLoader", fn::logging::DBG);
+  auto& module = define(TEST_MODULE, false);
+  auto* external = dynamic_cast<ipc::DefaultExternalModule*>(module.definition.get());
+  ASSERT_NE(external, nullptr);
+  fn::String root = fn::PathManager::instance().applicationDirectory();
+  EXPECT_EQ(external->executablePath(), root + "/bin/Lumaren.ModuleLoader");
+
+  external->launch(*hub, "tag-1");
+  ASSERT_TRUE(external->processInfo());
+  auto launching = log.matching("About to launch module loader at " + external->executablePath());
+  ASSERT_EQ(launching.size(), 1u);
+  EXPECT_EQ(launching[0].category, "ipc.moduleLoader");
+  EXPECT_EQ(launching[0].priority, fn::logging::DBG);
+  // It said its tag in its HELLO, and had the bus by the time it was told it is connected.
+  fn::Value hello = awaitConnected("tag-1");
+  EXPECT_EQ(hello.get("pid"), fn::Value(external->processInfo()->pid));
+  EXPECT_EQ(hello.get("separateProcess"), fn::Value(true));
+  EXPECT_EQ(connectedTags.back(), "tag-1");
+  EXPECT_EQ(call(TEST_MODULE, "whoAmI").get("tag"), fn::Value("tag-1"));
+  EXPECT_EQ(call(TEST_MODULE, "echo", fn::Value::map({{"n", 7}})), fn::Value::map({{"n", 7}}));
+
+  // Killed through the definition: forgotten at once, so that it can launch again.
+  external->kill(true);
+  EXPECT_FALSE(external->processInfo());
+  external->launch(*hub, "tag-2");
+  EXPECT_EQ(awaitConnected("tag-2").get("pid"), fn::Value(external->processInfo()->pid));
+  EXPECT_EQ(call(TEST_MODULE, "whoAmI").get("tag"), fn::Value("tag-2"));
+
+  // Ended otherwise, by a signal or an exit of its own: reported, and the process forgotten.
+  ::kill(external->processInfo()->pid, SIGTERM);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return !module.exits.empty(); }));
+  EXPECT_FALSE(external->processInfo());
+  external->launch(*hub, "tag-3");
+  awaitConnected("tag-3");
+  worker->registry()->getInstance(serviceClass(TEST_MODULE)).then([](fn::Value service) {
+    service.objectAs<ipc::CallableObjectReference>()->callMethod("exit", 3);
+  });
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return module.exits.size() == 2; }));
+  // The first process, killed, was never reported.
+  EXPECT_EQ(module.exits, (std::vector<std::pair<long long, int>>{{0, SIGTERM}, {3, 0}}));
+  EXPECT_FALSE(external->processInfo());
+}
+
+TEST_F(ModuleLaunchTest, AModuleThatCannotBeLoadedFailsClearly) {
+  // Launched by the hub, it ends with that failure before it ever connects.
+  auto& external = define("Missing", false);
+  external.definition->launch(*hub, "missing");
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return !external.exits.empty(); }));
+  EXPECT_EQ(external.exits[0], std::make_pair(1LL, 0));
+  // In process, the launch itself fails, and may be tried again.
+  auto& inProcess = define("Missing", true);
+  EXPECT_THROW(inProcess.definition->launch(*hub, "m-2"), fn::SharedLibraryException);
+  EXPECT_THROW(inProcess.definition->launch(*hub, "m-3"), fn::SharedLibraryException);
+  EXPECT_EQ(ipc::Module::inProcessModuleCount(), 0u);
+}
+
+TEST_F(ModuleLaunchTest, InProcessModulesRunInTheHubAndCannotBeKilled) {
+  LogCapture log;
+  auto& first = define(TEST_MODULE_B, true);
+  first.definition->launch(*hub, "in-1");
+  // The entry point returned at once; the module connects on the hub's own loop.
+  EXPECT_EQ(ipc::Module::inProcessModuleCount(), 1u);
+  fn::Value hello = awaitConnected("in-1");
+  EXPECT_EQ(hello.get("pid"), fn::Value(::getpid()));
+  EXPECT_EQ(hello.get("separateProcess"), fn::Value(false));
+  EXPECT_EQ(call(TEST_MODULE_B, "whoAmI").get("tag"), fn::Value("in-1"));
+  ASSERT_TRUE(ipc::MessageBus::processBus());
+
+  first.definition->launch(*hub, "in-2");
+  first.definition->kill(true);
+  for (char const* text : {"Shared library for module TestModuleB has already been loaded",
+                           "Can't kill in-process module TestModuleB"}) {
+    auto lines = log.matching(text);
+    ASSERT_EQ(lines.size(), 1u) << text;
+    EXPECT_EQ(lines[0].category, "ipc.module");
+  }
+  EXPECT_EQ(ipc::Module::inProcessModuleCount(), 1u);
+  EXPECT_EQ(call(TEST_MODULE_B, "echo", "still here"), fn::Value("still here"));
+
+  // A second module of the process finds the bus there already.
+  define(TEST_MODULE, true).definition->launch(*hub, "in-3");
+  awaitConnected("in-3");
+  EXPECT_EQ(call(TEST_MODULE, "whoAmI").get("tag"), fn::Value("in-3"));
+
+  // Gone with their workers: their services leave the registry, the bus leaves the process.
+  ipc::Module::destroyInProcessModules();
+  EXPECT_EQ(ipc::Module::inProcessModuleCount(), 0u);
+  EXPECT_FALSE(ipc::MessageBus::processBus());
+  EXPECT_TRUE(runLoopUntil(loop, [&] {
+    return hub->registry()->entryCount(serviceClass(TEST_MODULE)) +
+               hub->registry()->entryCount(serviceClass(TEST_MODULE_B)) ==
+           0;
+  }));
+}
+
+TEST_F(ModuleLaunchTest, AnIdleModuleHidesItsServiceAndEnds) {
+  fn::Environment::set(variable(TEST_MODULE, "MODE").c_str(), "idle");
+  fn::Environment::set(variable(TEST_MODULE, "IDLE_MS").c_str(), "300");
+  auto& module = define(TEST_MODULE, false);
+  module.definition->launch(*hub, "idle-1");
+  awaitConnected("idle-1");
+
+  // Nobody uses its service, so it asks to end; by then its entry is hidden, not gone.
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return !terminating.empty(); }));
+  EXPECT_EQ(terminating[0].get("tag"), fn::Value("idle-1"));
+  EXPECT_EQ(hub->registry()->entryCount(serviceClass(TEST_MODULE)), 1u);
+  auto lookup = await(
+      worker->registry()->getInstance(serviceClass(TEST_MODULE), fn::Duration::milliseconds(200)));
+  EXPECT_NE(exceptionAs<fn::OperationTimedOutException>(lookup.error), nullptr);
+  EXPECT_TRUE(module.exits.empty());
+
+  bus->post(QUIT, "idle-1");
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return !module.exits.empty(); }));
+  EXPECT_EQ(module.exits[0], std::make_pair(0LL, 0));
+}
+
+TEST_F(ModuleLaunchTest, AModuleProcessEndsWithItsHub) {
+  auto& module = define(TEST_MODULE, false);
+  module.definition->launch(*hub, "ends");
+  awaitConnected("ends");
+  subscriptions.clear();
+  bus.reset();
+  bool lost = false;
+  fn::Handle watching =
+      worker->onDisconnected().connect([&](fn::uv::Status const&) { lost = true; });
+  hub.reset();
+  // Its worker lost the connection and the module stopped: a clean exit, no signal.
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return !module.exits.empty() && lost; }));
+  EXPECT_EQ(module.exits[0], std::make_pair(0LL, 0));
+}
+
+namespace {
+
+// A hub in a process of its own, for the test that kills it: launches the test module with the
+// tag "orphan" and writes the file argv[2] once the module connected.
+int runModuleHub(int argc, char** argv) {
+  if (argc < 3)
+    return 2;
+  ::signal(SIGPIPE, SIG_IGN);
+  fn::uv::Loop& loop = fn::uv::Loop::defaultLoop();
+  ipc::Dispatcher hub(loop, fn::Duration::seconds(30));
+  hub.bind();
+  hub.start();
+  registerServiceReferences(hub.worker());
+  std::unique_ptr<ipc::ModuleDefinition> definition(
+      ipc::ModuleDefinition::create(TEST_MODULE, ipc::MODULE_LOADER_NAME, false, false, false));
+  fn::String ready = argv[2];
+  fn::Handle connections =
+      hub.onWorkerConnected().connect([ready](ipc::Dispatcher::WorkerInfo const& info) {
+        if (info.tag == "orphan")
+          fn::File(ready).writeAll(fn::ByteArray(fn::String("connected")));
+      });
+  definition->launch(hub, "orphan");
+  loop.run();
+  return 0;
+}
+
+[[maybe_unused]] bool const hubRole = registerChildRole("--module-hub", &runModuleHub);
+
+}  // namespace
+
+TEST_F(ModuleLaunchTest, NoModuleProcessOutlivesAKilledHub) {
+  // Once running, once stopped: a stopped module cannot notice that its connection ended, so
+  // only the system's parent-death signal ends it.
+  for (bool stopped : {false, true}) {
+    SCOPED_TRACE(stopped ? "stopped module" : "running module");
+    fn::String ready = directory + "/ready-" + (stopped ? "1" : "0");
+    fn::String launches = directory + "/launches-" + (stopped ? "1" : "0");
+    fn::Environment::set(variable(TEST_MODULE, "LAUNCHES").c_str(), launches);
+    fn::uv::Process::Options options;
+    options.file = fn::uv::executablePath();
+    options.arguments = {"--module-hub", ready};
+    bool hubEnded = false;
+    auto hubProcess = fn::uv::Process::spawn(loop, options, [&](int64_t, int) { hubEnded = true; });
+    ASSERT_TRUE(pollUntil(
+        loop, [&] { return fn::File(ready).exists(); }, fn::Duration::seconds(10)));
+    int module = 0;
+    std::ifstream(launches) >> module;
+    ASSERT_GT(module, 0);
+    ASSERT_FALSE(processEnded(module));
+    if (stopped) {
+      ASSERT_EQ(::kill(module, SIGSTOP), 0);
+    }
+
+    hubProcess->kill(SIGKILL);
+    ASSERT_TRUE(runLoopUntil(loop, [&] { return hubEnded; }));
+    EXPECT_TRUE(pollUntil(
+        loop, [&] { return processEnded(module); }, fn::Duration::seconds(2)));
+    if (!processEnded(module))
+      ::kill(module, SIGKILL);
+  }
+}

@@ -1,0 +1,86 @@
+#pragma once
+
+// The module library of the end-to-end tests of modules, and how tests steer it.
+//
+// One source, built twice: modules/TestModule.so and modules/TestModuleB.so in the build
+// tree, where ipc::ModuleDefinition::pathForSharedLibrary() finds them. Either copy runs in a
+// process of its own (through Lumaren.ModuleLoader) or inside the hub (ipc::InProcessModule).
+// Each copy reads its own environment variables, so one test can give two modules different
+// behaviours; a test sets them before the hub launches the module (a module process inherits
+// them, an in-process module reads the hub's).
+//
+//   copy          display name     variables prefix          service class
+//   TestModule    "Test Module"    LUMAREN_TEST_MODULE_      "TestModuleService"
+//   TestModuleB   "Test Module B"  LUMAREN_TEST_MODULE_B_    "TestModuleBService"
+//
+// <prefix>MODE: what the module does, "normal" when unset. A comma-separated list gives one
+// mode per launch, counted through <prefix>LAUNCHES; the last one repeats.
+//   normal               connects, posts CONNECTED on the bus, registers its service.
+//   never-connect        in a process: sleeps without connecting, until killed (or its hub
+//                        dies). In the hub: connects under a tag nobody launched
+//                        ("<tag>-unmanaged"), so a manager never sees its module connect.
+//   crash-before-connect in a process: aborts before connecting (signal 6).
+//   crash-after-connect  in a process: posts CONNECTED and aborts once the hub relayed it
+//                        (so the test hears it); registers no service.
+//   hang-after-connect   in a process: the same, but instead of aborting it blocks its loop
+//                        for good: it answers no call and no PING, so the hub reports it not
+//                        responding.
+//   idle                 normal, and terminates when idle (separate process only): after
+//                        <prefix>IDLE_MS milliseconds (default 500) without traffic the worker
+//                        hides its registry entries; the module then posts TERMINATING and ends
+//                        (exit status 0) once a test posts QUIT with its tag.
+// Crashes and hangs happen only in a module process; inside the hub those modes are normal.
+//
+// <prefix>LAUNCHES: a file to which every launch appends "<pid> <mode>\n" before it does
+// anything else (the pid is the hub's for an in-process module). Its line count is the launch
+// number that picks the mode.
+//
+// The service ("<copy>Service" in the registry, priority 0) answers these methods:
+//   "whoAmI"  {"module": copy name, "tag", "pid", "separateProcess", "mode"}
+//   "echo"    its argument
+//   "exit"    ends the process at once with the given status (no answer); in the hub it fails
+//   "crash"   aborts the process (no answer); in the hub it fails
+//
+// Bus messages (namespaces below), each with {"module", "tag", "pid", "separateProcess",
+// "mode"}: CONNECTED from onConnected(), so hearing it proves the bus was there by then;
+// TERMINATING when an idle module asks to end.
+
+#include "core/ipc/callable_object.h"
+#include "core/ipc/worker.h"
+
+namespace test_modules {
+
+inline constexpr char const* TEST_MODULE = "TestModule";
+inline constexpr char const* TEST_MODULE_B = "TestModuleB";
+
+inline constexpr char const* CONNECTED = "test.module.connected";
+inline constexpr char const* TERMINATING = "test.module.terminating";
+/// Body: the tag of the idle module that may end now.
+inline constexpr char const* QUIT = "test.module.quit";
+
+/// The environment variable `suffix` ("MODE", "LAUNCHES", "IDLE_MS") of a copy.
+inline fn::String variable(fn::String const& copy, char const* suffix) {
+  return fn::String(copy == TEST_MODULE ? "LUMAREN_TEST_MODULE_" : "LUMAREN_TEST_MODULE_B_") +
+         suffix;
+}
+
+inline fn::String serviceClass(fn::String const& copy) {
+  return copy + "Service";
+}
+
+/// The reference class of a copy's service, so that it arrives as itself.
+template <bool B>
+class ServiceReference : public ipc::CallableObjectReference {
+public:
+  explicit ServiceReference(ipc::ObjectReferenceInitializer& initializer)
+      : ipc::CallableObjectReference(initializer) {}
+  fn::String className() const override { return serviceClass(B ? TEST_MODULE_B : TEST_MODULE); }
+};
+
+/// Lets `worker` hold both services without complaint.
+inline void registerServiceReferences(ipc::Worker& worker) {
+  worker.registerObjectReferenceClass<ServiceReference<false>>();
+  worker.registerObjectReferenceClass<ServiceReference<true>>();
+}
+
+}  // namespace test_modules

@@ -1,0 +1,16 @@
+#pragma once
+
+// More roles for the test executable when it runs itself again, besides "--peer" and
+// "--module": a suite registers a flag and the role's main from a static initializer
+// (`static bool registered = registerChildRole("--my-role", &myRoleMain);`), and the test
+// executable started with that flag as its first argument runs the role instead of the tests.
+
+namespace testing_support {
+
+using ChildMain = int (*)(int argc, char** argv);
+
+bool registerChildRole(char const* flag, ChildMain main);
+/// The role registered for `flag`, or null.
+ChildMain childRole(char const* flag);
+
+}  // namespace testing_support
