@@ -55,4 +55,10 @@ ByteArray ByteArray::fromBase64(std::string_view text) {
   return decoded;
 }
 
+ByteArray ByteArray::SHA256() const {
+  ByteArray digest(crypto_hash_sha256_BYTES);
+  crypto_hash_sha256(digest.data(), data(), size());
+  return digest;
+}
+
 }  // namespace fn

@@ -41,6 +41,9 @@ public:
   /// Decodes standard Base64, ignoring blanks and line breaks anywhere in `text`;
   /// DataFormatException for anything else that is not Base64.
   static ByteArray fromBase64(std::string_view text);
+
+  /// The 32-byte SHA-256 digest of the bytes.
+  ByteArray SHA256() const;
 };
 
 }  // namespace fn

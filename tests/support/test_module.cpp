@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "core/fraction.h"
+#include "core/inspector_registry.h"
 #include "core/ipc/message_bus.h"
 #include "core/ipc/registry.h"
 #include "core/ipc/worker.h"
@@ -168,6 +169,46 @@ private:
   std::set<ipc::ObjectId> _children;
 };
 
+// What an "inspector=" module shows: its name at the top, a view that leads back to where the
+// caller came from, a redirect to that view, and a view answered later.
+class ModuleInspector : public core::Inspector {
+public:
+  ModuleInspector(fn::String name, fn::RunLoop& loop) : _name(std::move(name)), _loop(loop) {}
+
+  core::InspectionResult inspect(fn::Value const& action, fn::Value const& refererAction) override {
+    core::InspectionResult result;
+    core::InspectionResultWriter writer(result);
+    if (action.isNull())
+      writer.append("module " + _name)
+          .append("details", "details")
+          .append("elsewhere", "elsewhere");
+    else if (action == fn::Value("details"))
+      writer.append("back", refererAction);
+    else if (action == fn::Value("elsewhere"))
+      result = core::InspectionResult::redirectTo("details");
+    return result;
+  }
+
+  void inspect(fn::Value const& action,
+               fn::Value const& refererAction,
+               CallContext const& context) override {
+    if (action != fn::Value("later")) {
+      core::Inspector::inspect(action, refererAction, context);
+      return;
+    }
+    fn::AutoPtr<ModuleInspector> self(this);
+    _loop.post([self, context] {
+      core::InspectionResult result;
+      core::InspectionResultWriter(result).append("answered later");
+      self->sendResult(context, result);
+    });
+  }
+
+private:
+  fn::String _name;
+  fn::RunLoop& _loop;
+};
+
 class ModuleDelegate : public ipc::Worker::Delegate {
 public:
   std::function<void()> connected;
@@ -185,8 +226,11 @@ struct ModuleRoles {
   int64_t idleMilliseconds = 0;
   bool bus = false;
   bool sticky = false;
+  std::vector<fn::String> inspectors;
 
-  bool any() const { return registerPriority || idleMilliseconds > 0 || usesBus(); }
+  bool any() const {
+    return registerPriority || idleMilliseconds > 0 || usesBus() || !inspectors.empty();
+  }
   bool usesBus() const { return bus || sticky || idleMilliseconds > 0; }
 
   static ModuleRoles parse(int argc, char** argv) {
@@ -201,6 +245,8 @@ struct ModuleRoles {
         roles.bus = true;
       else if (role == "sticky")
         roles.sticky = true;
+      else if (role.starts_with("inspector="))
+        roles.inspectors.emplace_back(role.substr(10));
     }
     return roles;
   }
@@ -247,6 +293,7 @@ int runTestModule(int argc, char** argv) {
   fn::Handle lost =
       worker.onDisconnected().connect([&loop](fn::uv::Status const&) { loop.stop(); });
   fn::AutoPtr<ipc::MessageBus> bus;
+  fn::AutoPtr<core::InspectorRegistry> inspectorRegistry;
   std::vector<fn::Handle> subscriptions;
   int heard = 0;
   delegate.terminationRequested = [&] {
@@ -262,6 +309,14 @@ int runTestModule(int argc, char** argv) {
     }
     if (roles.registerPriority)
       worker.registry()->registerObject(service, *roles.registerPriority);
+    if (!roles.inspectors.empty()) {
+      core::InspectorRegistry::lookup(worker).then([&](fn::AutoPtr<core::InspectorRegistry> found) {
+        inspectorRegistry = found;
+        for (auto const& inspector : roles.inspectors)
+          inspectorRegistry->registerInspector(
+              inspector, fn::AutoPtr<core::Inspector>(new ModuleInspector(inspector, loop)));
+      });
+    }
     if (!roles.usesBus())
       return;
     ipc::MessageBus::lookup(worker).then([&](fn::AutoPtr<ipc::MessageBus> found) {

@@ -68,8 +68,9 @@ public:
   /// "idle=<milliseconds>" enables idle termination with that idle time and posts
   /// "test.terminating" (the module's name) on the bus when it asks to terminate; "bus"
   /// answers each "test.ping" with "test.pong"; "sticky" fetches the sticky messages, then
-  /// listens to "test.config" and reports each delivery as "test.heard". Modules with a bus
-  /// role post "test.ready" once set up. Without roles the module announces itself on object 0.
+  /// listens to "test.config" and reports each delivery as "test.heard"; "inspector=<name>"
+  /// registers an inspector under that name (repeatable). Modules with a bus role post
+  /// "test.ready" once set up. Without roles the module announces itself on object 0.
   static std::unique_ptr<ModuleProcess> start(fn::uv::Loop& loop,
                                               fn::String const& name,
                                               fn::String const& pipePath,

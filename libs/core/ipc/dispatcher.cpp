@@ -1,5 +1,6 @@
 #include "core/ipc/dispatcher.h"
 
+#include "core/inspector_registry.h"
 #include "core/ipc/message_bus.h"
 #include "core/ipc/payload.h"
 #include "core/ipc/pipe_path.h"
@@ -70,6 +71,7 @@ Dispatcher::~Dispatcher() {
   // Nobody is left to release the uses counted on the registry, the bus and what else the
   // hub's worker handed out; giving them up lets those objects go with the worker.
   _worker.objects().dropRemoteUses();
+  _inspectorRegistry.reset();
   _messageBus.reset();
   _registry.reset();
   _worker.stop();
@@ -367,6 +369,7 @@ void Dispatcher::workerDidConnect(Worker& worker) {
     throw fn::NullPointerException("The registry's reference is not a Registry");
   _messageBus = fn::AutoPtr<MessageBusImpl>(new MessageBusImpl(worker));
   registry->registerObject(_messageBus);
+  _inspectorRegistry = core::registerInspectorRegistry(worker);
 }
 
 bool Dispatcher::wantsIdleTermination(Worker&) {

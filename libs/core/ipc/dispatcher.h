@@ -7,7 +7,8 @@
 // same user), assigns worker ids, routes object messages, keeps the usage accounting that tells
 // owners when nobody uses their objects any more, pings every worker and tells everybody when
 // one goes away. Its own worker ("DispatcherWorker") connects like any other and becomes
-// worker 0; once connected it hosts the registry (object 0) and the message bus.
+// worker 0; once connected it hosts the registry (object 0), the message bus and the inspector
+// registry.
 //
 // Signals fire on the loop thread: onWorkerConnected after a HELLO, onWorkerNotResponding once
 // per PING left unanswered for the whole time-out, onWorkerDisconnected after a connection
@@ -26,6 +27,10 @@
 #include "foundation/signal.h"
 #include "foundation/uv/loop.h"
 #include "foundation/uv/pipe_stream.h"
+
+namespace core {
+class InspectorRegistryImpl;
+}
 
 namespace ipc {
 
@@ -62,9 +67,13 @@ public:
   fn::uv::Loop& loop() { return _loop; }
   fn::AutoPtr<fn::uv::PipeStream> const& pipeStream() const { return _pipeStream; }
   Worker& worker() { return _worker; }
-  /// The registry and the message bus the hub's worker hosts; null until it connected.
+  /// The registry, the message bus and the inspector registry the hub's worker hosts; null
+  /// until it connected.
   fn::AutoPtr<RegistryImpl> const& registry() const { return _registry; }
   fn::AutoPtr<MessageBusImpl> const& messageBus() const { return _messageBus; }
+  fn::AutoPtr<core::InspectorRegistryImpl> const& inspectorRegistry() const {
+    return _inspectorRegistry;
+  }
 
   fn::Signal<WorkerInfo const&>& onWorkerConnected() { return _onWorkerConnected; }
   fn::Signal<WorkerInfo const&>& onWorkerNotResponding() { return _onWorkerNotResponding; }
@@ -114,6 +123,7 @@ private:
   Worker _worker;
   fn::AutoPtr<RegistryImpl> _registry;
   fn::AutoPtr<MessageBusImpl> _messageBus;
+  fn::AutoPtr<core::InspectorRegistryImpl> _inspectorRegistry;
   fn::Signal<WorkerInfo const&> _onWorkerConnected;
   fn::Signal<WorkerInfo const&> _onWorkerNotResponding;
   fn::Signal<WorkerInfo const&> _onWorkerDisconnected;
