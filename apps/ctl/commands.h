@@ -13,5 +13,7 @@ int runLookup(Session& session, Options const& options);
 int runCall(Session& session, Options const& options);
 int runPost(Session& session, Options const& options);
 int runWatch(Session& session, Options const& options);
+int runInspectors(Session& session, Options const& options);
+int runInspect(Session& session, Options const& options);
 
 }  // namespace ctl

@@ -27,6 +27,8 @@ int runCommand(ctl::Session& session, ctl::Options const& options) {
       {"call", ctl::runCall},
       {"post", ctl::runPost},
       {"watch", ctl::runWatch},
+      {"inspectors", ctl::runInspectors},
+      {"inspect", ctl::runInspect},
   };
   for (auto const& entry : RUNNERS) {
     if (entry.name == options.command)

@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <csignal>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "captured_process.h"
 #include "core/app_info.h"
+#include "core/inspector_registry.h"
 #include "core/ipc/dispatcher.h"
 #include "core/ipc/message_bus.h"
 #include "core/ipc/registry.h"
@@ -20,6 +23,30 @@ using namespace testing_support;
 using Json = nlohmann::json;
 
 namespace {
+
+// An inspector of the test's own process: numbered steps, each pointing back to the view the
+// caller came from, a detour that redirects to step 1 and a circle that redirects forever.
+class TrailInspector : public core::Inspector {
+public:
+  core::InspectionResult inspect(fn::Value const& action, fn::Value const& refererAction) override {
+    core::InspectionResult result;
+    core::InspectionResultWriter writer(result);
+    if (action.isNull()) {
+      writer.append("go", fn::Value::map({{"step", 1}})).append("circle", "circle");
+    } else if (action == fn::Value("circle")) {
+      result = core::InspectionResult::redirectTo("circle");
+    } else if (action == fn::Value("detour")) {
+      result = core::InspectionResult::redirectTo(fn::Value::map({{"step", 1}}));
+    } else {
+      int64_t step = action.get("step").asInt();
+      writer.append(fmt::format("step {}", step))
+          .append("back", refererAction)
+          .append("next", fn::Value::map({{"step", step + 1}}))
+          .append("detour", "detour");
+    }
+    return result;
+  }
+};
 
 struct CtlRun {
   int64_t status;
@@ -50,13 +77,17 @@ protected:
         runLoopUntil(loop, [this] { return hub->registry()->entryCount("TestService") == 1; }));
   }
 
+  static fn::String ctlPath() {
+    fn::String self = fn::uv::executablePath();
+    return self.substr(0, self.rfind('/') + 1) + "lumaren-ctl";
+  }
+
   /// The tool with `arguments`, told the hub's pipe unless `pipe` is false.
   std::unique_ptr<CapturedProcess> startCtl(std::vector<fn::String> arguments,
                                             bool pipe = true,
                                             std::vector<fn::String> environment = {}) {
     CapturedProcess::Options options;
-    options.file = fn::String(fn::uv::executablePath());
-    options.file = options.file.substr(0, options.file.rfind('/') + 1) + "lumaren-ctl";
+    options.file = ctlPath();
     if (pipe)
       arguments.insert(arguments.begin(), {"--pipe", hub->pipePath()});
     options.arguments = std::move(arguments);
@@ -186,6 +217,7 @@ TEST_F(CtlTest, FindsTheHubOrSaysWhyNot) {
             0);
   fn::String runtime = fn::String(::testing::TempDir()) + "ctl-runtime";
   ::mkdir(runtime.c_str(), 0700);
+  fn::File(runtime + "/lumaren/hub.pipe").remove();
   auto noFile = ctl({"lookup", "ipc::MessageBus"}, false, {"XDG_RUNTIME_DIR=" + runtime});
   EXPECT_EQ(noFile.status, 4);
   EXPECT_TRUE(noFile.err.startsWith("lumaren-ctl: cannot find the hub: there is no pipe file " +
@@ -231,4 +263,67 @@ TEST_F(CtlTest, PostedStickyMessageIsWatchedLaterAndLiveOnesFollow) {
   ASSERT_TRUE(runLoopUntil(loop, [&] { return untilStopped->out().size() > once.out.size(); }));
   untilStopped->kill(SIGINT);
   EXPECT_EQ(untilStopped->waitForExit(), 0) << untilStopped->err();
+}
+
+TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
+  service = ModuleProcess::start(loop, "svc", hub->pipePath(), {"inspector=tuner"});
+  fn::AutoPtr<core::InspectorRegistry> registry;
+  core::InspectorRegistry::lookup(hub->worker()).then([&](auto found) { registry = found; });
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return registry.get() != nullptr; }));
+  std::optional<unsigned> id;
+  registry->registerInspector("trail", fn::AutoPtr<core::Inspector>(new TrailInspector))
+      .then([&](unsigned registered) { id = registered; });
+  ASSERT_TRUE(
+      runLoopUntil(loop, [&] { return id && hub->inspectorRegistry()->inspectorCount() == 2; }));
+  fn::String trail = registry->keyOf(*id);
+  fn::String tuner = fn::ByteArray(fn::String("tuner")).SHA256().base64();
+
+  auto listed = ctl({"inspectors"});
+  EXPECT_EQ(listed.status, 0) << listed.err;
+  std::set<fn::String> lines;
+  for (auto const& line : listed.out.trim().split("\n"))
+    lines.insert(line);
+  EXPECT_EQ(lines, (std::set<fn::String>{trail + "  trail", tuner + "  tuner"}));
+
+  auto other = ctl({"inspect", tuner});
+  EXPECT_EQ(other.status, 0) << other.err;
+  EXPECT_EQ(other.out,
+            "# null\n1. module tuner\n2. details -> \"details\"\n3. elsewhere -> "
+            "\"elsewhere\"\n");
+
+  // Each step is asked with the action of the view it was followed from; a redirect keeps
+  // that referring action.
+  auto followed = ctl({"inspect", trail, "--follow", "1", "--follow", "3", "--follow", "4"});
+  EXPECT_EQ(followed.status, 0) << followed.err;
+  EXPECT_EQ(followed.out,
+            "# null\n1. go -> {\"step\":1}\n2. circle -> \"circle\"\n"
+            "# {\"step\":1}\n1. step 1\n2. back\n3. next -> {\"step\":2}\n4. detour -> \"detour\"\n"
+            "# {\"step\":2}\n1. step 2\n2. back -> {\"step\":1}\n3. next -> {\"step\":3}\n"
+            "4. detour -> \"detour\"\n"
+            "# {\"step\":1}\n1. step 1\n2. back -> {\"step\":2}\n3. next -> {\"step\":2}\n"
+            "4. detour -> \"detour\"\n");
+
+  CapturedProcess::Options interactive;
+  interactive.file = ctlPath();
+  interactive.arguments = {"--pipe", hub->pipePath(), "inspect", trail, "-i"};
+  interactive.input = "1\n9\n2\nx\n3\n\n1\n";
+  auto browsing = CapturedProcess::start(loop, interactive);
+  EXPECT_EQ(browsing->waitForExit(), 0) << browsing->err();
+  EXPECT_EQ(std::ranges::count(browsing->out(), '#'), 3) << browsing->out();
+  EXPECT_TRUE(
+      browsing->out().endsWith("# {\"step\":2}\n1. step 2\n2. back -> {\"step\":1}\n"
+                               "3. next -> {\"step\":3}\n4. detour -> \"detour\"\n"))
+      << browsing->out();
+  EXPECT_EQ(browsing->err(),
+            "lumaren-ctl: no item 9 in this view of 4 items\n"
+            "lumaren-ctl: item 2 leads nowhere\n"
+            "lumaren-ctl: \"x\" is not an item number\n");
+
+  auto unknown = ctl({"inspect", "no-such-key"});
+  EXPECT_EQ(unknown.status, 6);
+  EXPECT_EQ(unknown.err, "lumaren-ctl: no inspector with key no-such-key\n");
+  auto circling = ctl({"inspect", trail, "\"circle\""});
+  EXPECT_EQ(circling.status, 1);
+  EXPECT_EQ(circling.err,
+            "lumaren-ctl: the inspector " + trail + " redirected more than 16 times in a row\n");
 }
