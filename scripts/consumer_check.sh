@@ -14,11 +14,14 @@ prefix=$work/prefix
 bash scripts/build.sh "$dir"
 cmake --install "$dir" --prefix "$prefix" >/dev/null
 
-echo "-- installed hub"
-# The hub must find the installed libraries through its RPATH, not the build tree.
-if ldd "$prefix/bin/lumaren-hub" | grep -E 'not found|'"$PWD/$dir"; then
-  echo "lumaren-hub does not resolve its libraries from $prefix"; exit 1
-fi
+echo "-- installed programs"
+# The programs must find the installed libraries through their RPATH, not the build tree.
+for program in lumaren-hub lumaren-ctl; do
+  if ldd "$prefix/bin/$program" | grep -E 'not found|'"$PWD/$dir"; then
+    echo "$program does not resolve its libraries from $prefix"; exit 1
+  fi
+done
+"$prefix/bin/lumaren-ctl" --help >/dev/null
 
 echo "-- every installed header on its own usage requirements"
 if grep -rnE '#include\s*[<"](sodium|nlohmann)' "$prefix/include"; then
