@@ -1,5 +1,5 @@
-# Install rules: headers, the two libraries, the hub and a CMake package, so that a host
-# project writes find_package(LumarenCore) and links Lumaren::core.
+# Install rules: headers, the two libraries, the hub, lumaren-ctl and a CMake package, so that
+# a host project writes find_package(LumarenCore) and links Lumaren::core.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -10,7 +10,7 @@ set(LUMAREN_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/LumarenCore)
 # "../lib", because LIBDIR is lib/<multiarch> when the prefix is /usr.
 file(RELATIVE_PATH _lumaren_bin_to_lib
   ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-set_target_properties(lumaren-hub module-loader
+set_target_properties(lumaren-hub lumaren-ctl module-loader
   PROPERTIES INSTALL_RPATH "$ORIGIN/${_lumaren_bin_to_lib}")
 # core needs fn, which sits next to it.
 set_target_properties(fn core PROPERTIES INSTALL_RPATH "$ORIGIN")
@@ -21,7 +21,7 @@ install(TARGETS fn core
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # The loader sits beside the hub: module definitions find it in the hub's own bin directory.
-install(TARGETS lumaren-hub module-loader RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS lumaren-hub lumaren-ctl module-loader RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 # Every header under the two library folders, found when installing rather than listed, so
 # that a header added to either library installs without touching this file. The include

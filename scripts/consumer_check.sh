@@ -14,13 +14,14 @@ prefix=$work/prefix
 bash scripts/build.sh "$dir"
 cmake --install "$dir" --prefix "$prefix" >/dev/null
 
-echo "-- installed hub and module loader"
-# Both must find the installed libraries through their RPATH, not the build tree.
-for program in lumaren-hub Lumaren.ModuleLoader; do
+echo "-- installed programs"
+# The programs must find the installed libraries through their RPATH, not the build tree.
+for program in lumaren-hub lumaren-ctl Lumaren.ModuleLoader; do
   if ldd "$prefix/bin/$program" | grep -E 'not found|'"$PWD/$dir"; then
     echo "$program does not resolve its libraries from $prefix"; exit 1
   fi
 done
+"$prefix/bin/lumaren-ctl" --help >/dev/null
 
 echo "-- every installed header on its own usage requirements"
 if grep -rnE '#include\s*[<"](sodium|nlohmann)' "$prefix/include"; then

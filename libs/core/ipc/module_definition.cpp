@@ -68,7 +68,7 @@ void ExternalModule::launch(Dispatcher& dispatcher, fn::String const& tag) {
   fn::uv::Process::Options options;
   options.file = _executablePath;
   options.arguments = arguments(dispatcher, tag);
-  options.inheritInput = true;
+  options.standardInput = 0;
   options.inheritOutput = true;
   std::weak_ptr<ExternalModule*> alive = _lifetime;
   auto spawned = std::make_shared<fn::uv::Process*>(nullptr);

@@ -13,4 +13,8 @@ CORE_EXPORT fn::String makePipePath();
 /// The private per-user directory that holds the user's pipes and locks.
 CORE_EXPORT fn::String runtimeDirectory();
 
+/// Where a hub started for this user writes its pipe path, so that tools find the hub without
+/// being told: "hub.pipe" inside the runtime directory.
+CORE_EXPORT fn::String defaultPipeFile();
+
 }  // namespace ipc

@@ -44,4 +44,8 @@ fn::String makePipePath() {
   return path;
 }
 
+fn::String defaultPipeFile() {
+  return runtimeDirectory() + "/hub.pipe";
+}
+
 }  // namespace ipc

@@ -24,11 +24,15 @@ AutoPtr<Process> Process::spawn(Loop& loop, Options const& options, ExitCallback
   env.push_back(nullptr);
 
   std::vector<uv_stdio_container_t> stdio(3 + options.extraDescriptors.size());
-  stdio[0].flags = options.inheritInput ? UV_INHERIT_FD : UV_IGNORE;
-  stdio[0].data.fd = 0;
-  for (int i = 1; i < 3; ++i) {
-    stdio[i].flags = options.inheritOutput ? UV_INHERIT_FD : UV_IGNORE;
-    stdio[i].data.fd = i;
+  int const given[3] = {options.standardInput, options.standardOutput, options.standardError};
+  for (int i = 0; i < 3; ++i) {
+    if (given[i] >= 0) {
+      stdio[i].flags = UV_INHERIT_FD;
+      stdio[i].data.fd = given[i];
+    } else {
+      stdio[i].flags = i > 0 && options.inheritOutput ? UV_INHERIT_FD : UV_IGNORE;
+      stdio[i].data.fd = i;
+    }
   }
   for (size_t i = 0; i < options.extraDescriptors.size(); ++i) {
     stdio[3 + i].flags = UV_INHERIT_FD;

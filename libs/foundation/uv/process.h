@@ -27,8 +27,11 @@ public:
     std::vector<String> environment;
     /// Inherit standard output and error (the default) or discard them.
     bool inheritOutput = true;
-    /// Inherit standard input, or give the child none (the default).
-    bool inheritInput = false;
+    /// Descriptors of this process that become the child's standard input, output and error
+    /// instead (-1: no input, and output and error as inheritOutput says).
+    int standardInput = -1;
+    int standardOutput = -1;
+    int standardError = -1;
     /// Descriptors of this process that the child gets as 3, 4, ...
     std::vector<int> extraDescriptors;
   };

@@ -1,0 +1,19 @@
+#pragma once
+
+// The commands of lumaren-ctl. Each reads its arguments first, so that bad input fails before
+// any connection, then joins the hub through the session, does its work and returns the exit
+// status; failures it cannot answer itself are thrown as Failure.
+
+#include "options.h"
+#include "session.h"
+
+namespace ctl {
+
+int runLookup(Session& session, Options const& options);
+int runCall(Session& session, Options const& options);
+int runPost(Session& session, Options const& options);
+int runWatch(Session& session, Options const& options);
+int runInspectors(Session& session, Options const& options);
+int runInspect(Session& session, Options const& options);
+
+}  // namespace ctl

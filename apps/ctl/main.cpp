@@ -1,0 +1,85 @@
+// lumaren-ctl: a command-line client for people working on a running hub. It joins the hub as
+// a worker, does one command and leaves. See USAGE in options.cpp and docs/lumaren-ctl.md.
+
+#include <uv.h>
+
+#include <csignal>
+#include <cstdio>
+
+#include "commands.h"
+#include "failure.h"
+#include "foundation/environment.h"
+#include "foundation/logging/category.h"
+#include "options.h"
+#include "output.h"
+#include "session.h"
+
+namespace {
+
+int runCommand(ctl::Session& session, ctl::Options const& options) {
+  using Runner = int (*)(ctl::Session&, ctl::Options const&);
+  struct Entry {
+    std::string_view name;
+    Runner run;
+  };
+  static constexpr Entry RUNNERS[] = {
+      {"lookup", ctl::runLookup},
+      {"call", ctl::runCall},
+      {"post", ctl::runPost},
+      {"watch", ctl::runWatch},
+      {"inspectors", ctl::runInspectors},
+      {"inspect", ctl::runInspect},
+  };
+  for (auto const& entry : RUNNERS) {
+    if (entry.name == options.command)
+      return entry.run(session, options);
+  }
+  throw ctl::Failure(ctl::EXIT_USAGE, "unknown command \"" + options.command + "\"");
+}
+
+void reportFailure(ctl::Failure const& failure) {
+  ctl::printLine(stderr, "lumaren-ctl: " + fn::String(failure.what()));
+}
+
+/// Lets the closes of the worker's handles complete before the loop goes.
+void drain(fn::uv::Loop& loop) {
+  for (int i = 0; i < 16 && uv_loop_alive(loop.raw()); ++i)
+    uv_run(loop.raw(), UV_RUN_NOWAIT);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // A hub that vanished mid-write must show up as a lost connection, not kill the tool.
+  std::signal(SIGPIPE, SIG_IGN);
+  ctl::Options options;
+  try {
+    options = ctl::parseOptions(argc, argv);
+  } catch (ctl::Failure const& failure) {
+    reportFailure(failure);
+    return failure.code();
+  }
+  if (options.help) {
+    std::fputs(ctl::USAGE, stdout);
+    return ctl::EXIT_OK;
+  }
+  // The framework's log lines would bury the one line a user needs; LUMAREN_LOG brings
+  // them back for debugging.
+  if (!fn::Environment::has("LUMAREN_LOG"))
+    fn::logging::CategoryManager::instance().setThreshold("*", 0);
+
+  fn::uv::Loop loop;
+  int status = ctl::EXIT_OK;
+  try {
+    ctl::Session session(loop, ctl::resolvePipePath(options), options.timeout);
+    status = runCommand(session, options);
+  } catch (ctl::Failure const& failure) {
+    reportFailure(failure);
+    status = failure.code();
+  } catch (fn::Exception const& e) {
+    ctl::printLine(stderr, "lumaren-ctl: " + e.toString());
+    status = ctl::EXIT_CALL_FAILED;
+  }
+  drain(loop);
+  return status;
+}

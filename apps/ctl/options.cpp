@@ -1,0 +1,193 @@
+#include "options.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <string_view>
+
+#include "core/ipc/pipe_path.h"
+#include "failure.h"
+#include "foundation/environment.h"
+#include "foundation/exception.h"
+#include "foundation/file.h"
+
+namespace ctl {
+
+char const* const USAGE = R"(usage: lumaren-ctl [OPTIONS] COMMAND [ARGUMENTS]
+
+Works with a running lumaren hub: finds services, calls their methods, posts and watches bus
+messages and browses inspectors. Values are read and printed as JSON.
+
+Commands:
+  lookup CLASS                 print the registered instance of CLASS
+  call CLASS METHOD [JSON]     call METHOD of the instance of CLASS with the argument JSON
+                               (null when left out) and print the result
+  post NAMESPACE [JSON] [--sticky]
+                               post a bus message and wait until the hub relayed it
+  watch NAMESPACE [--count N]  print the messages of NAMESPACE, the kept sticky one first,
+                               one JSON line each, until N messages or Ctrl-C
+  inspectors                   list the registered inspectors: key and name
+  inspect KEY [ACTION_JSON] [--follow N]... [-i]
+                               show what the inspector KEY answers to ACTION_JSON; --follow
+                               takes the action of item N, -i reads item numbers from stdin
+
+Options:
+  --pipe PATH         the hub's pipe
+  --pipe-file FILE    a file holding the hub's pipe path (lumaren-hub --pipe-file)
+                      Without either: $LUMAREN_PIPE, else the file the hub writes by default.
+  --timeout SECONDS   limit for connecting, each lookup and each call (default 5)
+  -h, --help          this text
+
+Exit status: 0 done, 1 the call failed (its error on stderr as JSON), 2 usage, 3 bad JSON
+argument, 4 no hub, 5 the hub went away, 6 no such class or inspector, 7 no answer in time.
+)";
+
+namespace {
+
+struct Command {
+  std::string_view name;
+  size_t minArguments;
+  size_t maxArguments;
+};
+
+constexpr Command COMMANDS[] = {
+    {"lookup", 1, 1}, {"call", 2, 3},       {"post", 1, 2},
+    {"watch", 1, 1},  {"inspectors", 0, 0}, {"inspect", 1, 2},
+};
+
+[[noreturn]] void usageError(fn::String const& problem) {
+  throw Failure(EXIT_USAGE, problem + " (see lumaren-ctl --help)");
+}
+
+double parseSeconds(std::string_view option, fn::String const& text) {
+  char* end = nullptr;
+  errno = 0;
+  double seconds = std::strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || errno != 0 || !std::isfinite(seconds) || seconds <= 0 ||
+      seconds > 1e6)
+    usageError(fmt::format("{} wants a positive number of seconds, not \"{}\"", option, text));
+  return seconds;
+}
+
+uint64_t parseCount(std::string_view option, fn::String const& text, uint64_t minimum) {
+  auto number = text.toInt();
+  if (!number || *number < static_cast<int64_t>(minimum))
+    usageError(
+        fmt::format("{} wants a whole number of at least {}, not \"{}\"", option, minimum, text));
+  return static_cast<uint64_t>(*number);
+}
+
+/// Options come before or after the command's arguments; "--" ends them. A lone "-" and
+/// negative numbers are arguments (JSON may be "-1").
+bool looksLikeOption(std::string_view arg) {
+  return arg.size() > 1 && arg[0] == '-' && !(arg[1] >= '0' && arg[1] <= '9');
+}
+
+void checkApplies(Options const& options) {
+  auto only = [&](bool given, char const* option, std::string_view command) {
+    if (given && options.command != command)
+      usageError(fmt::format("{} goes with {} only", option, command));
+  };
+  only(options.sticky, "--sticky", "post");
+  only(options.count.has_value(), "--count", "watch");
+  only(!options.follow.empty(), "--follow", "inspect");
+  only(options.interactive, "--interactive", "inspect");
+}
+
+}  // namespace
+
+Options parseOptions(int argc, char const* const* argv) {
+  Options options;
+  std::vector<fn::String> positional;
+  bool optionsEnded = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string_view arg = argv[i];
+    if (optionsEnded || !looksLikeOption(arg)) {
+      positional.emplace_back(arg);
+      continue;
+    }
+    auto value = [&]() -> fn::String {
+      if (i + 1 >= argc)
+        usageError(fmt::format("{} wants a value", arg));
+      return argv[++i];
+    };
+    if (arg == "--") {
+      optionsEnded = true;
+    } else if (arg == "-h" || arg == "--help") {
+      options.help = true;
+    } else if (arg == "--pipe") {
+      options.pipe = value();
+    } else if (arg == "--pipe-file") {
+      options.pipeFile = value();
+    } else if (arg == "--timeout") {
+      double seconds = parseSeconds(arg, value());
+      options.timeout = fn::Duration::microseconds(std::llround(seconds * 1e6));
+    } else if (arg == "--sticky") {
+      options.sticky = true;
+    } else if (arg == "--count") {
+      options.count = parseCount(arg, value(), 1);
+    } else if (arg == "--follow") {
+      options.follow.push_back(parseCount(arg, value(), 1));
+    } else if (arg == "-i" || arg == "--interactive") {
+      options.interactive = true;
+    } else {
+      usageError(fmt::format("unknown option {}", arg));
+    }
+  }
+  if (options.help)
+    return options;
+  if (positional.empty())
+    usageError("no command given");
+  options.command = positional.front();
+  options.arguments.assign(positional.begin() + 1, positional.end());
+
+  Command const* command = nullptr;
+  for (auto const& known : COMMANDS) {
+    if (known.name == options.command)
+      command = &known;
+  }
+  if (!command)
+    usageError(fmt::format("unknown command \"{}\"", options.command));
+  size_t count = options.arguments.size();
+  if (count < command->minArguments || count > command->maxArguments)
+    usageError(fmt::format("wrong number of arguments for {}", options.command));
+  if (!options.pipe.empty() && !options.pipeFile.empty())
+    usageError("give --pipe or --pipe-file, not both");
+  checkApplies(options);
+  return options;
+}
+
+fn::String resolvePipePath(Options const& options) {
+  if (!options.pipe.empty())
+    return options.pipe;
+  if (options.pipeFile.empty() && fn::Environment::has("LUMAREN_PIPE"))
+    return fn::Environment::get("LUMAREN_PIPE");
+  fn::String file = options.pipeFile;
+  if (file.empty()) {
+    try {
+      file = ipc::defaultPipeFile();
+    } catch (fn::Exception const& e) {
+      throw Failure(EXIT_NO_HUB, "cannot find the hub: " + e.toString());
+    }
+  }
+  if (!fn::File(file).exists()) {
+    throw Failure(EXIT_NO_HUB,
+                  fmt::format("cannot find the hub: there is no pipe file {}{}", file,
+                              options.pipeFile.empty() ? " (is lumaren-hub running? --pipe "
+                                                         "gives its pipe)"
+                                                       : ""));
+  }
+  fn::String path;
+  try {
+    path = fn::String(fn::File(file).readAll().view()).trim();
+  } catch (fn::Exception const& e) {
+    throw Failure(EXIT_NO_HUB, fmt::format("cannot read the pipe file {}: {}", file, e.message()));
+  }
+  if (path.empty())
+    throw Failure(EXIT_NO_HUB, fmt::format("the pipe file {} is empty", file));
+  return path;
+}
+
+}  // namespace ctl

@@ -1,0 +1,329 @@
+// lumaren-ctl end to end: the real tool against a hub in this process and a module process
+// that registers "TestService" (tests/support/test_module.h).
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <csignal>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "captured_process.h"
+#include "core/app_info.h"
+#include "core/inspector_registry.h"
+#include "core/ipc/dispatcher.h"
+#include "core/ipc/message_bus.h"
+#include "core/ipc/registry.h"
+#include "foundation/file.h"
+#include "peer.h"
+#include "test_module.h"
+
+using namespace testing_support;
+using Json = nlohmann::json;
+
+namespace {
+
+// An inspector of the test's own process: numbered steps, each pointing back to the view the
+// caller came from, a detour that redirects to step 1 and a circle that redirects forever.
+class TrailInspector : public core::Inspector {
+public:
+  core::InspectionResult inspect(fn::Value const& action, fn::Value const& refererAction) override {
+    core::InspectionResult result;
+    core::InspectionResultWriter writer(result);
+    if (action.isNull()) {
+      writer.append("go", fn::Value::map({{"step", 1}})).append("circle", "circle");
+    } else if (action == fn::Value("circle")) {
+      result = core::InspectionResult::redirectTo("circle");
+    } else if (action == fn::Value("detour")) {
+      result = core::InspectionResult::redirectTo(fn::Value::map({{"step", 1}}));
+    } else {
+      int64_t step = action.get("step").asInt();
+      writer.append(fmt::format("step {}", step))
+          .append("back", refererAction)
+          .append("next", fn::Value::map({{"step", step + 1}}))
+          .append("detour", "detour");
+    }
+    return result;
+  }
+};
+
+struct CtlRun {
+  int64_t status;
+  fn::String out;
+  fn::String err;
+};
+
+class CtlTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    core::AppInfo::initialize(core::AppInfo::App::LUMAREN);
+    hub = std::make_unique<ipc::Dispatcher>(loop, fn::Duration::seconds(30));
+    hub->bind();
+    hub->start();
+    ASSERT_TRUE(runLoopUntil(loop, [this] { return hub->worker().connected(); }));
+    hub->worker().registerObjectReferenceClass<ServiceReference>();
+  }
+
+  void TearDown() override {
+    service.reset();
+    hub.reset();
+    drainLoop(loop);
+  }
+
+  void startService() {
+    service = ModuleProcess::start(loop, "svc", hub->pipePath(), {"register=0"});
+    ASSERT_TRUE(
+        runLoopUntil(loop, [this] { return hub->registry()->entryCount("TestService") == 1; }));
+  }
+
+  static fn::String ctlPath() {
+    fn::String self = fn::uv::executablePath();
+    return self.substr(0, self.rfind('/') + 1) + "lumaren-ctl";
+  }
+
+  /// The tool with `arguments`, told the hub's pipe unless `pipe` is false.
+  std::unique_ptr<CapturedProcess> startCtl(std::vector<fn::String> arguments,
+                                            bool pipe = true,
+                                            std::vector<fn::String> environment = {}) {
+    CapturedProcess::Options options;
+    options.file = ctlPath();
+    if (pipe)
+      arguments.insert(arguments.begin(), {"--pipe", hub->pipePath()});
+    options.arguments = std::move(arguments);
+    options.environment = std::move(environment);
+    return CapturedProcess::start(loop, options);
+  }
+
+  CtlRun ctl(std::vector<fn::String> arguments,
+             bool pipe = true,
+             std::vector<fn::String> environment = {}) {
+    auto child = startCtl(std::move(arguments), pipe, std::move(environment));
+    int64_t status = child->waitForExit();
+    return {status, child->out(), child->err()};
+  }
+
+  static Json json(fn::String const& text) { return Json::parse(std::string_view(text)); }
+
+  fn::uv::Loop loop;
+  std::unique_ptr<ipc::Dispatcher> hub;
+  std::unique_ptr<ModuleProcess> service;
+};
+
+}  // namespace
+
+TEST_F(CtlTest, CallPrintsTheResultOrTheServicesErrorAsJson) {
+  startService();
+  auto echoed = ctl({"call", "TestService", "echo", R"({"list": [1, -2.5, "x"], "n": null})"});
+  EXPECT_EQ(echoed.status, 0) << echoed.err;
+  EXPECT_EQ(json(echoed.out), Json::parse(R"({"list": [1, -2.5, "x"], "n": null})"));
+  EXPECT_EQ(echoed.err, "");
+
+  // Tagged arguments arrive as real fractions and typed byte arrays in the service.
+  auto described = ctl({"call", "TestService", "describe",
+                        R"({"fraction": {"__type__": "fraction", "num": 16, "den": 9},
+                            "typed": {"__type__": "buffer", "value": "AAEC",
+                                      "mimeType": "video/mp2t"}})"});
+  EXPECT_EQ(described.status, 0) << described.err;
+  EXPECT_EQ(json(described.out),
+            Json::parse(R"({"fraction": "16/9", "mimeType": "video/mp2t", "byteCount": 3})"));
+
+  // Bytes come back as base64, typed byte arrays and references readable.
+  auto bytes = ctl({"call", "TestService", "echo",
+                    R"([{"__type__": "buffer", "value": "AAEC"},
+                        {"__type__": "buffer", "value": "AAEC", "mimeType": "image/png"}])"});
+  EXPECT_EQ(json(bytes.out), Json::parse(R"(["AAEC", {"__type__": "buffer", "value": "AAEC",
+                                                       "mimeType": "image/png"}])"));
+  auto child = ctl({"call", "TestService", "makeChild"});
+  ASSERT_EQ(child.status, 0) << child.err;
+  Json made = json(child.out);
+  EXPECT_EQ(made["child"]["object"], made["id"]);
+  EXPECT_TRUE(made["child"]["class"].is_string());
+
+  auto found = ctl({"lookup", "TestService"});
+  EXPECT_EQ(found.status, 0) << found.err;
+  EXPECT_EQ(json(found.out)["class"], "TestService");
+  EXPECT_EQ(json(found.out)["object"].get<uint64_t>() & 0xFFFF, 1u)
+      << "owned by the module, worker 1";
+
+  auto failed = ctl({"call", "TestService", "failStructured"});
+  EXPECT_EQ(failed.status, 1);
+  EXPECT_EQ(failed.out, "");
+  Json error = json(failed.err);
+  EXPECT_EQ(error["TYPE"], "FN_EXCEPTION");
+  EXPECT_EQ(error["CLASS_NAME"], "FileException");
+  EXPECT_EQ(error["MESSAGE"], "cannot open the recording");
+  EXPECT_EQ(error["DETAIL"], "recording 7");
+  EXPECT_EQ(error["PATH"], "/var/media/rec7.ts");
+  EXPECT_EQ(error["ERRNO"], 2);
+  ASSERT_EQ(error["STACK_TRACE"].size(), 2u);
+  EXPECT_EQ(error["STACK_TRACE"][0]["symbolName"], "core::Recorder::open");
+
+  // A class this process does not know keeps its name: what the service sent is printed.
+  auto unknown = ctl({"call", "TestService", "failUnknownClass"});
+  EXPECT_EQ(unknown.status, 1);
+  EXPECT_EQ(json(unknown.err)["CLASS_NAME"], "ModuleOnlyException");
+  EXPECT_EQ(json(unknown.err)["DETAIL"], "private");
+
+  auto held = ctl({"--timeout", "0.5", "call", "TestService", "hold"});
+  EXPECT_EQ(held.status, 7);
+  EXPECT_EQ(held.err, "lumaren-ctl: no answer from TestService.hold within 0.5 s\n");
+}
+
+TEST_F(CtlTest, BadInputIsRefusedBeforeAnyConnection) {
+  // A pipe nobody listens on: these must fail for their own reason, not for the pipe.
+  auto badJson = ctl({"--pipe", "/nonexistent/pipe", "call", "TestService", "echo", "{bad"}, false);
+  EXPECT_EQ(badJson.status, 3);
+  EXPECT_TRUE(badJson.err.startsWith("lumaren-ctl: bad JSON argument: Malformed JSON"))
+      << badJson.err;
+  auto badTag =
+      ctl({"--pipe", "/nonexistent/pipe", "post", "ns", R"({"__type__": "date"})"}, false);
+  EXPECT_EQ(badTag.status, 3);
+  EXPECT_TRUE(badTag.err.startsWith("lumaren-ctl: bad JSON message body: ")) << badTag.err;
+
+  auto unknownCommand = ctl({"frobnicate"});
+  EXPECT_EQ(unknownCommand.status, 2);
+  EXPECT_EQ(unknownCommand.err,
+            "lumaren-ctl: unknown command \"frobnicate\" (see lumaren-ctl --help)\n");
+  EXPECT_EQ(ctl({"call", "TestService"}).status, 2);
+  EXPECT_EQ(ctl({"lookup", "TestService", "--count", "2"}).status, 2);
+  EXPECT_EQ(ctl({"--timeout", "soon", "lookup", "TestService"}).status, 2);
+  auto help = ctl({"--help"}, false);
+  EXPECT_EQ(help.status, 0);
+  EXPECT_TRUE(help.out.startsWith("usage: lumaren-ctl")) << help.out;
+}
+
+TEST_F(CtlTest, FindsTheHubOrSaysWhyNot) {
+  fn::String missing = fn::String(::testing::TempDir()) + "ctl-no-hub";
+  auto noHub = ctl({"--pipe", missing, "lookup", "TestService"}, false);
+  EXPECT_EQ(noHub.status, 4);
+  EXPECT_EQ(noHub.err, "lumaren-ctl: cannot connect to the hub at " + missing +
+                           ": no such file or directory (ENOENT)\n");
+
+  // The registry's own words when nothing of the class turns up in time.
+  auto notThere = ctl({"--timeout", "0.3", "lookup", "NoSuchService"});
+  EXPECT_EQ(notThere.status, 6);
+  EXPECT_EQ(notThere.err,
+            "lumaren-ctl: Object of class NoSuchService is not available. Try "
+            "restarting " +
+                core::AppInfo::instance().applicationDisplayName() + "\n");
+
+  // The pipe from a pipe file, from the environment, and from the default pipe file in the
+  // runtime directory.
+  fn::String pipeFile = fn::String(::testing::TempDir()) + "ctl-hub.pipe";
+  fn::File(pipeFile).writeAll(fn::ByteArray(hub->pipePath() + "\n"), 0600);
+  EXPECT_EQ(ctl({"--pipe-file", pipeFile, "lookup", "ipc::MessageBus"}, false).status, 0);
+  EXPECT_EQ(ctl({"lookup", "ipc::MessageBus"}, false, {"LUMAREN_PIPE=" + hub->pipePath()}).status,
+            0);
+  fn::String runtime = fn::String(::testing::TempDir()) + "ctl-runtime";
+  ::mkdir(runtime.c_str(), 0700);
+  fn::File(runtime + "/lumaren/hub.pipe").remove();
+  auto noFile = ctl({"lookup", "ipc::MessageBus"}, false, {"XDG_RUNTIME_DIR=" + runtime});
+  EXPECT_EQ(noFile.status, 4);
+  EXPECT_TRUE(noFile.err.startsWith("lumaren-ctl: cannot find the hub: there is no pipe file " +
+                                    runtime + "/lumaren/hub.pipe"))
+      << noFile.err;
+  fn::File(runtime + "/lumaren/hub.pipe").writeAll(fn::ByteArray(hub->pipePath()), 0600);
+  auto byDefault = ctl({"lookup", "ipc::MessageBus"}, false, {"XDG_RUNTIME_DIR=" + runtime});
+  EXPECT_EQ(byDefault.status, 0) << byDefault.err;
+  EXPECT_EQ(json(byDefault.out)["object"], hub->messageBus()->objectId());
+}
+
+TEST_F(CtlTest, HubGoingAwayEndsTheCommand) {
+  auto waiting = startCtl({"--timeout", "30", "lookup", "NoSuchService"});
+  ASSERT_TRUE(runLoopUntil(loop, [this] { return hub->registry()->waiterCount() == 1; }));
+  fn::String pipe = hub->pipePath();
+  hub.reset();
+  EXPECT_EQ(waiting->waitForExit(), 5);
+  EXPECT_TRUE(waiting->err().startsWith("lumaren-ctl: lost the hub at " + pipe + ": "))
+      << waiting->err();
+}
+
+TEST_F(CtlTest, PostedStickyMessageIsWatchedLaterAndLiveOnesFollow) {
+  auto posted = ctl({"post", "test.config", R"({"v": 1})", "--sticky"});
+  EXPECT_EQ(posted.status, 0) << posted.err;
+  EXPECT_EQ(posted.out, "");
+  // The tool left only after the hub relayed the message, so the hub keeps it by now.
+  ASSERT_TRUE(hub->messageBus()->stickyMessages().contains("test.config"));
+
+  auto once = ctl({"watch", "test.config", "--count", "1"});
+  EXPECT_EQ(once.status, 0) << once.err;
+  EXPECT_EQ(once.out, "{\"body\":{\"v\":1},\"namespace\":\"test.config\"}\n");
+
+  auto twice = startCtl({"watch", "test.config", "--count", "2"});
+  auto untilStopped = startCtl({"watch", "test.config"});
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return !twice->out().empty(); }));
+  EXPECT_EQ(ctl({"post", "test.config", "2"}).status, 0);
+  EXPECT_EQ(twice->waitForExit(), 0) << twice->err();
+  EXPECT_EQ(twice->out(),
+            "{\"body\":{\"v\":1},\"namespace\":\"test.config\"}\n"
+            "{\"body\":2,\"namespace\":\"test.config\"}\n");
+
+  // Without a count the watch runs until interrupted, and then ends normally.
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return untilStopped->out().size() > once.out.size(); }));
+  untilStopped->kill(SIGINT);
+  EXPECT_EQ(untilStopped->waitForExit(), 0) << untilStopped->err();
+}
+
+TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
+  service = ModuleProcess::start(loop, "svc", hub->pipePath(), {"inspector=tuner"});
+  fn::AutoPtr<core::InspectorRegistry> registry;
+  core::InspectorRegistry::lookup(hub->worker()).then([&](auto found) { registry = found; });
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return registry.get() != nullptr; }));
+  std::optional<unsigned> id;
+  registry->registerInspector("trail", fn::AutoPtr<core::Inspector>(new TrailInspector))
+      .then([&](unsigned registered) { id = registered; });
+  ASSERT_TRUE(
+      runLoopUntil(loop, [&] { return id && hub->inspectorRegistry()->inspectorCount() == 2; }));
+  fn::String trail = registry->keyOf(*id);
+  fn::String tuner = fn::ByteArray(fn::String("tuner")).SHA256().base64();
+
+  auto listed = ctl({"inspectors"});
+  EXPECT_EQ(listed.status, 0) << listed.err;
+  std::set<fn::String> lines;
+  for (auto const& line : listed.out.trim().split("\n"))
+    lines.insert(line);
+  EXPECT_EQ(lines, (std::set<fn::String>{trail + "  trail", tuner + "  tuner"}));
+
+  auto other = ctl({"inspect", tuner});
+  EXPECT_EQ(other.status, 0) << other.err;
+  EXPECT_EQ(other.out,
+            "# null\n1. module tuner\n2. details -> \"details\"\n3. elsewhere -> "
+            "\"elsewhere\"\n");
+
+  // Each step is asked with the action of the view it was followed from; a redirect keeps
+  // that referring action.
+  auto followed = ctl({"inspect", trail, "--follow", "1", "--follow", "3", "--follow", "4"});
+  EXPECT_EQ(followed.status, 0) << followed.err;
+  EXPECT_EQ(followed.out,
+            "# null\n1. go -> {\"step\":1}\n2. circle -> \"circle\"\n"
+            "# {\"step\":1}\n1. step 1\n2. back\n3. next -> {\"step\":2}\n4. detour -> \"detour\"\n"
+            "# {\"step\":2}\n1. step 2\n2. back -> {\"step\":1}\n3. next -> {\"step\":3}\n"
+            "4. detour -> \"detour\"\n"
+            "# {\"step\":1}\n1. step 1\n2. back -> {\"step\":2}\n3. next -> {\"step\":2}\n"
+            "4. detour -> \"detour\"\n");
+
+  CapturedProcess::Options interactive;
+  interactive.file = ctlPath();
+  interactive.arguments = {"--pipe", hub->pipePath(), "inspect", trail, "-i"};
+  interactive.input = "1\n9\n2\nx\n3\n\n1\n";
+  auto browsing = CapturedProcess::start(loop, interactive);
+  EXPECT_EQ(browsing->waitForExit(), 0) << browsing->err();
+  EXPECT_EQ(std::ranges::count(browsing->out(), '#'), 3) << browsing->out();
+  EXPECT_TRUE(
+      browsing->out().endsWith("# {\"step\":2}\n1. step 2\n2. back -> {\"step\":1}\n"
+                               "3. next -> {\"step\":3}\n4. detour -> \"detour\"\n"))
+      << browsing->out();
+  EXPECT_EQ(browsing->err(),
+            "lumaren-ctl: no item 9 in this view of 4 items\n"
+            "lumaren-ctl: item 2 leads nowhere\n"
+            "lumaren-ctl: \"x\" is not an item number\n");
+
+  auto unknown = ctl({"inspect", "no-such-key"});
+  EXPECT_EQ(unknown.status, 6);
+  EXPECT_EQ(unknown.err, "lumaren-ctl: no inspector with key no-such-key\n");
+  auto circling = ctl({"inspect", trail, "\"circle\""});
+  EXPECT_EQ(circling.status, 1);
+  EXPECT_EQ(circling.err,
+            "lumaren-ctl: the inspector " + trail + " redirected more than 16 times in a row\n");
+}
