@@ -1,185 +1,188 @@
 #include "hub/demo.h"
 
+#include <csignal>
 #include <cstdio>
 
+#include "core/inspector_registry.h"
 #include "core/ipc/dispatcher.h"
-#include "core/ipc/object.h"
+#include "core/ipc/module.h"
+#include "core/ipc/module_manager.h"
 #include "core/ipc/registry.h"
-#include "core/ipc/worker.h"
-#include "foundation/uv/process.h"
+#include "greeter_reference.h"
 
 namespace hub {
 namespace {
 
-void say(std::string_view who, std::string_view text) {
-  fmt::print("[{:<5}] {}\n", who, text);
+constexpr fn::Duration DEADLINE = fn::Duration::seconds(30);
+constexpr fn::Duration STOP_GRACE = fn::Duration::milliseconds(300);
+
+void say(std::string_view text) {
+  fmt::print("[hub] {}\n", text);
   std::fflush(stdout);
 }
 
-// Bob's reference to alice's greeter.
-class GreeterReference : public ipc::ObjectReference {
+void show(core::InspectionResult const& result) {
+  for (size_t i = 0; i < result.items.size(); ++i) {
+    auto const& item = result.items[i];
+    say(item.hasAction() ? fmt::format("    {}. {}  -> {}", i + 1, item.text, item.action)
+                         : fmt::format("    {}. {}", i + 1, item.text));
+  }
+}
+
+// The demonstration's own client: a module inside the hub that uses the example modules the
+// way any other process would, through the registry, calls, events and the inspectors.
+class DemoConsole : public ipc::Module {
 public:
-  explicit GreeterReference(ipc::ObjectReferenceInitializer& init) : ipc::ObjectReference(init) {}
-  fn::String className() const override { return "Greeter"; }
-  std::function<void(fn::Value const&)> onReply;
-
-protected:
-  void onMessage(fn::Value const& message) override {
-    if (onReply)
-      onReply(message);
-  }
-};
-
-// Alice's object: answers whoever writes to it.
-class Greeter : public ipc::ObjectInstance {
-public:
-  explicit Greeter(ipc::Worker& worker) : ipc::ObjectInstance(worker) {}
-
-protected:
-  fn::AutoPtr<ipc::ObjectReference> createReference(
-      ipc::ObjectReferenceInitializer& init) override {
-    return fn::AutoPtr<ipc::ObjectReference>(new GreeterReference(init));
+  DemoConsole(ipc::ModuleInitData const& init, std::function<void()> ready)
+      : Module(init),
+        _ready(std::move(ready)) {
+    worker().registerObjectReferenceClass<examples::GreeterReference>();
   }
 
-  void onMessage(uint16_t source, fn::Value const& message) override {
-    say("alice", fmt::format("greeter received \"{}\" from worker {}",
-                             message.at("text").asString(), source));
-    sendMessage(source, fn::Value::map({{"text", "Nice to meet you, bob."}}));
-  }
-};
-
-class DemoWorker : public ipc::Worker::Delegate {
-public:
-  DemoWorker(fn::uv::Loop& loop, fn::String name, fn::String const& pipePath)
-      : _loop(loop),
-        _name(std::move(name)),
-        _worker(*this, loop, pipePath, _name, "demo", false) {
-    _worker.registerObjectReferenceClass<GreeterReference>();
-    _disconnected = _worker.onDisconnected().connect([this](fn::uv::Status const&) {
-      say(_name, "the hub went away");
-      _loop.stop();
-    });
-  }
-
-  void run() {
-    _worker.connect();
-    _loop.run();
-  }
-
-  void workerDidConnect(ipc::Worker& worker) override {
-    say(_name, fmt::format("connected, the hub assigned worker id {}", worker.workerId()));
-    if (_name == "alice") {
-      fn::AutoPtr<Greeter> greeter(new Greeter(worker));
-      say(_name,
-          fmt::format("registers a greeter (object {}) under its class name", greeter->objectId()));
-      // Registered, the greeter lives as long as the registry or anybody else holds it.
-      worker.registry()->registerObject(greeter).then(
-          [this] { say(_name, "the registry has the greeter"); });
-      return;
-    }
-    say(_name, "asks the registry for a Greeter, waiting until there is one");
-    worker.registry()
-        ->getInstance("Greeter")
-        .then([this](fn::Value found) { greet(found); })
-        .fail([this](std::exception_ptr error) {
-          say(_name, "no greeter: " + fn::describeException(error));
-          _loop.stop();
+  /// Finds the greeter, greets `name` and waits for the event that follows.
+  fn::Promise<void> greet(fn::String const& name) {
+    auto heard = std::make_shared<fn::Promise<void>>();
+    return worker()
+        .registry()
+        ->getInstance("examples::Greeter")
+        .then([this, name, heard](fn::Value const& found) {
+          _greeter = found.objectAs<examples::GreeterReference>();
+          if (!_greeter)
+            throw fn::NullPointerException("the registry answered without a greeter");
+          say(fmt::format("found examples::Greeter in the registry: object {:#x}",
+                          _greeter->objectId()));
+          _greeter->onGreeted = [heard](fn::String const& who, int64_t times) {
+            say(fmt::format("event \"greeted\": {} ({} time(s))", who, times));
+            heard->resolve();
+          };
+          return _greeter->greet(name);
+        })
+        .then([heard](fn::Value const& answer) {
+          say(fmt::format("greet answered \"{}\"", answer.asString()));
+          return *heard;
         });
   }
 
-  void greet(fn::Value const& found) {
-    _greeter = fn::AutoPtr<GreeterReference>(found.objectAs<GreeterReference>());
-    if (!_greeter) {
-      say(_name, "the registry answered with something else");
-      _loop.stop();
-      return;
-    }
-    say(_name, fmt::format("got a reference to object {} of worker {}", _greeter->objectId(),
-                           ipc::ownerOf(_greeter->objectId())));
-    _greeter->onReply = [this](fn::Value const& reply) {
-      say(_name, fmt::format("greeter answered \"{}\"", reply.at("text").asString()));
-      // Dropping the reference hands its use back to the hub.
-      _loop.post([this] {
-        _greeter.reset();
-        _loop.post([this] {
-          _worker.stop();
-          _loop.stop();
-        });
-      });
-    };
-    _greeter->sendMessage(fn::Value::map({{"text", "Hello alice, this is bob."}}));
+  /// Lists the inspectors, opens the greeter's and follows its actions down two levels.
+  fn::Promise<void> browseInspector() {
+    auto state = std::make_shared<fn::AutoPtr<core::InspectorReference>>();
+    return core::InspectorRegistry::lookup(worker())
+        .then([](fn::AutoPtr<core::InspectorRegistry> const& inspectors) {
+          return inspectors->allInspectors().then(
+              [inspectors](std::map<fn::String, fn::String> const& all) {
+                fn::String key;
+                for (auto const& [k, name] : all) {
+                  say(fmt::format("inspector \"{}\" (key {})", name, k));
+                  if (name == "Greeter")
+                    key = k;
+                }
+                if (key.empty())
+                  throw fn::IllegalStateException("the greeter published no inspector");
+                return inspectors->getInspector(key);
+              });
+        })
+        .then([state](fn::AutoPtr<core::InspectorReference> const& inspector) {
+          *state = inspector;
+          say("inspecting \"Greeter\":");
+          return inspector->inspect(fn::Value(), fn::Value());
+        })
+        .then([state](core::InspectionResult const& top) {
+          show(top);
+          say("following \"names\":");
+          return (*state)->inspect("names", fn::Value());
+        })
+        .then([state](core::InspectionResult const& names) {
+          show(names);
+          if (names.items.empty())
+            throw fn::IllegalStateException("the greeter lists no names");
+          say(fmt::format("following {}:", names.items.front().action));
+          return (*state)->inspect(names.items.front().action, "names");
+        })
+        .then([](core::InspectionResult const& one) { show(one); });
   }
-
-  bool wantsIdleTermination(ipc::Worker&) override { return false; }
-  bool workerCanTerminate(ipc::Worker&) override { return false; }
-  void workerRequestsTermination(ipc::Worker&) override {}
-  void aboutToQuit(ipc::Worker&) override { _loop.stop(); }
 
 private:
-  fn::uv::Loop& _loop;
-  fn::String _name;
-  ipc::Worker _worker;
-  fn::Handle _disconnected;
-  fn::AutoPtr<GreeterReference> _greeter;
+  void onConnected() override { _ready(); }
+
+  std::function<void()> _ready;
+  fn::AutoPtr<examples::GreeterReference> _greeter;
 };
 
 }  // namespace
-
-int runDemoWorker(fn::uv::Loop& loop, fn::String const& name, fn::String const& pipePath) {
-  DemoWorker worker(loop, name, pipePath);
-  worker.run();
-  say(name, "done");
-  return 0;
-}
 
 int runDemo(fn::uv::Loop& loop, fn::Duration timeout) {
   ipc::Dispatcher dispatcher(loop, timeout);
   dispatcher.bind();
   dispatcher.start();
-  say("hub", fmt::format("listening on {}", dispatcher.pipePath()));
+  say(fmt::format("listening on {}", dispatcher.pipePath()));
 
-  int finished = 0;
-  bool failed = false;
-  auto connected = dispatcher.onWorkerConnected().connect([](auto const& info) {
-    say("hub",
-        fmt::format("{} said HELLO, assigned worker id {}", info.displayName, info.workerId));
-  });
-  auto disconnected = dispatcher.onWorkerDisconnected().connect([&](auto const& info) {
-    say("hub", fmt::format("{} (worker {}) disconnected; the others were told", info.displayName,
-                           info.workerId));
-  });
-
-  std::vector<fn::AutoPtr<fn::uv::Process>> children;
-  auto start = [&](fn::String name) {
-    fn::uv::Process::Options options;
-    options.file = fn::uv::executablePath();
-    options.arguments = {"--demo-worker", name, "--pipe", dispatcher.pipePath()};
-    children.push_back(fn::uv::Process::spawn(loop, options, [&, name](int64_t status, int signal) {
-      say("hub", fmt::format("{} exited with status {}", name, status));
-      failed = failed || status != 0 || signal != 0;
-      if (++finished == 2) {
-        loop.stop();
-      } else if (name == "bob") {
-        say("hub", "tells everybody it is about to quit");
-        dispatcher.stop(fn::Duration::seconds(5), [] {});
-      }
-    }));
+  int exitCode = 0;
+  bool stopping = false;
+  auto finish = [&](int code) {
+    if (stopping)
+      return;
+    stopping = true;
+    exitCode = code;
+    say(code == 0 ? "demonstration finished; telling everybody the hub is about to quit"
+                  : "demonstration failed");
+    dispatcher.stop(STOP_GRACE, [] {});
   };
-  // Bob starts once alice is connected; his lookup waits until her greeter is registered.
-  auto aliceArrived = dispatcher.onWorkerConnected().connect([&](auto const& info) {
-    if (info.displayName == "alice")
-      start("bob");
+  auto fail = [&](std::exception_ptr error) {
+    say(fmt::format("error: {}", fn::describeException(error)));
+    finish(1);
+  };
+
+  // The hub knows the greeter's reference class too, so its registry holds the service as one.
+  dispatcher.worker().registerObjectReferenceClass<examples::GreeterReference>();
+  auto connected = dispatcher.onWorkerConnected().connect([](auto const& info) {
+    say(fmt::format("{} connected as worker {}", info.displayName, info.workerId));
   });
-  start("alice");
-  auto watchdog = loop.schedule(fn::Duration::seconds(20), [&] {
-    say("hub", "the demonstration did not finish in time");
-    failed = true;
-    for (auto& child : children)
-      child->kill(SIGKILL);
+
+  std::vector<ipc::ModuleDefinition*> definitions{
+      ipc::ModuleDefinition::create("announcer", ipc::MODULE_LOADER_NAME, true, true, false),
+      ipc::ModuleDefinition::create("greeter", ipc::MODULE_LOADER_NAME, false, false, false)};
+  ipc::ModuleDefinition* greeter = definitions[1];
+  ipc::ModuleManager manager(dispatcher, std::move(definitions));
+  std::unique_ptr<DemoConsole> console;
+  auto fatal = manager.onFatalError().connect([&](fn::String const& text) {
+    say(fmt::format("fatal: {}", text));
+    finish(1);
+  });
+
+  // First round: call, event, inspector, then kill the greeter. Second round, once the manager
+  // restarted it: the new process greets in the word of the sticky message posted long before
+  // it started.
+  int round = 0;
+  auto allConnected = manager.onAllModulesConnected().connect([&] {
+    if (++round == 1) {
+      say("all modules connected");
+      console->greet("Ada")
+          .then([&] { return console->browseInspector(); })
+          .then([&] {
+            int pid = greeter->processInfo() ? greeter->processInfo()->pid : 0;
+            say(fmt::format("killing the greeter module (pid {}) with SIGKILL", pid));
+            ::kill(pid, SIGKILL);
+          })
+          .fail(fail);
+    } else if (round == 2) {
+      say("the greeter module is back");
+      console->greet("Grace").then([&] { finish(0); }).fail(fail);
+    }
+  });
+
+  // The modules start once the console is connected and can use the registry.
+  console = std::make_unique<DemoConsole>(
+      ipc::ModuleInitData(dispatcher.pipePath(), "demo console", "demo-console", "", false),
+      [&] { manager.start(); });
+  auto deadline = loop.schedule(DEADLINE, [&] {
+    say("the demonstration did not finish in time");
+    finish(1);
   });
   loop.run();
-  say("hub", failed ? "demonstration failed" : "demonstration finished");
-  return failed ? 1 : 0;
+  manager.stop();
+  console.reset();
+  ipc::Module::destroyInProcessModules();
+  return exitCode;
 }
 
 }  // namespace hub

@@ -1,15 +1,14 @@
 #pragma once
 
-#include "foundation/string.h"
+#include "foundation/duration.h"
 #include "foundation/uv/loop.h"
 
 namespace hub {
 
-/// The hub's side of the self-demonstration: runs a dispatcher, starts two worker processes
-/// (this executable again) and prints what happens. Returns the exit code.
+/// The self-demonstration: runs a dispatcher and a module manager with the example modules
+/// (the announcer inside this process, the greeter in a process of its own), uses the greeter
+/// like any client would, kills it and uses it again once the manager restarted it, printing
+/// what happens. Returns the exit code.
 int runDemo(fn::uv::Loop& loop, fn::Duration timeout);
-
-/// A worker process of the demonstration ("alice" or "bob"), connecting to `pipePath`.
-int runDemoWorker(fn::uv::Loop& loop, fn::String const& name, fn::String const& pipePath);
 
 }  // namespace hub

@@ -1,70 +1,87 @@
-// lumaren-hub: the hub process. Runs a dispatcher on the default loop until SIGINT or SIGTERM.
+// lumaren-hub: the hub process. Runs the dispatcher and, with a configuration, supervises the
+// modules it names, on the default loop until SIGINT or SIGTERM.
 //
-//   lumaren-hub [--pipe-file PATH] [--timeout SECONDS] [--demo]
+//   lumaren-hub [--config FILE] [--pipe-file PATH] [--timeout SECONDS] [--demo]
 //
-//   --pipe-file PATH   write the pipe path into PATH once the hub listens
-//   --timeout SECONDS  liveness time-out (default 30): workers are pinged every third of it
-//                      and reported not responding after a whole time-out without an answer
-//   --demo             run the self-demonstration and exit
+//   --config FILE      the modules to run and how to watch them (see hub/config.h and
+//                      docs/hub.md); without it the hub runs no modules
+//   --pipe-file PATH   also write the pipe path into PATH once the hub listens; it is always
+//                      written to the per-user default file that lumaren-ctl reads
+//   --timeout SECONDS  liveness time-out (default 30, or the configuration's): workers are
+//                      pinged every third of it and reported not responding after a whole
+//                      time-out without an answer
+//   --demo             run the self-demonstration with the example modules and exit
 
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "core/ipc/dispatcher.h"
+#include "core/ipc/module.h"
+#include "core/ipc/module_manager.h"
+#include "core/ipc/pipe_path.h"
 #include "foundation/file.h"
 #include "foundation/logging/category.h"
+#include "hub/config.h"
 #include "hub/demo.h"
+#include "hub/signals.h"
 
 namespace {
 
-constexpr fn::Duration DEFAULT_TIMEOUT = fn::Duration::seconds(30);
 constexpr fn::Duration STOP_GRACE = fn::Duration::milliseconds(500);
 
 fn::logging::Category logHub("hub");
 
 void usage() {
-  std::fputs("usage: lumaren-hub [--pipe-file PATH] [--timeout SECONDS] [--demo]\n", stderr);
+  std::fputs("usage: lumaren-hub [--config FILE] [--pipe-file PATH] [--timeout SECONDS] [--demo]\n",
+             stderr);
 }
 
-int runHub(fn::uv::Loop& loop, fn::Duration timeout, fn::String const& pipeFile) {
-  ipc::Dispatcher dispatcher(loop, timeout);
+int runHub(fn::uv::Loop& loop, hub::HubConfig const& config, fn::String const& pipeFile) {
+  ipc::Dispatcher dispatcher(loop, config.timeout);
   dispatcher.bind();
   dispatcher.start();
+  std::vector<fn::String> pipeFiles{ipc::defaultPipeFile()};
   if (!pipeFile.empty())
-    fn::File(pipeFile).writeAll(fn::ByteArray(dispatcher.pipePath() + "\n"), 0600);
+    pipeFiles.push_back(pipeFile);
+  for (auto const& file : pipeFiles)
+    fn::File(file).writeAll(fn::ByteArray(dispatcher.pipePath() + "\n"), 0600);
   logHub.log(fn::logging::INF, "Hub listening on {}", dispatcher.pipePath());
 
+  ipc::ModuleManager manager(dispatcher, hub::definitionsOf(config));
+  auto fatal = manager.onFatalError().connect(
+      [](fn::String const& text) { logHub.log(fn::logging::ERR, "{}", text); });
+  auto allConnected = manager.onAllModulesConnected().connect(
+      [] { logHub.log(fn::logging::INF, "All modules connected"); });
+  manager.start();
+
   bool stopping = false;
-  auto onSignal = [&] {
-    if (stopping)
+  hub::StopSignals signals(loop, [&] {
+    if (std::exchange(stopping, true))
       return;
-    stopping = true;
     logHub.log(fn::logging::INF, "Stopping");
     dispatcher.stop(STOP_GRACE, [] {});
-  };
-  uv_signal_t signals[2];
-  int numbers[2] = {SIGINT, SIGTERM};
-  for (int i = 0; i < 2; ++i) {
-    uv_signal_init(loop.raw(), &signals[i]);
-    signals[i].data = &onSignal;
-    uv_signal_start(
-        &signals[i], [](uv_signal_t* s, int) { (*static_cast<decltype(onSignal)*>(s->data))(); },
-        numbers[i]);
-  }
+  });
   loop.run();
-  for (auto& s : signals)
-    uv_close(reinterpret_cast<uv_handle_t*>(&s), nullptr);
-  if (!pipeFile.empty())
-    fn::File(pipeFile).remove();
+  // Modules that did not quit in the grace period are killed, in-process ones end with the hub.
+  manager.stop();
+  ipc::Module::destroyInProcessModules();
+  // A hub started after this one may have written its own path there meanwhile.
+  fn::ByteArray ours(dispatcher.pipePath() + "\n");
+  for (auto const& file : pipeFiles) {
+    fn::File pipe(file);
+    if (pipe.exists() && pipe.readAll() == ours)
+      pipe.remove();
+  }
   return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  fn::Duration timeout = DEFAULT_TIMEOUT;
-  fn::String pipeFile, demoWorker, pipe;
+  std::optional<fn::Duration> timeout;
+  fn::String pipeFile, configFile;
   bool demo = false;
   for (int i = 1; i < argc; ++i) {
     std::string_view arg(argv[i]);
@@ -77,6 +94,8 @@ int main(int argc, char** argv) {
     };
     if (arg == "--pipe-file") {
       pipeFile = value();
+    } else if (arg == "--config") {
+      configFile = value();
     } else if (arg == "--timeout") {
       auto seconds = value().toInt();
       if (!seconds || *seconds <= 0) {
@@ -86,10 +105,6 @@ int main(int argc, char** argv) {
       timeout = fn::Duration::seconds(*seconds);
     } else if (arg == "--demo") {
       demo = true;
-    } else if (arg == "--demo-worker") {
-      demoWorker = value();
-    } else if (arg == "--pipe") {
-      pipe = value();
     } else {
       usage();
       return 2;
@@ -97,11 +112,14 @@ int main(int argc, char** argv) {
   }
   try {
     fn::uv::Loop& loop = fn::uv::Loop::defaultLoop();
-    if (!demoWorker.empty())
-      return hub::runDemoWorker(loop, demoWorker, pipe);
+    hub::HubConfig config;
+    if (!configFile.empty())
+      config = hub::loadConfig(configFile);
+    if (timeout)
+      config.timeout = *timeout;
     if (demo)
-      return hub::runDemo(loop, timeout);
-    return runHub(loop, timeout, pipeFile);
+      return hub::runDemo(loop, config.timeout);
+    return runHub(loop, config, pipeFile);
   } catch (fn::Exception const& e) {
     std::fprintf(stderr, "lumaren-hub: %s\n", e.toString().c_str());
     return 1;

@@ -252,7 +252,9 @@ TEST_F(CtlTest, PostedStickyMessageIsWatchedLaterAndLiveOnesFollow) {
 
   auto twice = startCtl({"watch", "test.config", "--count", "2"});
   auto untilStopped = startCtl({"watch", "test.config"});
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return !twice->out().empty(); }));
+  // Both watch once they printed the sticky message.
+  ASSERT_TRUE(
+      runLoopUntil(loop, [&] { return !twice->out().empty() && !untilStopped->out().empty(); }));
   EXPECT_EQ(ctl({"post", "test.config", "2"}).status, 0);
   EXPECT_EQ(twice->waitForExit(), 0) << twice->err();
   EXPECT_EQ(twice->out(),

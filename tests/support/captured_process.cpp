@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <fstream>
 
 #include "peer.h"
 
@@ -90,6 +91,14 @@ int64_t CapturedProcess::waitForExit(fn::Duration timeout) {
 void CapturedProcess::kill(int signal) {
   if (_process && !_exited)
     _process->kill(signal);
+}
+
+bool processEnded(int pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  auto state = line.rfind(") ");
+  return ::kill(pid, 0) != 0 || state == std::string::npos || line[state + 2] == 'Z';
 }
 
 }  // namespace testing_support

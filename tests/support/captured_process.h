@@ -33,6 +33,7 @@ public:
   /// -signal if it was killed. Fails the test after `timeout`.
   int64_t waitForExit(fn::Duration timeout = fn::Duration::seconds(20));
   bool finished() const { return _exited && _outputsOpen == 0; }
+  int pid() const { return _process ? _process->pid() : 0; }
   void kill(int signal);
 
   fn::String const& out() const { return _out; }
@@ -51,5 +52,8 @@ private:
   bool _exited = false;
   int64_t _status = 0;
 };
+
+/// Whether process `pid` is gone, or a zombie nobody reaped yet: either way it runs no more.
+bool processEnded(int pid);
 
 }  // namespace testing_support

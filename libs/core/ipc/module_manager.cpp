@@ -109,7 +109,7 @@ bool ModuleManager::launchModule(ModuleState& state) {
 void ModuleManager::onWorkerConnected(Dispatcher::WorkerInfo const& info) {
   ModuleState* state = stateForWorkerTag(info.tag);
   if (!state) {
-    logManager.log(fn::logging::INF, "Received Connected notification for unmanaged module {}",
+    logManager.log(fn::logging::DBG, "Received Connected notification for unmanaged module {}",
                    describe(info));
     return;
   }

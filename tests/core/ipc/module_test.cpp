@@ -8,6 +8,7 @@
 #include <fstream>
 #include <list>
 
+#include "captured_process.h"
 #include "child_role.h"
 #include "core/ipc/module_definition.h"
 #include "foundation/environment.h"
@@ -32,15 +33,6 @@ bool pollUntil(fn::uv::Loop& loop, std::function<bool()> const& done, fn::Durati
     loop.runUntil([&] { return tick; });
   }
   return done();
-}
-
-/// Gone, or a zombie nobody reaped yet: either way it runs no more.
-bool processEnded(int pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  std::getline(stat, line);
-  auto state = line.rfind(") ");
-  return ::kill(pid, 0) != 0 || state == std::string::npos || line[state + 2] == 'Z';
 }
 
 /// A hub on the default loop, where in-process modules run, and a worker of the test's own
