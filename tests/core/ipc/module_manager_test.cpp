@@ -19,6 +19,9 @@ using namespace testing_support;
 
 enum class Behaviour { Connect, NeverConnect, Crash, FailToStart };
 
+// Children not reaped yet: each test waits for all of them, so none outlives the test's loop.
+int liveChildren = 0;
+
 // A module definition whose launches behave as scripted, one behaviour per attempt (the last
 // one repeats). Like an external module, it reports only the exit of the child it holds.
 class ScriptedModule : public ipc::ModuleDefinition {
@@ -60,12 +63,14 @@ public:
     std::weak_ptr<uint64_t> current = _generation;
     _process = fn::uv::Process::spawn(dispatcher.loop(), options,
                                       [this, current, generation](int64_t status, int signal) {
+                                        --liveChildren;
                                         auto live = current.lock();
                                         if (!live || *live != generation)
                                           return;
                                         _process.reset();
                                         _onExit.emit(status, signal);
                                       });
+    ++liveChildren;
   }
   void kill(bool) override {
     if (_process) {
@@ -106,6 +111,7 @@ protected:
 
   void TearDown() override {
     _manager.reset();
+    EXPECT_TRUE(runLoopUntil(loop, [] { return liveChildren == 0; }));
     HubTest::TearDown();
   }
 
