@@ -72,7 +72,7 @@ protected:
   }
 
   void startService() {
-    service = ModuleProcess::start(loop, "svc", hub->pipePath(), {"register=0"});
+    service = startTestModule(loop, "svc", hub->pipePath(), {"register=0"});
     ASSERT_TRUE(
         runLoopUntil(loop, [this] { return hub->registry()->entryCount("TestService") == 1; }));
   }
@@ -107,7 +107,7 @@ protected:
 
   fn::uv::Loop loop;
   std::unique_ptr<ipc::Dispatcher> hub;
-  std::unique_ptr<ModuleProcess> service;
+  std::unique_ptr<ChildProcess> service;
 };
 
 }  // namespace
@@ -268,7 +268,7 @@ TEST_F(CtlTest, PostedStickyMessageIsWatchedLaterAndLiveOnesFollow) {
 }
 
 TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
-  service = ModuleProcess::start(loop, "svc", hub->pipePath(), {"inspector=tuner"});
+  service = startTestModule(loop, "svc", hub->pipePath(), {"inspector=tuner"});
   fn::AutoPtr<core::InspectorRegistry> registry;
   core::InspectorRegistry::lookup(hub->worker()).then([&](auto found) { registry = found; });
   ASSERT_TRUE(runLoopUntil(loop, [&] { return registry.get() != nullptr; }));

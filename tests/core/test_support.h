@@ -1,7 +1,7 @@
 #pragma once
 
 // Helpers shared by the application-service tests: a scratch directory that the path manager
-// resolves every location into, and a log sink that records what was logged.
+// resolves every location into, and helper tests run in child processes.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -9,16 +9,14 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <memory>
-#include <mutex>
 #include <vector>
 
 #include "foundation/environment.h"
 #include "foundation/file.h"
 #include "foundation/file_stream.h"
 #include "foundation/json.h"
-#include "foundation/logging/category.h"
 #include "foundation/path_manager.h"
+#include "log_capture.h"
 
 namespace core::testing {
 
@@ -47,44 +45,7 @@ private:
   fn::String _path;
 };
 
-struct LoggedLine {
-  fn::String category;
-  int priority;
-  fn::String text;
-};
-
-/// Records every line logged while it exists.
-class LogCapture {
-public:
-  LogCapture() : _sink(std::make_shared<Sink>()) {
-    fn::logging::CategoryManager::instance().addSink(_sink);
-  }
-  ~LogCapture() { fn::logging::CategoryManager::instance().removeSink(_sink.get()); }
-
-  std::vector<LoggedLine> lines() const {
-    std::lock_guard lock(_sink->mutex);
-    return _sink->lines;
-  }
-  std::vector<LoggedLine> linesOf(std::string_view category) const {
-    std::vector<LoggedLine> found;
-    for (auto& line : lines()) {
-      if (line.category == category)
-        found.push_back(line);
-    }
-    return found;
-  }
-
-private:
-  struct Sink : fn::logging::Sink {
-    void write(fn::logging::Message const& message) override {
-      std::lock_guard lock(mutex);
-      lines.push_back({message.category.name(), message.priority, fn::String(message.text)});
-    }
-    mutable std::mutex mutex;
-    std::vector<LoggedLine> lines;
-  };
-  std::shared_ptr<Sink> _sink;
-};
+using testing_support::LogCapture;
 
 /// Child processes without extra binaries: the test executable runs itself with a filter that
 /// selects one helper test. A helper test returns at once unless HELPER_VARIABLE names it; it

@@ -7,27 +7,28 @@
 #include "foundation/file.h"
 #include "foundation/logging/category.h"
 #include "foundation/uv/status.h"
+#include "log_capture.h"
 #include "support.h"
 
 namespace fn {
 namespace {
 
 TEST(Assertion, ReportsConditionValuesAndLogsOneLine) {
-  auto sink = testing::CapturingSink::install();
+  testing_support::LogCapture log;
   testing::AssertionRecorder recorder;
   int answer = 41;
   FN_ASSERT(answer == 42, answer, "text");
   FN_ASSERT(answer == 41, answer);
-  sink->uninstall();
 
   auto failures = recorder.failures();
+  auto lines = log.lines();
   ASSERT_EQ(failures.size(), 1u);
   EXPECT_EQ(failures[0].condition, "answer == 42");
   EXPECT_EQ(failures[0].values, "41, text");
   EXPECT_TRUE(failures[0].source.endsWith("tests/foundation/diagnostics_test"));
-  ASSERT_EQ(sink->lines().size(), 1u);
-  EXPECT_EQ(sink->lines()[0].category, "fn.assert");
-  EXPECT_EQ(sink->lines()[0].text,
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].category, "fn.assert");
+  EXPECT_EQ(lines[0].text,
             fmt::format("Assertion failed in TestBody ({}:{}): answer == 42 with 41, text",
                         failures[0].source, failures[0].line));
 }
@@ -50,21 +51,21 @@ TEST(Logging, ThresholdsFollowTheLongestMatchingPrefixRule) {
   EXPECT_EQ(late.threshold(), 2);
   EXPECT_EQ(ipc.threshold(), 7);
 
-  auto sink = testing::CapturingSink::install();
-  other.log(logging::DBG, "hidden {}", 1);
-  other.log(logging::WRN, "shown {} {}", 2, String("two"));
-  dispatcher.log(logging::FIX, "hidden");
-  sink->uninstall();
+  std::vector<testing_support::LogCapture::Line> lines;
+  {
+    testing_support::LogCapture log;
+    other.log(logging::DBG, "hidden {}", 1);
+    other.log(logging::WRN, "shown {} {}", 2, String("two"));
+    dispatcher.log(logging::FIX, "hidden");
+    lines = log.lines();
+  }
   manager.applyRules("ipc=4,ipc.dispatcher=4");
-
-  auto lines = sink->lines();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].category, "media");
   EXPECT_EQ(lines[0].priority, logging::WRN);
   EXPECT_EQ(lines[0].text, "shown 2 two");
-}
 
-TEST(Logging, PriorityNames) {
+  // The names console lines show for the priorities.
   String names;
   for (int p = 0; p <= 8; ++p)
     names += String(logging::priorityName(p)) + " ";

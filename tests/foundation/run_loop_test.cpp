@@ -7,6 +7,7 @@
 
 #include "foundation/exception.h"
 #include "foundation/uv/loop.h"
+#include "log_capture.h"
 #include "support.h"
 
 namespace fn {
@@ -68,7 +69,7 @@ TEST(RunLoop, ScheduledCallsRunUnlessTheirHandleIsCancelled) {
 }
 
 TEST(RunLoop, ThrowingTaskIsReportedAndTheLoopGoesOn) {
-  auto sink = testing::CapturingSink::install();
+  testing_support::LogCapture log;
   uv::Loop loop;
   int after = 0;
   loop.post([] { throw RuntimeException("posted boom"); });
@@ -76,10 +77,9 @@ TEST(RunLoop, ThrowingTaskIsReportedAndTheLoopGoesOn) {
   Handle timer = loop.schedule(Duration(), [] { throw std::runtime_error("timer boom"); });
   Handle later = loop.schedule(Duration::milliseconds(1), [&after] { ++after; });
   EXPECT_TRUE(testing::runFor(loop, [&] { return after == 2; }));
-  sink->uninstall();
 
   std::vector<String> reported;
-  for (auto const& line : sink->lines())
+  for (auto const& line : log.lines())
     reported.push_back(fmt::format("{} {} {}", line.priority, line.category, line.text));
   std::sort(reported.begin(), reported.end());
   EXPECT_EQ(reported, (std::vector<String>{

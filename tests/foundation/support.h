@@ -36,36 +36,6 @@ inline bool runFor(uv::Loop& loop,
   return !timedOut && done();
 }
 
-/// Registered with the log manager for its lifetime; keeps every line that passes.
-class CapturingSink : public logging::Sink {
-public:
-  struct Line {
-    String category;
-    int priority;
-    String text;
-  };
-
-  static std::shared_ptr<CapturingSink> install() {
-    auto sink = std::make_shared<CapturingSink>();
-    logging::CategoryManager::instance().addSink(sink);
-    return sink;
-  }
-  void uninstall() { logging::CategoryManager::instance().removeSink(this); }
-
-  void write(logging::Message const& message) override {
-    std::lock_guard lock(_mutex);
-    _lines.push_back({message.category.name(), message.priority, String(message.text)});
-  }
-  std::vector<Line> lines() const {
-    std::lock_guard lock(_mutex);
-    return _lines;
-  }
-
-private:
-  mutable std::mutex _mutex;
-  std::vector<Line> _lines;
-};
-
 /// Records failed assertions while it lives, then puts the previous hook back.
 class AssertionRecorder {
 public:

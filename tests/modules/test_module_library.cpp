@@ -3,8 +3,6 @@
 
 #include "test_module_library.h"
 
-#include <fcntl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -25,40 +23,14 @@ fn::String setting(char const* suffix) {
   return fn::Environment::get(variable(COPY, suffix).c_str());
 }
 
-// Picks this launch's mode and records the launch.
+// This launch's mode, recorded with the pid.
 fn::String modeOfThisLaunch() {
-  std::vector<fn::String> modes = setting("MODE").split(",");
-  fn::String launches = setting("LAUNCHES");
-  size_t index = 0;
-  if (!launches.empty()) {
-    std::ifstream in(launches);
-    for (std::string line; std::getline(in, line);)
-      ++index;
-  }
-  fn::String mode = modes[std::min(index, modes.size() - 1)].trim();
+  fn::String mode = setting("MODE").trim();
   if (mode.empty())
     mode = "normal";
-  if (!launches.empty()) {
-    std::string line = fmt::format("{} {}\n", ::getpid(), mode);
-    int fd = ::open(launches.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (fd >= 0) {
-      [[maybe_unused]] auto written = ::write(fd, line.data(), line.size());
-      ::close(fd);
-    }
-  }
+  if (fn::String launches = setting("LAUNCHES"); !launches.empty())
+    std::ofstream(launches, std::ios::app) << ::getpid() << ' ' << mode << '\n';
   return mode;
-}
-
-[[noreturn]] void crash() {
-  // A crash, without leaving a core file behind.
-  rlimit none{0, 0};
-  ::setrlimit(RLIMIT_CORE, &none);
-  std::abort();
-}
-
-[[noreturn]] void hang() {
-  for (;;)
-    ::pause();
 }
 
 class Service : public ipc::CallableObjectInstance {
@@ -76,16 +48,13 @@ protected:
   void onMethodCall(CallContext const& context,
                     fn::String const& method,
                     fn::Value const& argument) override {
-    bool separateProcess = _identity.get("separateProcess").asBool();
     if (method == "whoAmI") {
       sendResult(context, _identity);
     } else if (method == "echo") {
       sendResult(context, argument);
-    } else if (method == "exit" || method == "crash") {
-      if (!separateProcess)
+    } else if (method == "exit") {
+      if (!_identity.get("separateProcess").asBool())
         throw fn::IllegalStateException("A module inside the hub does not end the hub");
-      if (method == "crash")
-        crash();
       std::_Exit(static_cast<int>(argument.isInteger() ? argument.asInt() : 0));
     }
   }
@@ -106,18 +75,6 @@ protected:
                                          {"separateProcess", initData().separateProcess()},
                                          {"mode", _mode}});
     auto const& bus = ipc::MessageBus::processBus();
-    if (inOwnProcess("crash-after-connect") || inOwnProcess("hang-after-connect")) {
-      // Only once our own message came back has everybody else got it too.
-      _connected = bus->listen(CONNECTED, [this](fn::String const&, fn::Value const& body) {
-        if (body.get("tag") != fn::Value(initData().workerTag()))
-          return;
-        if (_mode == "crash-after-connect")
-          crash();
-        hang();
-      });
-      bus->post(CONNECTED, identity);
-      return;
-    }
     bus->post(CONNECTED, identity);
     _service = fn::AutoPtr<Service>(new Service(worker(), identity));
     worker().registry()->registerObject(_service, 0);
@@ -142,21 +99,8 @@ protected:
 
 private:
   TestModule(ipc::ModuleInitData const& init, fn::String mode)
-      : ipc::Module(prepare(init, mode), options(mode)),
+      : ipc::Module(init, options(mode)),
         _mode(std::move(mode)) {}
-
-  // What happens before the module connects, and the init data it connects with.
-  static ipc::ModuleInitData prepare(ipc::ModuleInitData const& init, fn::String const& mode) {
-    if (init.separateProcess() && mode == "crash-before-connect")
-      crash();
-    if (init.separateProcess() && mode == "never-connect")
-      hang();
-    if (mode == "never-connect") {
-      return ipc::ModuleInitData(init.pipePath(), init.displayName(),
-                                 init.workerTag() + "-unmanaged", init.userData(), false);
-    }
-    return init;
-  }
 
   static ipc::Worker::Options options(fn::String const& mode) {
     ipc::Worker::Options options;
@@ -167,15 +111,10 @@ private:
     return options;
   }
 
-  bool inOwnProcess(char const* mode) const {
-    return initData().separateProcess() && _mode == mode;
-  }
-
   fn::String _mode;
   fn::Value _identity;
   bool _terminating = false;
   fn::Handle _quit;
-  fn::Handle _connected;
   fn::AutoPtr<Service> _service;
 };
 

@@ -13,33 +13,17 @@
 //   TestModule    "Test Module"    LUMAREN_TEST_MODULE_      "TestModuleService"
 //   TestModuleB   "Test Module B"  LUMAREN_TEST_MODULE_B_    "TestModuleBService"
 //
-// <prefix>MODE: what the module does, "normal" when unset. A comma-separated list gives one
-// mode per launch, counted through <prefix>LAUNCHES; the last one repeats.
-//   normal               connects, posts CONNECTED on the bus, registers its service.
-//   never-connect        in a process: sleeps without connecting, until killed (or its hub
-//                        dies). In the hub: connects under a tag nobody launched
-//                        ("<tag>-unmanaged"), so a manager never sees its module connect.
-//   crash-before-connect in a process: aborts before connecting (signal 6).
-//   crash-after-connect  in a process: posts CONNECTED and aborts once the hub relayed it
-//                        (so the test hears it); registers no service.
-//   hang-after-connect   in a process: the same, but instead of aborting it blocks its loop
-//                        for good: it answers no call and no PING, so the hub reports it not
-//                        responding.
-//   idle                 normal, and terminates when idle (separate process only): after
-//                        <prefix>IDLE_MS milliseconds (default 500) without traffic the worker
-//                        hides its registry entries; the module then posts TERMINATING and ends
-//                        (exit status 0) once a test posts QUIT with its tag.
-// Crashes and hangs happen only in a module process; inside the hub those modes are normal.
-//
-// <prefix>LAUNCHES: a file to which every launch appends "<pid> <mode>\n" before it does
-// anything else (the pid is the hub's for an in-process module). Its line count is the launch
-// number that picks the mode.
+// <prefix>MODE: "idle" makes the module terminate when idle (separate process only): after
+// <prefix>IDLE_MS milliseconds (default 500) without traffic the worker hides its registry
+// entries; the module then posts TERMINATING and ends (exit status 0) once a test posts QUIT
+// with its tag. Otherwise it connects, posts CONNECTED on the bus and registers its service.
+// <prefix>LAUNCHES: a file to which every launch appends "<pid> <mode>\n" first thing (the
+// pid is the hub's for an in-process module).
 //
 // The service ("<copy>Service" in the registry, priority 0) answers these methods:
 //   "whoAmI"  {"module": copy name, "tag", "pid", "separateProcess", "mode"}
 //   "echo"    its argument
 //   "exit"    ends the process at once with the given status (no answer); in the hub it fails
-//   "crash"   aborts the process (no answer); in the hub it fails
 //
 // Bus messages (namespaces below), each with {"module", "tag", "pid", "separateProcess",
 // "mode"}: CONNECTED from onConnected(), so hearing it proves the bus was there by then;

@@ -43,11 +43,7 @@ std::unique_ptr<CapturedProcess> CapturedProcess::start(fn::uv::Loop& loop,
   spawn.standardInput = input.read;
   spawn.standardOutput = out.write;
   spawn.standardError = err.write;
-  CapturedProcess* raw = child.get();
-  child->_process = fn::uv::Process::spawn(loop, spawn, [raw](int64_t status, int signal) {
-    raw->_exited = true;
-    raw->_status = signal ? -signal : status;
-  });
+  child->_child = ChildProcess::spawn(loop, spawn);
   ::close(input.read);
   ::close(out.write);
   ::close(err.write);
@@ -73,10 +69,7 @@ void CapturedProcess::capture(int fd, fn::String& into) {
 }
 
 CapturedProcess::~CapturedProcess() {
-  if (!_exited) {
-    kill(SIGKILL);
-    waitForExit();
-  }
+  _child.reset();
   for (auto& output : _outputs)
     output->close();
 }
@@ -85,12 +78,7 @@ int64_t CapturedProcess::waitForExit(fn::Duration timeout) {
   if (!runLoopUntil(
           _loop, [this] { return finished(); }, timeout))
     ADD_FAILURE() << "the process did not finish in time; output so far:\n" << _out << _err;
-  return _status;
-}
-
-void CapturedProcess::kill(int signal) {
-  if (_process && !_exited)
-    _process->kill(signal);
+  return _child->waitForExit();
 }
 
 bool processEnded(int pid) {

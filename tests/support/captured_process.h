@@ -8,10 +8,8 @@
 #include <memory>
 #include <vector>
 
-#include "foundation/duration.h"
-#include "foundation/uv/loop.h"
+#include "child_process.h"
 #include "foundation/uv/pipe_stream.h"
-#include "foundation/uv/process.h"
 
 namespace testing_support {
 
@@ -32,9 +30,9 @@ public:
   /// Runs the loop until the child exited and closed both outputs; its exit status, or
   /// -signal if it was killed. Fails the test after `timeout`.
   int64_t waitForExit(fn::Duration timeout = fn::Duration::seconds(20));
-  bool finished() const { return _exited && _outputsOpen == 0; }
-  int pid() const { return _process ? _process->pid() : 0; }
-  void kill(int signal);
+  bool finished() const { return _child->exited() && _outputsOpen == 0; }
+  int pid() const { return _child->pid(); }
+  void kill(int signal) { _child->kill(signal); }
 
   fn::String const& out() const { return _out; }
   fn::String const& err() const { return _err; }
@@ -44,13 +42,11 @@ private:
   void capture(int fd, fn::String& into);
 
   fn::uv::Loop& _loop;
-  fn::AutoPtr<fn::uv::Process> _process;
+  std::unique_ptr<ChildProcess> _child;
   std::vector<fn::AutoPtr<fn::uv::PipeStream>> _outputs;
   int _outputsOpen = 0;
   fn::String _out;
   fn::String _err;
-  bool _exited = false;
-  int64_t _status = 0;
 };
 
 /// Whether process `pid` is gone, or a zombie nobody reaped yet: either way it runs no more.

@@ -1,9 +1,9 @@
 #pragma once
 
-// More roles for the test executable when it runs itself again, besides "--peer" and
-// "--module": a suite registers a flag and the role's main from a static initializer
-// (`static bool registered = registerChildRole("--my-role", &myRoleMain);`), and the test
-// executable started with that flag as its first argument runs the role instead of the tests.
+// Roles for the test executable when it runs itself again (ChildProcess::startRole): besides
+// "--peer" and "--module", a suite registers a flag and the role's main from a static
+// initializer (`static bool registered = registerChildRole("--my-role", &myRoleMain);`), and
+// the test executable started with that flag first runs the role instead of the tests.
 
 namespace testing_support {
 

@@ -23,19 +23,30 @@ public:
   }
   ~LogCapture() { fn::logging::CategoryManager::instance().removeSink(_sink.get()); }
 
+  std::vector<Line> lines() const {
+    std::lock_guard lock(_sink->mutex);
+    return _sink->lines;
+  }
   /// The lines whose text contains `needle`.
   std::vector<Line> matching(std::string_view needle) const {
-    std::lock_guard lock(_sink->mutex);
-    std::vector<Line> found;
-    for (auto const& line : _sink->lines) {
-      if (line.text.find(needle) != fn::String::npos)
-        found.push_back(line);
-    }
-    return found;
+    return select([&](Line const& line) { return line.text.find(needle) != fn::String::npos; });
+  }
+  std::vector<Line> linesOf(std::string_view category) const {
+    return select([&](Line const& line) { return line.category == category; });
   }
   bool contains(std::string_view needle) const { return !matching(needle).empty(); }
 
 private:
+  template <typename Predicate>
+  std::vector<Line> select(Predicate const& wanted) const {
+    std::vector<Line> found;
+    for (auto const& line : lines()) {
+      if (wanted(line))
+        found.push_back(line);
+    }
+    return found;
+  }
+
   struct Sink : fn::logging::Sink {
     void write(fn::logging::Message const& message) override {
       std::lock_guard lock(mutex);

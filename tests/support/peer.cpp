@@ -121,19 +121,13 @@ std::unique_ptr<Peer> Peer::start(fn::uv::Loop& loop,
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
     return nullptr;
   std::unique_ptr<Peer> peer(new Peer(loop));
-  fn::uv::Process::Options spawn;
-  spawn.file = fn::uv::executablePath();
-  spawn.arguments = {"--peer", pipePath};
+  std::vector<fn::String> arguments = {"--peer", pipePath};
   if (!options.answerPings)
-    spawn.arguments.push_back("--no-pong");
+    arguments.push_back("--no-pong");
   if (options.asNobody)
-    spawn.arguments.push_back("--nobody");
-  spawn.extraDescriptors = {pair[1]};
+    arguments.push_back("--nobody");
+  peer->_process = ChildProcess::startRole(loop, arguments, {pair[1]});
   Peer* raw = peer.get();
-  peer->_process = fn::uv::Process::spawn(loop, spawn, [raw](int64_t status, int signal) {
-    raw->_exited = true;
-    raw->_exitStatus = signal ? -signal : status;
-  });
   ::close(pair[1]);
   peer->_control = fn::uv::PipeStream::create(loop);
   peer->_control->open(pair[0]).throwOnError();
@@ -150,10 +144,6 @@ std::unique_ptr<Peer> Peer::start(fn::uv::Loop& loop,
 
 Peer::~Peer() {
   close();
-  if (_process && !_exited) {
-    _process->kill(SIGKILL);
-    waitForExit();
-  }
 }
 
 void Peer::send(fn::Value const& record) {
@@ -205,18 +195,6 @@ fn::Value Peer::expectType(int type, fn::Duration timeout) {
         return r.get(ipc::key::TYPE).isInteger() && r.get(ipc::key::TYPE).asInt() == type;
       },
       timeout);
-}
-
-void Peer::kill(int signal) {
-  if (_process)
-    _process->kill(signal);
-}
-
-int64_t Peer::waitForExit(fn::Duration timeout) {
-  if (!runLoopUntil(
-          _loop, [this] { return _exited; }, timeout))
-    ADD_FAILURE() << "the peer process did not exit in time";
-  return _exitStatus;
 }
 
 bool runLoopUntil(fn::uv::Loop& loop, std::function<bool()> const& done, fn::Duration timeout) {

@@ -10,10 +10,8 @@
 #include <functional>
 #include <memory>
 
-#include "foundation/duration.h"
-#include "foundation/uv/loop.h"
+#include "child_process.h"
 #include "foundation/uv/pipe_stream.h"
-#include "foundation/uv/process.h"
 #include "foundation/value.h"
 
 namespace testing_support {
@@ -48,21 +46,16 @@ public:
   /// The records received and not yet consumed by expect().
   std::deque<fn::Value>& received() { return _received; }
 
-  void kill(int signal);
-  /// Runs the loop until the process exited; returns its exit status (-signal if killed).
-  int64_t waitForExit(fn::Duration timeout = fn::Duration::seconds(10));
-  int pid() const { return _process ? _process->pid() : -1; }
+  ChildProcess& process() { return *_process; }
 
 private:
   explicit Peer(fn::uv::Loop& loop) : _loop(loop) {}
 
   fn::uv::Loop& _loop;
-  fn::AutoPtr<fn::uv::Process> _process;
+  std::unique_ptr<ChildProcess> _process;
   fn::AutoPtr<fn::uv::PipeStream> _control;
   std::deque<fn::Value> _received;
   fn::ByteArray _buffer;
-  bool _exited = false;
-  int64_t _exitStatus = 0;
 };
 
 /// Runs the loop until `done()` or `timeout`; returns done().

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <map>
 #include <string>
 
@@ -32,14 +31,11 @@ ChildMain childRole(char const* flag) {
 
 // The test executable doubles as the peer and module processes of the end-to-end tests.
 int main(int argc, char** argv) {
-  if (argc > 1 && std::strcmp(argv[1], "--peer") == 0)
-    return testing_support::runPeerRelay(argc, argv);
-  if (argc > 1 && std::strcmp(argv[1], "--module") == 0)
-    return testing_support::runTestModule(argc, argv);
-  if (argc > 1) {
-    if (auto role = testing_support::childRole(argv[1]))
-      return role(argc, argv);
-  }
+  using namespace testing_support;
+  registerChildRole("--peer", &runPeerRelay);
+  registerChildRole("--module", &runTestModule);
+  if (auto role = argc > 1 ? childRole(argv[1]) : nullptr)
+    return role(argc, argv);
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

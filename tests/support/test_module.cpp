@@ -129,9 +129,6 @@ protected:
       }
       _kept.push_back(argument);
       sendResult(context, _kept.size());
-    } else if (method == "drop") {
-      _kept.clear();
-      sendResult(context, true);
     } else if (method == "inspect") {
       auto const& items = argument.asArray();
       auto* first = items.at(0).objectAs<ipc::ObjectReference>();
@@ -229,9 +226,6 @@ struct ModuleRoles {
   fn::String tag;
   std::vector<fn::String> inspectors;
 
-  bool any() const {
-    return registerPriority || idleMilliseconds > 0 || usesBus() || !inspectors.empty();
-  }
   bool usesBus() const { return bus || sticky || idleMilliseconds > 0; }
 
   static ModuleRoles parse(int argc, char** argv) {
@@ -305,11 +299,6 @@ int runTestModule(int argc, char** argv) {
   };
   delegate.connected = [&] {
     service = fn::AutoPtr<TestService>(new TestService(worker, name, lastObjects));
-    if (!roles.any()) {
-      worker.sendMessageToWorker(ipc::NO_WORKER, ipc::REGISTRY_OBJECT_ID,
-                                 fn::Value::map({{"module", name}, {"service", service}}));
-      return;
-    }
     if (roles.registerPriority)
       worker.registry()->registerObject(service, *roles.registerPriority);
     if (!roles.inspectors.empty()) {
@@ -357,40 +346,13 @@ int runTestModule(int argc, char** argv) {
   std::_Exit(0);
 }
 
-std::unique_ptr<ModuleProcess> ModuleProcess::start(fn::uv::Loop& loop,
-                                                    fn::String const& name,
-                                                    fn::String const& pipePath,
-                                                    std::vector<fn::String> const& roles) {
-  std::unique_ptr<ModuleProcess> module(new ModuleProcess(loop));
-  fn::uv::Process::Options options;
-  options.file = fn::uv::executablePath();
-  options.arguments = {"--module", name, pipePath};
-  options.arguments.insert(options.arguments.end(), roles.begin(), roles.end());
-  ModuleProcess* raw = module.get();
-  module->_process = fn::uv::Process::spawn(loop, options, [raw](int64_t status, int signal) {
-    raw->_exited = true;
-    raw->_exitStatus = signal ? -signal : status;
-  });
-  return module;
-}
-
-ModuleProcess::~ModuleProcess() {
-  if (_process && !_exited) {
-    _process->kill(SIGKILL);
-    waitForExit();
-  }
-}
-
-void ModuleProcess::kill(int signal) {
-  if (_process && !_exited)
-    _process->kill(signal);
-}
-
-int64_t ModuleProcess::waitForExit(fn::Duration timeout) {
-  if (!runLoopUntil(
-          _loop, [this] { return _exited; }, timeout))
-    ADD_FAILURE() << "the module process did not exit in time";
-  return _exitStatus;
+std::unique_ptr<ChildProcess> startTestModule(fn::uv::Loop& loop,
+                                              fn::String const& name,
+                                              fn::String const& pipePath,
+                                              std::vector<fn::String> const& roles) {
+  std::vector<fn::String> arguments = {"--module", name, pipePath};
+  arguments.insert(arguments.end(), roles.begin(), roles.end());
+  return ChildProcess::startRole(loop, arguments);
 }
 
 }  // namespace testing_support

@@ -7,27 +7,12 @@
 #include "core/ipc/payload.h"
 #include "core/ipc/worker.h"
 #include "core/typed_byte_array.h"
-#include "hub_fixture.h"
-#include "test_module.h"
+#include "module_fixture.h"
 
 using namespace testing_support;
 using CallContext = ipc::CallableObjectInstance::CallContext;
 
 namespace {
-
-struct Delegate : ipc::Worker::Delegate {
-  void workerDidConnect(ipc::Worker&) override {}
-  bool wantsIdleTermination(ipc::Worker&) override { return false; }
-  bool workerCanTerminate(ipc::Worker&) override { return false; }
-  void workerRequestsTermination(ipc::Worker&) override {}
-  void aboutToQuit(ipc::Worker&) override {}
-};
-
-struct Outcome {
-  bool settled = false;
-  fn::Value value;
-  std::exception_ptr error;
-};
 
 // A callable object in the test's own process.
 class Thing : public ipc::CallableObjectInstance {
@@ -49,21 +34,12 @@ protected:
   }
 };
 
-class CallableTest : public HubTest {
+// Module processes whose services the test's worker finds through the registry.
+class CallableTest : public ModuleTest {
 protected:
   void SetUp() override {
-    HubTest::SetUp();
-    worker = std::make_unique<ipc::Worker>(delegate, loop, hub().pipePath(), "T", "t-tag", false);
-    worker->registerObjectReferenceClass<ServiceReference>();
+    ModuleTest::SetUp();
     worker->registerObjectReferenceClass<ipc::CallableObjectReference>();
-    worker->connect();
-    ASSERT_TRUE(runLoopUntil(loop, [&] { return worker->connected(); }));
-    ipc::ObjectReferenceInitializer init{worker.get(), ipc::REGISTRY_OBJECT_ID, nullptr, "Lobby"};
-    lobby = fn::AutoPtr<Lobby>(new Lobby(init));
-    lobby->onPost = [this](fn::Value const& post) {
-      if (auto* service = post.get("service").objectAs<ServiceReference>())
-        services[post.at("module").asString()] = fn::AutoPtr<ServiceReference>(service);
-    };
   }
 
   void TearDown() override {
@@ -74,55 +50,28 @@ protected:
     for (auto& [name, module] : modules)
       module->waitForExit();
     EXPECT_TRUE(runLoopUntil(loop, [&] {
-      for (auto& [name, service] : services) {
+      for (auto& service : services) {
         if (!service->dead())
           return false;
       }
       return worker->objects().instanceCount() == 0;
     }));
     services.clear();
-    modules.clear();
-    lobby.reset();
-    drainLoop(loop);
-    worker.reset();
-    HubTest::TearDown();
+    ModuleTest::TearDown();
   }
 
+  /// The service of a new module `name`: registered last, it is the one a lookup finds.
   ServiceReference& startModule(fn::String const& name) {
-    modules[name] = ModuleProcess::start(loop, name, hub().pipePath());
-    EXPECT_TRUE(runLoopUntil(loop, [&] { return services.contains(name); }));
-    return *services[name];
-  }
-
-  /// Attaches a continuation that records the outcome; nothing runs before the loop does.
-  std::shared_ptr<Outcome> watch(fn::Promise<fn::Value> promise) {
-    auto outcome = std::make_shared<Outcome>();
-    promise.then(
-        [outcome](fn::Value value) {
-          EXPECT_FALSE(outcome->settled);
-          outcome->settled = true;
-          outcome->value = std::move(value);
-        },
-        [outcome](std::exception_ptr error) {
-          EXPECT_FALSE(outcome->settled);
-          outcome->settled = true;
-          outcome->error = error;
-        });
-    return outcome;
-  }
-
-  /// Runs the loop until the call ended and returns how.
-  Outcome await(fn::Promise<fn::Value> promise) {
-    auto outcome = watch(std::move(promise));
-    EXPECT_FALSE(outcome->settled) << "a continuation ran inside the call";
-    EXPECT_TRUE(runLoopUntil(loop, [&] { return outcome->settled; }));
-    return *outcome;
+    ModuleTest::startModule(name, {"register=0"});
+    awaitEntries(modules.size());
+    services.push_back(lookup());
+    return *services.back();
   }
 
   fn::Value call(ServiceReference& service, fn::String const& method, fn::Value argument = {}) {
-    Outcome outcome = await(service.callMethod(method, argument));
+    auto outcome = await(service.callMethod(method, argument));
     EXPECT_FALSE(outcome.error) << fn::describeException(outcome.error);
-    return outcome.value;
+    return outcome.value.value_or(fn::Value());
   }
 
   /// Runs the loop until `service` heard the event `name`; returns its argument.
@@ -141,11 +90,7 @@ protected:
     return argument;
   }
 
-  Delegate delegate;
-  std::unique_ptr<ipc::Worker> worker;
-  fn::AutoPtr<Lobby> lobby;
-  std::map<fn::String, fn::AutoPtr<ServiceReference>> services;
-  std::map<fn::String, std::unique_ptr<ModuleProcess>> modules;
+  std::vector<fn::AutoPtr<ServiceReference>> services;
 };
 
 }  // namespace
@@ -203,7 +148,7 @@ TEST_F(CallableTest, ErrorsArriveAsExceptionsWithEverythingTheyCarried) {
   ServiceReference& a = startModule("A");
 
   // A structured exception: class, message and all error information restored.
-  Outcome structured = await(a.callMethod("failStructured", {}));
+  auto structured = await(a.callMethod("failStructured", {}));
   auto const* file = exceptionAs<fn::FileException>(structured.error);
   ASSERT_NE(file, nullptr) << fn::describeException(structured.error);
   EXPECT_EQ(file->className(), "FileException");
@@ -218,14 +163,14 @@ TEST_F(CallableTest, ErrorsArriveAsExceptionsWithEverythingTheyCarried) {
   EXPECT_EQ(file->info().stackTrace, expected.stackTrace);
 
   // The library's own exception comes back as itself.
-  Outcome dead = await(a.callMethod("failObjectDead", {}));
+  auto dead = await(a.callMethod("failObjectDead", {}));
   auto const* objectDead = exceptionAs<ipc::ObjectDeadException>(dead.error);
   ASSERT_NE(objectDead, nullptr);
   EXPECT_EQ(objectDead->message(), "the tuner went away");
 
   // A class this process does not know: a runtime exception that still names it. Thrown by
   // the handler rather than sent, which answers the call all the same.
-  Outcome unknown = await(a.callMethod("failUnknownClass", {}));
+  auto unknown = await(a.callMethod("failUnknownClass", {}));
   auto const* runtime = exceptionAs<fn::RuntimeException>(unknown.error);
   ASSERT_NE(runtime, nullptr);
   EXPECT_EQ(runtime->className(), "RuntimeException");
@@ -237,7 +182,7 @@ TEST_F(CallableTest, ErrorsArriveAsExceptionsWithEverythingTheyCarried) {
        std::vector<std::pair<fn::String, fn::String>>{{"failValue", "disk full"},
                                                       {"throwStd", "plain failure"},
                                                       {"throwOther", "Unknown Exception"}}) {
-    Outcome outcome = await(a.callMethod(method, {}));
+    auto outcome = await(a.callMethod(method, {}));
     auto const* plain = exceptionAs<fn::RuntimeException>(outcome.error);
     ASSERT_NE(plain, nullptr) << method;
     EXPECT_EQ(plain->className(), "RuntimeException") << method;
@@ -383,7 +328,7 @@ TEST_F(CallableTest, OpenCallsFailWithObjectDeadExceptionWhenTheOwnerIsKilled) {
   EXPECT_EQ(a.pendingCallCount(), 0u);
 
   // A dead reference refuses at once, sending nothing and using no id.
-  Outcome refused = await(a.callMethod("echo", 1));
+  auto refused = await(a.callMethod("echo", 1));
   EXPECT_NE(exceptionAs<ipc::ObjectDeadException>(refused.error), nullptr);
   EXPECT_EQ(a.lastRequestId(), 3u);
   EXPECT_EQ(a.pendingCallCount(), 0u);
@@ -391,7 +336,7 @@ TEST_F(CallableTest, OpenCallsFailWithObjectDeadExceptionWhenTheOwnerIsKilled) {
 
 TEST(CallableLocal, CallsWithinOneProcessArePostedAndMalformedMessagesAreDropped) {
   fn::uv::Loop loop;
-  Delegate delegate;
+  TestDelegate delegate;
   ipc::Worker worker(delegate, loop, "/nonexistent", "L", "", false);
   worker.onMessage(fn::Value::map({{ipc::key::TYPE, ipc::type::HELLO}, {ipc::key::WORKER_ID, 4}}));
   {

@@ -168,8 +168,8 @@ TEST_F(HubTest, KilledWorkerIsAnnouncedAndItsReferencesReleased) {
   peerB->expect(messageWith(marker('y')));
   peerC->expect(messageWith(marker('z')));
 
-  peerB->kill(SIGKILL);
-  EXPECT_EQ(peerB->waitForExit(), -SIGKILL);
+  peerB->process().kill(SIGKILL);
+  EXPECT_EQ(peerB->process().waitForExit(), -SIGKILL);
 
   // First the release, as if B had released its two uses itself, then the notice.
   fn::Value released = peerA->expectType(type::INSTANCE_RELEASE);
@@ -198,13 +198,13 @@ TEST_F(HubTest, StoppedWorkerIsReportedNotRespondingButKeptConnected) {
       [&](auto const& info) { silent.push_back(info.workerId); });
   uint16_t a;
   auto peer = connect("A", a);
-  peer->kill(SIGSTOP);
+  peer->process().kill(SIGSTOP);
   ASSERT_TRUE(runLoopUntil(loop, [&] { return !silent.empty(); }));
   EXPECT_EQ(silent[0], a);
   EXPECT_EQ(hub().connectionCount(), 2u);  // the hub's own worker and A
 
   // Woken up, it answers the outstanding ping and is pinged again.
-  peer->kill(SIGCONT);
+  peer->process().kill(SIGCONT);
   LogCapture log;
   fn::logging::CategoryManager::instance().setThreshold("ipc.dispatcher", fn::logging::TRC);
   ASSERT_TRUE(runLoopUntil(loop, [&] { return log.contains("Received PONG from worker A ($1)"); }));
@@ -255,7 +255,7 @@ TEST_F(HubTest, BadInputEndsAtMostThatConnection) {
   // ended connection freed.
   garbage->sendRaw(fn::ByteArray{3, 0, 0, 0, 0xc1, 0xc1, 0xc1, 1, 0, 0, 0, 0xc0});
   EXPECT_EQ(healthy->expectType(type::WORKER_DEAD).at(key::WORKER_ID).asInt(), bad);
-  EXPECT_EQ(garbage->waitForExit(), 0);
+  EXPECT_EQ(garbage->process().waitForExit(), 0);
   EXPECT_TRUE(log.contains("Received read error MessageHelper failed to decode a frame"));
 
   // A frame over the limit: the connection ends before anything is allocated for it.
@@ -288,7 +288,7 @@ TEST_F(HubTest, RefusesAPeerOfAnotherUser) {
   LogCapture log;
   // The private directory alone keeps other users out...
   auto outsider = Peer::start(loop, hub().pipePath(), PeerOptions{.asNobody = true});
-  EXPECT_EQ(outsider->waitForExit(), 3);  // could not connect
+  EXPECT_EQ(outsider->process().waitForExit(), 3);  // could not connect
 
   // ...and with the directory opened up, the hub itself refuses the peer.
   fn::String directory = hub().pipePath().substr(0, hub().pipePath().rfind('/'));
@@ -296,7 +296,7 @@ TEST_F(HubTest, RefusesAPeerOfAnotherUser) {
   ::chmod(hub().pipePath().c_str(), 0777);
   auto intruder = Peer::start(loop, hub().pipePath(), PeerOptions{.asNobody = true});
   intruder->send(fn::Value::map({{key::TYPE, type::HELLO}, {key::DISPLAY_NAME, "intruder"}}));
-  EXPECT_EQ(intruder->waitForExit(), 0);  // the hub closed the connection
+  EXPECT_EQ(intruder->process().waitForExit(), 0);  // the hub closed the connection
   for (auto const& r : intruder->received())
     EXPECT_FALSE(isType(r, type::HELLO));
   EXPECT_TRUE(log.contains("Refusing a connection from user"));

@@ -75,8 +75,8 @@ protected:
     drainLoop(loop);
   }
 
-  ModuleProcess& startModule(fn::String const& name, std::vector<fn::String> const& roles) {
-    modules[name] = ModuleProcess::start(loop, name, hub().pipePath(), roles);
+  ChildProcess& startModule(fn::String const& name, std::vector<fn::String> const& roles) {
+    modules[name] = startTestModule(loop, name, hub().pipePath(), roles);
     return *modules[name];
   }
 
@@ -99,18 +99,25 @@ protected:
   std::shared_ptr<Settled<T>> watch(fn::Promise<T> promise) {
     auto outcome = std::make_shared<Settled<T>>();
     if constexpr (std::is_void_v<T>) {
-      promise.then([outcome] { outcome->settled = true; },
-                   [outcome](std::exception_ptr error) {
-                     outcome->settled = true;
-                     outcome->error = error;
-                   });
+      promise.then(
+          [outcome] {
+            EXPECT_FALSE(outcome->settled);
+            outcome->settled = true;
+          },
+          [outcome](std::exception_ptr error) {
+            EXPECT_FALSE(outcome->settled);
+            outcome->settled = true;
+            outcome->error = error;
+          });
     } else {
       promise.then(
           [outcome](T value) {
+            EXPECT_FALSE(outcome->settled);
             outcome->settled = true;
             outcome->value = std::move(value);
           },
           [outcome](std::exception_ptr error) {
+            EXPECT_FALSE(outcome->settled);
             outcome->settled = true;
             outcome->error = error;
           });
@@ -146,7 +153,7 @@ protected:
   TestDelegate delegate;
   ipc::Worker::Options workerOptions;
   std::unique_ptr<ipc::Worker> worker;
-  std::map<fn::String, std::unique_ptr<ModuleProcess>> modules;
+  std::map<fn::String, std::unique_ptr<ChildProcess>> modules;
 };
 
 }  // namespace testing_support

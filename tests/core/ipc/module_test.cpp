@@ -327,11 +327,7 @@ TEST_F(ModuleLaunchTest, NoModuleProcessOutlivesAKilledHub) {
     fn::String ready = directory + "/ready-" + (stopped ? "1" : "0");
     fn::String launches = directory + "/launches-" + (stopped ? "1" : "0");
     fn::Environment::set(variable(TEST_MODULE, "LAUNCHES").c_str(), launches);
-    fn::uv::Process::Options options;
-    options.file = fn::uv::executablePath();
-    options.arguments = {"--module-hub", ready};
-    bool hubEnded = false;
-    auto hubProcess = fn::uv::Process::spawn(loop, options, [&](int64_t, int) { hubEnded = true; });
+    auto hubProcess = ChildProcess::startRole(loop, {"--module-hub", ready});
     ASSERT_TRUE(pollUntil(
         loop, [&] { return fn::File(ready).exists(); }, fn::Duration::seconds(10)));
     int module = 0;
@@ -343,7 +339,7 @@ TEST_F(ModuleLaunchTest, NoModuleProcessOutlivesAKilledHub) {
     }
 
     hubProcess->kill(SIGKILL);
-    ASSERT_TRUE(runLoopUntil(loop, [&] { return hubEnded; }));
+    EXPECT_EQ(hubProcess->waitForExit(), -SIGKILL);
     EXPECT_TRUE(pollUntil(
         loop, [&] { return processEnded(module); }, fn::Duration::seconds(2)));
     if (!processEnded(module))

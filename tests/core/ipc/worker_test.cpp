@@ -167,7 +167,7 @@ TEST_F(WorkerTest, ReceivedReferencesAreCountedReleasedAndDieWithTheirOwner) {
   EXPECT_EQ(released.at(key::USAGE_COUNT), fn::Value(1));
 
   // P dies: the reference becomes dead, its signal fires once, then onObjectDead.
-  peer->kill(SIGKILL);
+  peer->process().kill(SIGKILL);
   ASSERT_TRUE(runLoopUntil(loop, [&] { return held->dead(); }));
   EXPECT_EQ(deadSignals, 1);
   EXPECT_EQ(held->deaths, 1);
