@@ -9,17 +9,10 @@
 namespace core {
 namespace {
 
-TEST(TypedByteArray, ConstructionAndText) {
-  TypedByteArray zeros(3);
-  EXPECT_EQ(zeros.bytes(), fn::ByteArray({0, 0, 0}));
-  EXPECT_TRUE(zeros.mimeType().empty());
-  EXPECT_EQ(zeros.toString(), fn::ByteArray({0, 0, 0}).toString());
-
-  TypedByteArray typed(fn::ByteArray{1, 2}, "image/png");
-  EXPECT_EQ(typed.toString(), "image/png " + fn::ByteArray({1, 2}).toString());
-  typed.setMimeType("image/jpeg");
-  EXPECT_EQ(typed.mimeType(), "image/jpeg");
-  EXPECT_TRUE(TypedByteArray(fn::String("text/plain")).bytes().empty());
+TEST(TypedByteArray, TextNamesTheMimeTypeBeforeTheBytes) {
+  EXPECT_EQ(TypedByteArray(3).toString(), fn::ByteArray({0, 0, 0}).toString());
+  EXPECT_EQ(TypedByteArray(fn::ByteArray{1, 2}, "image/png").toString(),
+            "image/png " + fn::ByteArray({1, 2}).toString());
 }
 
 TEST(TypedByteArray, StreamFormIsStringThenBinary) {
@@ -50,30 +43,21 @@ TEST(TypedByteArray, StreamFormIsStringThenBinary) {
   }
 }
 
-class MapContainer : public SimplePropertyContainer {
-protected:
+struct MapContainer : SimplePropertyContainer {
+  PropertyMap _map;
   PropertyMap const& propertyMap() const override { return _map; }
   PropertyMap& propertyMap() override { return _map; }
-
-private:
-  PropertyMap _map;
 };
 
-TEST(SimplePropertyContainer, StoresListsAndRemovesProperties) {
+TEST(SimplePropertyContainer, MissingPropertiesAndKindsAreTold) {
   MapContainer container;
   fn::Value fallback(42);
   EXPECT_EQ(&container.property("missing", fallback), &fallback);
-  EXPECT_FALSE(container.hasProperty("b"));
-
   container.setProperty("b", fn::Value("text"));
   container.setProperty("a", fn::Value(1));
-  container.setProperty("a", fn::Value(2));
-  EXPECT_EQ(container.propertyNames(), (std::vector<fn::String>{"a", "b"}));
-  EXPECT_EQ(container.property("a"), fn::Value(2));
   EXPECT_TRUE(container.hasProperty("b", fn::Value::Type::String));
   EXPECT_FALSE(container.hasProperty("b", fn::Value::Type::Integer));
   EXPECT_FALSE(container.hasProperty("c", fn::Value::Type::Null));
-
   container.removeProperty("b");
   container.removeProperty("never there");
   EXPECT_EQ(container.propertyNames(), std::vector<fn::String>{"a"});

@@ -91,15 +91,12 @@ TEST(Value, MapKeepsKeysOrderedWhateverTheInsertionOrder) {
   EXPECT_FALSE(map.contains("b"));
   EXPECT_EQ(map.get("b", Value(42)), Value(42));
   EXPECT_EQ(map.size(), 6u);
-}
 
-TEST(Value, NaNIsAUsableMapKey) {
+  // NaN is a usable key too.
   double nan = std::numeric_limits<double>::quiet_NaN();
-  Value map;
   map[Value(nan)] = 1;
   map[Value(nan)] = 2;
-  map[Value(0.5)] = 3;
-  EXPECT_EQ(map.size(), 2u);
+  EXPECT_EQ(map.size(), 7u);
   EXPECT_EQ(map.at(Value(nan)), Value(2));
   EXPECT_EQ(map, map);
 }
@@ -159,12 +156,6 @@ TEST(Value, ToStringRendersEveryKind) {
             "\"s\": \"a\\\"b\\n\"}");
   EXPECT_EQ(Value("\x01").toString(), "\"\\u0001\"");
 }
-
-}  // namespace
-}  // namespace fn
-
-namespace fn {
-namespace {
 
 TEST(Value, TextAndIntegerKeysAreFoundInSmallAndLargeMixedMaps) {
   for (int size : {3, 40}) {

@@ -209,24 +209,21 @@ private:
 class ModuleDelegate : public ipc::Worker::Delegate {
 public:
   std::function<void()> connected;
-  std::function<void()> terminationRequested;
-  bool idleTermination = false;
   void workerDidConnect(ipc::Worker&) override { connected(); }
-  bool wantsIdleTermination(ipc::Worker&) override { return idleTermination; }
-  bool workerCanTerminate(ipc::Worker&) override { return idleTermination; }
-  void workerRequestsTermination(ipc::Worker&) override { terminationRequested(); }
+  bool wantsIdleTermination(ipc::Worker&) override { return false; }
+  bool workerCanTerminate(ipc::Worker&) override { return false; }
+  void workerRequestsTermination(ipc::Worker&) override {}
   void aboutToQuit(ipc::Worker&) override {}
 };
 
 struct ModuleRoles {
   std::optional<int> registerPriority;
-  int64_t idleMilliseconds = 0;
   bool bus = false;
   bool sticky = false;
   fn::String tag;
   std::vector<fn::String> inspectors;
 
-  bool usesBus() const { return bus || sticky || idleMilliseconds > 0; }
+  bool usesBus() const { return bus || sticky; }
 
   static ModuleRoles parse(int argc, char** argv) {
     ModuleRoles roles;
@@ -234,8 +231,6 @@ struct ModuleRoles {
       std::string_view role = argv[i];
       if (role.starts_with("register="))
         roles.registerPriority = std::atoi(argv[i] + 9);
-      else if (role.starts_with("idle="))
-        roles.idleMilliseconds = std::atoll(argv[i] + 5);
       else if (role == "bus")
         roles.bus = true;
       else if (role == "sticky")
@@ -274,12 +269,8 @@ int runTestModule(int argc, char** argv) {
   ModuleRoles roles = ModuleRoles::parse(argc, argv);
   fn::uv::Loop loop;
   ModuleDelegate delegate;
-  delegate.idleTermination = roles.idleMilliseconds > 0;
-  ipc::Worker::Options options;
-  if (roles.idleMilliseconds > 0)
-    options.idleTimeout = fn::Duration::milliseconds(roles.idleMilliseconds);
   fn::String tag = roles.tag.empty() ? "module-" + name : roles.tag;
-  ipc::Worker worker(delegate, loop, argv[3], name, tag, delegate.idleTermination, options);
+  ipc::Worker worker(delegate, loop, argv[3], name, tag, false);
   worker.registerObjectReferenceClass<ServiceReference>();
   fn::AutoPtr<TestService> service;
   fn::Value lastObjects;
@@ -293,10 +284,6 @@ int runTestModule(int argc, char** argv) {
   fn::AutoPtr<core::InspectorRegistry> inspectorRegistry;
   std::vector<fn::Handle> subscriptions;
   int heard = 0;
-  delegate.terminationRequested = [&] {
-    if (bus)
-      bus->post("test.terminating", name);
-  };
   delegate.connected = [&] {
     service = fn::AutoPtr<TestService>(new TestService(worker, name, lastObjects));
     if (roles.registerPriority)

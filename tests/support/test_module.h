@@ -5,7 +5,7 @@
 // the hub and creates a callable "TestService" instance, which tests find through the
 // registry. The service's methods let tests drive answers, errors, cancellations, events and
 // object lifetimes in a separate process they can kill. The roles let the module register
-// its service, use the message bus, or terminate when idle, reporting on the bus.
+// its service, use the message bus or offer inspectors.
 // The module stops when its hub goes away.
 
 #include <functional>
@@ -41,9 +41,8 @@ protected:
 fn::ErrorInfo structuredErrorInfo();
 
 /// Starts the module `name` connected to the hub at `pipePath`. `roles`: "register=<priority>"
-/// registers the service under "TestService"; "idle=<milliseconds>" enables idle termination
-/// with that idle time and posts "test.terminating" (the module's name) on the bus when it asks
-/// to terminate; "bus" answers each "test.ping" with "test.pong"; "sticky" fetches the sticky
+/// registers the service under "TestService"; "bus" answers each "test.ping" with
+/// "test.pong"; "sticky" fetches the sticky
 /// messages, then listens to "test.config" and reports each delivery as "test.heard";
 /// "inspector=<name>" registers an inspector under that name (repeatable). Modules with a bus
 /// role post "test.ready" once set up; "tag=<tag>" is the tag its HELLO carries.

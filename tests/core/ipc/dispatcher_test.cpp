@@ -302,12 +302,3 @@ TEST_F(HubTest, RefusesAPeerOfAnotherUser) {
   EXPECT_TRUE(log.contains("Refusing a connection from user"));
   std::filesystem::remove_all(base);
 }
-
-TEST_F(HubTest, StopTellsEveryWorkerThenStopsTheLoop) {
-  uint16_t a;
-  auto peer = connect("A", a);
-  bool called = false;
-  hub().stop(fn::Duration::milliseconds(50), [&] { called = true; });
-  peer->expectType(type::ABOUT_TO_QUIT);
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return called; }));
-}

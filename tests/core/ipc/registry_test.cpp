@@ -78,25 +78,19 @@ TEST_F(RegistryTest, HighestPriorityWinsThenTheNewestAndDeadModulesDropOut) {
   awaitEntries(0);
 }
 
-TEST_F(RegistryTest, ALookupWaitsForAnInstanceRegisteredLater) {
+TEST_F(RegistryTest, ALookupWaitsForAnInstanceRegisteredLaterOrFailsNamingTheClass) {
   auto pending = watch(worker->registry()->getInstance("TestService", fn::Duration::seconds(10)));
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return hub().registry()->waiterCount() == 1; }));
+  auto missing = watch(worker->registry()->getInstance("NoSuchService", fn::Duration::seconds(1)));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return hub().registry()->waiterCount() == 2; }));
   EXPECT_FALSE(pending->settled);
 
   startModule("late", {"register=0"});
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return pending->settled; }));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return pending->settled && missing->settled; }));
   ASSERT_FALSE(pending->error) << fn::describeException(pending->error);
-  EXPECT_EQ(hub().registry()->waiterCount(), 0u);
   EXPECT_EQ(whoAmI(fn::AutoPtr<ServiceReference>(pending->value->objectAs<ServiceReference>())),
             "late");
-}
-
-TEST_F(RegistryTest, ALookupThatFindsNothingFailsNamingTheClass) {
-  auto outcome = await(worker->registry()->getInstance("NoSuchService", fn::Duration::seconds(1)));
-  ASSERT_TRUE(outcome.settled);
-  ASSERT_TRUE(outcome.error);
-  auto const* timedOut = exceptionAs<fn::OperationTimedOutException>(outcome.error);
-  ASSERT_NE(timedOut, nullptr) << fn::describeException(outcome.error);
+  auto const* timedOut = exceptionAs<fn::OperationTimedOutException>(missing->error);
+  ASSERT_NE(timedOut, nullptr) << fn::describeException(missing->error);
   EXPECT_EQ(timedOut->message(),
             "Object of class NoSuchService is not available. Try restarting Lumaren");
   EXPECT_EQ(hub().registry()->waiterCount(), 0u);
@@ -130,36 +124,6 @@ TEST_F(RegistryTest, HiddenEntriesAreSkippedAndShowingThemAgainAnswersWaiters) {
   // Our own instance comes home as its local reference.
   EXPECT_TRUE(service->local());
   EXPECT_EQ(whoAmI(fn::AutoPtr<ServiceReference>(service)), "local");
-}
-
-TEST_F(RegistryTest, AnIdleModuleHidesItsEntriesBeforeItAsksToTerminate) {
-  auto bus = await(ipc::MessageBus::lookup(*worker));
-  ASSERT_TRUE(bus.value) << fn::describeException(bus.error);
-  std::vector<fn::String> terminating;
-  fn::Handle listening =
-      (*bus.value)->listen("test.terminating", [&](fn::String const&, fn::Value const& body) {
-        terminating.push_back(body.asString());
-      });
-
-  startModule("fallback", {"register=1"});
-  awaitEntries(1);
-  // Its service is used by nobody but the registry, which does not keep it busy.
-  startModule("idle", {"register=5", "idle=500"});
-  awaitEntries(2);
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return !terminating.empty(); }));
-  EXPECT_EQ(terminating, std::vector<fn::String>{"idle"});
-
-  // Still registered, but hidden: lookups fall through to the next entry...
-  EXPECT_EQ(hub().registry()->entryCount("TestService"), 2u);
-  EXPECT_EQ(whoAmI(lookup()), "fallback");
-  // ...or wait when there is none, until their time-out.
-  killModule("fallback");
-  awaitEntries(1);
-  auto waiting = watch(worker->registry()->getInstance("TestService", fn::Duration::seconds(1)));
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return hub().registry()->waiterCount() == 1; }));
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return waiting->settled; }));
-  EXPECT_NE(exceptionAs<fn::OperationTimedOutException>(waiting->error), nullptr);
-  EXPECT_EQ(terminating.size(), 1u);
 }
 
 namespace {
