@@ -12,11 +12,10 @@
 #include "captured_process.h"
 #include "core/app_info.h"
 #include "core/inspector_registry.h"
-#include "core/ipc/dispatcher.h"
 #include "core/ipc/message_bus.h"
 #include "core/ipc/registry.h"
 #include "foundation/file.h"
-#include "peer.h"
+#include "hub_fixture.h"
 #include "test_module.h"
 
 using namespace testing_support;
@@ -54,27 +53,23 @@ struct CtlRun {
   fn::String err;
 };
 
-class CtlTest : public ::testing::Test {
+class CtlTest : public HubTest {
 protected:
   void SetUp() override {
     core::AppInfo::initialize(core::AppInfo::App::LUMAREN);
-    hub = std::make_unique<ipc::Dispatcher>(loop, fn::Duration::seconds(30));
-    hub->bind();
-    hub->start();
-    ASSERT_TRUE(runLoopUntil(loop, [this] { return hub->worker().connected(); }));
-    hub->worker().registerObjectReferenceClass<ServiceReference>();
+    HubTest::SetUp();
+    hub().worker().registerObjectReferenceClass<ServiceReference>();
   }
 
   void TearDown() override {
     service.reset();
-    hub.reset();
-    drainLoop(loop);
+    HubTest::TearDown();
   }
 
   void startService() {
-    service = startTestModule(loop, "svc", hub->pipePath(), {"register=0"});
+    service = startTestModule(loop, "svc", hub().pipePath(), {"register=0"});
     ASSERT_TRUE(
-        runLoopUntil(loop, [this] { return hub->registry()->entryCount("TestService") == 1; }));
+        runLoopUntil(loop, [this] { return hub().registry()->entryCount("TestService") == 1; }));
   }
 
   static fn::String ctlPath() {
@@ -89,7 +84,7 @@ protected:
     CapturedProcess::Options options;
     options.file = ctlPath();
     if (pipe)
-      arguments.insert(arguments.begin(), {"--pipe", hub->pipePath()});
+      arguments.insert(arguments.begin(), {"--pipe", hub().pipePath()});
     options.arguments = std::move(arguments);
     options.environment = std::move(environment);
     return CapturedProcess::start(loop, options);
@@ -105,8 +100,6 @@ protected:
 
   static Json json(fn::String const& text) { return Json::parse(std::string_view(text)); }
 
-  fn::uv::Loop loop;
-  std::unique_ptr<ipc::Dispatcher> hub;
   std::unique_ptr<ChildProcess> service;
 };
 
@@ -211,9 +204,9 @@ TEST_F(CtlTest, FindsTheHubOrSaysWhyNot) {
   // The pipe from a pipe file, from the environment, and from the default pipe file in the
   // runtime directory.
   fn::String pipeFile = fn::String(::testing::TempDir()) + "ctl-hub.pipe";
-  fn::File(pipeFile).writeAll(fn::ByteArray(hub->pipePath() + "\n"), 0600);
+  fn::File(pipeFile).writeAll(fn::ByteArray(hub().pipePath() + "\n"), 0600);
   EXPECT_EQ(ctl({"--pipe-file", pipeFile, "lookup", "ipc::MessageBus"}, false).status, 0);
-  EXPECT_EQ(ctl({"lookup", "ipc::MessageBus"}, false, {"LUMAREN_PIPE=" + hub->pipePath()}).status,
+  EXPECT_EQ(ctl({"lookup", "ipc::MessageBus"}, false, {"LUMAREN_PIPE=" + hub().pipePath()}).status,
             0);
   fn::String runtime = fn::String(::testing::TempDir()) + "ctl-runtime";
   ::mkdir(runtime.c_str(), 0700);
@@ -223,17 +216,17 @@ TEST_F(CtlTest, FindsTheHubOrSaysWhyNot) {
   EXPECT_TRUE(noFile.err.startsWith("lumaren-ctl: cannot find the hub: there is no pipe file " +
                                     runtime + "/lumaren/hub.pipe"))
       << noFile.err;
-  fn::File(runtime + "/lumaren/hub.pipe").writeAll(fn::ByteArray(hub->pipePath()), 0600);
+  fn::File(runtime + "/lumaren/hub.pipe").writeAll(fn::ByteArray(hub().pipePath()), 0600);
   auto byDefault = ctl({"lookup", "ipc::MessageBus"}, false, {"XDG_RUNTIME_DIR=" + runtime});
   EXPECT_EQ(byDefault.status, 0) << byDefault.err;
-  EXPECT_EQ(json(byDefault.out)["object"], hub->messageBus()->objectId());
+  EXPECT_EQ(json(byDefault.out)["object"], hub().messageBus()->objectId());
 }
 
 TEST_F(CtlTest, HubGoingAwayEndsTheCommand) {
   auto waiting = startCtl({"--timeout", "30", "lookup", "NoSuchService"});
-  ASSERT_TRUE(runLoopUntil(loop, [this] { return hub->registry()->waiterCount() == 1; }));
-  fn::String pipe = hub->pipePath();
-  hub.reset();
+  ASSERT_TRUE(runLoopUntil(loop, [this] { return hub().registry()->waiterCount() == 1; }));
+  fn::String pipe = hub().pipePath();
+  stopHub();
   EXPECT_EQ(waiting->waitForExit(), 5);
   EXPECT_TRUE(waiting->err().startsWith("lumaren-ctl: lost the hub at " + pipe + ": "))
       << waiting->err();
@@ -244,7 +237,7 @@ TEST_F(CtlTest, PostedStickyMessageIsWatchedLaterAndLiveOnesFollow) {
   EXPECT_EQ(posted.status, 0) << posted.err;
   EXPECT_EQ(posted.out, "");
   // The tool left only after the hub relayed the message, so the hub keeps it by now.
-  ASSERT_TRUE(hub->messageBus()->stickyMessages().contains("test.config"));
+  ASSERT_TRUE(hub().messageBus()->stickyMessages().contains("test.config"));
 
   auto once = ctl({"watch", "test.config", "--count", "1"});
   EXPECT_EQ(once.status, 0) << once.err;
@@ -268,15 +261,15 @@ TEST_F(CtlTest, PostedStickyMessageIsWatchedLaterAndLiveOnesFollow) {
 }
 
 TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
-  service = startTestModule(loop, "svc", hub->pipePath(), {"inspector=tuner"});
+  service = startTestModule(loop, "svc", hub().pipePath(), {"inspector=tuner"});
   fn::AutoPtr<core::InspectorRegistry> registry;
-  core::InspectorRegistry::lookup(hub->worker()).then([&](auto found) { registry = found; });
+  core::InspectorRegistry::lookup(hub().worker()).then([&](auto found) { registry = found; });
   ASSERT_TRUE(runLoopUntil(loop, [&] { return registry.get() != nullptr; }));
   std::optional<unsigned> id;
   registry->registerInspector("trail", fn::AutoPtr<core::Inspector>(new TrailInspector))
       .then([&](unsigned registered) { id = registered; });
   ASSERT_TRUE(
-      runLoopUntil(loop, [&] { return id && hub->inspectorRegistry()->inspectorCount() == 2; }));
+      runLoopUntil(loop, [&] { return id && hub().inspectorRegistry()->inspectorCount() == 2; }));
   fn::String trail = registry->keyOf(*id);
   fn::String tuner = fn::ByteArray(fn::String("tuner")).SHA256().base64();
 
@@ -307,7 +300,7 @@ TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
 
   CapturedProcess::Options interactive;
   interactive.file = ctlPath();
-  interactive.arguments = {"--pipe", hub->pipePath(), "inspect", trail, "-i"};
+  interactive.arguments = {"--pipe", hub().pipePath(), "inspect", trail, "-i"};
   interactive.input = "1\n9\n2\nx\n3\n\n1\n";
   auto browsing = CapturedProcess::start(loop, interactive);
   EXPECT_EQ(browsing->waitForExit(), 0) << browsing->err();

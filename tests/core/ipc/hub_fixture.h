@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "core/ipc/dispatcher.h"
+#include "core/ipc/worker.h"
 #include "log_capture.h"
 #include "peer.h"
 
@@ -23,9 +24,32 @@ E const* exceptionAs(std::exception_ptr const& error) {
   }
 }
 
+/// The owner of a test's worker: it counts what it hears and never terminates unless a test
+/// says so.
+struct TestDelegate : ipc::Worker::Delegate {
+  bool idleTermination = false;
+  std::function<bool()> canTerminate = [] { return false; };
+  int connects = 0, terminationRequests = 0, quits = 0;
+
+  void workerDidConnect(ipc::Worker&) override { ++connects; }
+  bool wantsIdleTermination(ipc::Worker&) override { return idleTermination; }
+  bool workerCanTerminate(ipc::Worker&) override { return canTerminate(); }
+  void workerRequestsTermination(ipc::Worker&) override { ++terminationRequests; }
+  void aboutToQuit(ipc::Worker&) override { ++quits; }
+};
+
 /// A hub on a loop of the test's own, with peers connecting to it as worker processes.
 class HubTest : public ::testing::Test {
+private:
+  std::unique_ptr<fn::uv::Loop> _ownLoop;
+
 protected:
+  /// On a loop of the test's own, or on the process's default loop, where in-process modules
+  /// run.
+  explicit HubTest(bool onDefaultLoop = false)
+      : _ownLoop(onDefaultLoop ? nullptr : std::make_unique<fn::uv::Loop>()),
+        loop(onDefaultLoop ? fn::uv::Loop::defaultLoop() : *_ownLoop) {}
+
   void SetUp() override { startHub(fn::Duration::seconds(30)); }
   void TearDown() override {
     _hub.reset();
@@ -41,6 +65,7 @@ protected:
   }
 
   ipc::Dispatcher& hub() { return *_hub; }
+  void stopHub() { _hub.reset(); }
 
   /// A peer that said HELLO; its worker id is in `id`.
   std::unique_ptr<Peer> connect(fn::String const& name, uint16_t& id, PeerOptions options = {}) {
@@ -83,7 +108,7 @@ protected:
     };
   }
 
-  fn::uv::Loop loop;
+  fn::uv::Loop& loop;
 
 private:
   std::unique_ptr<ipc::Dispatcher> _hub;

@@ -17,19 +17,6 @@
 
 namespace testing_support {
 
-/// The test worker's owner: it never terminates unless a test says so.
-struct TestDelegate : ipc::Worker::Delegate {
-  bool idleTermination = false;
-  std::function<bool()> canTerminate = [] { return false; };
-  int terminationRequests = 0;
-
-  void workerDidConnect(ipc::Worker&) override {}
-  bool wantsIdleTermination(ipc::Worker&) override { return idleTermination; }
-  bool workerCanTerminate(ipc::Worker&) override { return canTerminate(); }
-  void workerRequestsTermination(ipc::Worker&) override { ++terminationRequests; }
-  void aboutToQuit(ipc::Worker&) override {}
-};
-
 /// How a promise ended.
 template <typename T>
 struct Settled {
@@ -45,6 +32,8 @@ struct Settled<void> {
 
 class ModuleTest : public HubTest {
 protected:
+  explicit ModuleTest(bool onDefaultLoop = false) : HubTest(onDefaultLoop) {}
+
   void SetUp() override {
     core::AppInfo::initialize(core::AppInfo::App::LUMAREN);
     HubTest::SetUp();
@@ -52,6 +41,8 @@ protected:
     worker = std::make_unique<ipc::Worker>(delegate, loop, hub().pipePath(), "T", "t-tag",
                                            delegate.idleTermination, workerOptions);
     worker->registerObjectReferenceClass<ServiceReference>();
+    lostHub =
+        worker->onDisconnected().connect([this](fn::uv::Status const&) { workerLost = true; });
     worker->connect();
     ASSERT_TRUE(runLoopUntil(loop, [&] { return worker->connected(); }));
     ASSERT_TRUE(worker->registry());
@@ -65,11 +56,8 @@ protected:
     modules.clear();
     // The hub goes before our worker: losing it gives up the uses it counted of our
     // instances (the registry's among them), so they are freed while the worker still lives.
-    bool lost = false;
-    fn::Handle watching =
-        worker->onDisconnected().connect([&](fn::uv::Status const&) { lost = true; });
     HubTest::TearDown();
-    EXPECT_TRUE(runLoopUntil(loop, [&] { return lost; }));
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return workerLost; }));
     drainLoop(loop);
     worker.reset();
     drainLoop(loop);
@@ -153,6 +141,8 @@ protected:
   TestDelegate delegate;
   ipc::Worker::Options workerOptions;
   std::unique_ptr<ipc::Worker> worker;
+  bool workerLost = false;
+  fn::Handle lostHub;
   std::map<fn::String, std::unique_ptr<ChildProcess>> modules;
 };
 

@@ -37,7 +37,7 @@ bool pollUntil(fn::uv::Loop& loop, std::function<bool()> const& done, fn::Durati
 
 /// A hub on the default loop, where in-process modules run, and a worker of the test's own
 /// that looks services up and hears the modules on the bus.
-class ModuleLaunchTest : public ::testing::Test {
+class ModuleLaunchTest : public ModuleTest {
 protected:
   struct Launchable {
     std::unique_ptr<ipc::ModuleDefinition> definition;
@@ -45,8 +45,9 @@ protected:
     fn::Handle watch;
   };
 
+  ModuleLaunchTest() : ModuleTest(/*onDefaultLoop=*/true) {}
+
   void SetUp() override {
-    core::AppInfo::initialize(core::AppInfo::App::LUMAREN);
     char pattern[] = "/tmp/lumaren-modules-XXXXXX";
     ASSERT_NE(::mkdtemp(pattern), nullptr);
     directory = pattern;
@@ -54,17 +55,11 @@ protected:
       for (char const* suffix : {"MODE", "LAUNCHES", "IDLE_MS"})
         fn::Environment::unset(variable(copy, suffix).c_str());
     }
-    hub = std::make_unique<ipc::Dispatcher>(loop, fn::Duration::seconds(30));
-    hub->bind();
-    hub->start();
-    ASSERT_TRUE(runLoopUntil(loop, [&] { return hub->worker().connected(); }));
-    registerServiceReferences(hub->worker());
-    hubConnections = hub->onWorkerConnected().connect(
-        [this](ipc::Dispatcher::WorkerInfo const& info) { connectedTags.push_back(info.tag); });
-    worker = std::make_unique<ipc::Worker>(delegate, loop, hub->pipePath(), "T", "t-tag", false);
+    ModuleTest::SetUp();
+    registerServiceReferences(hub().worker());
     registerServiceReferences(*worker);
-    worker->connect();
-    ASSERT_TRUE(runLoopUntil(loop, [&] { return worker->connected(); }));
+    hubConnections = hub().onWorkerConnected().connect(
+        [this](ipc::Dispatcher::WorkerInfo const& info) { connectedTags.push_back(info.tag); });
     bus = await(ipc::MessageBus::lookup(*worker)).value.value_or(nullptr);
     ASSERT_TRUE(bus);
     for (auto* heard : {&connected, &terminating}) {
@@ -86,16 +81,7 @@ protected:
     ipc::Module::destroyInProcessModules();
     subscriptions.clear();
     bus.reset();
-    if (hub) {
-      bool lost = false;
-      fn::Handle watching =
-          worker->onDisconnected().connect([&](fn::uv::Status const&) { lost = true; });
-      hub.reset();
-      EXPECT_TRUE(runLoopUntil(loop, [&] { return lost; }));
-    }
-    drainLoop(loop);
-    worker.reset();
-    drainLoop(loop);
+    ModuleTest::TearDown();
     std::filesystem::remove_all(std::string(directory));
   }
 
@@ -122,15 +108,6 @@ protected:
     return found;
   }
 
-  template <typename T>
-  Settled<T> await(fn::Promise<T> promise) {
-    auto outcome = std::make_shared<Settled<T>>();
-    promise.then([outcome](T value) { outcome->value = std::move(value); },
-                 [outcome](std::exception_ptr error) { outcome->error = error; });
-    EXPECT_TRUE(runLoopUntil(loop, [&] { return outcome->value || outcome->error; }));
-    return *outcome;
-  }
-
   /// The result of `method` called on the current service of `copy`.
   fn::Value call(fn::String const& copy, fn::String const& method, fn::Value argument = {}) {
     auto found = await(worker->registry()->getInstance(serviceClass(copy)));
@@ -141,13 +118,9 @@ protected:
     return result.value ? *result.value : fn::Value(fn::describeException(result.error));
   }
 
-  fn::uv::Loop& loop = fn::uv::Loop::defaultLoop();
   fn::String directory;
-  std::unique_ptr<ipc::Dispatcher> hub;
   fn::Handle hubConnections;
   std::vector<fn::String> connectedTags;
-  TestDelegate delegate;
-  std::unique_ptr<ipc::Worker> worker;
   fn::AutoPtr<ipc::MessageBus> bus;
   std::vector<fn::Handle> subscriptions;
   std::vector<fn::Value> connected, terminating;
@@ -165,7 +138,7 @@ TEST_F(ModuleLaunchTest, AnExternalModuleRunsInTheLoaderAndIsReportedWhenItEnds)
   fn::String root = fn::PathManager::instance().applicationDirectory();
   EXPECT_EQ(external->executablePath(), root + "/bin/Lumaren.ModuleLoader");
 
-  external->launch(*hub, "tag-1");
+  external->launch(hub(), "tag-1");
   ASSERT_TRUE(external->processInfo());
   auto launching = log.matching("About to launch module loader at " + external->executablePath());
   ASSERT_EQ(launching.size(), 1u);
@@ -182,7 +155,7 @@ TEST_F(ModuleLaunchTest, AnExternalModuleRunsInTheLoaderAndIsReportedWhenItEnds)
   // Killed through the definition: forgotten at once, so that it can launch again.
   external->kill(true);
   EXPECT_FALSE(external->processInfo());
-  external->launch(*hub, "tag-2");
+  external->launch(hub(), "tag-2");
   EXPECT_EQ(awaitConnected("tag-2").get("pid"), fn::Value(external->processInfo()->pid));
   EXPECT_EQ(call(TEST_MODULE, "whoAmI").get("tag"), fn::Value("tag-2"));
 
@@ -190,7 +163,7 @@ TEST_F(ModuleLaunchTest, AnExternalModuleRunsInTheLoaderAndIsReportedWhenItEnds)
   ::kill(external->processInfo()->pid, SIGTERM);
   ASSERT_TRUE(runLoopUntil(loop, [&] { return !module.exits.empty(); }));
   EXPECT_FALSE(external->processInfo());
-  external->launch(*hub, "tag-3");
+  external->launch(hub(), "tag-3");
   awaitConnected("tag-3");
   worker->registry()->getInstance(serviceClass(TEST_MODULE)).then([](fn::Value service) {
     service.objectAs<ipc::CallableObjectReference>()->callMethod("exit", 3);
@@ -204,20 +177,20 @@ TEST_F(ModuleLaunchTest, AnExternalModuleRunsInTheLoaderAndIsReportedWhenItEnds)
 TEST_F(ModuleLaunchTest, AModuleThatCannotBeLoadedFailsClearly) {
   // Launched by the hub, it ends with that failure before it ever connects.
   auto& external = define("Missing", false);
-  external.definition->launch(*hub, "missing");
+  external.definition->launch(hub(), "missing");
   ASSERT_TRUE(runLoopUntil(loop, [&] { return !external.exits.empty(); }));
   EXPECT_EQ(external.exits[0], std::make_pair(1LL, 0));
   // In process, the launch itself fails, and may be tried again.
   auto& inProcess = define("Missing", true);
-  EXPECT_THROW(inProcess.definition->launch(*hub, "m-2"), fn::SharedLibraryException);
-  EXPECT_THROW(inProcess.definition->launch(*hub, "m-3"), fn::SharedLibraryException);
+  EXPECT_THROW(inProcess.definition->launch(hub(), "m-2"), fn::SharedLibraryException);
+  EXPECT_THROW(inProcess.definition->launch(hub(), "m-3"), fn::SharedLibraryException);
   EXPECT_EQ(ipc::Module::inProcessModuleCount(), 0u);
 }
 
 TEST_F(ModuleLaunchTest, InProcessModulesRunInTheHubAndCannotBeKilled) {
   LogCapture log;
   auto& first = define(TEST_MODULE_B, true);
-  first.definition->launch(*hub, "in-1");
+  first.definition->launch(hub(), "in-1");
   // The entry point returned at once; the module connects on the hub's own loop.
   EXPECT_EQ(ipc::Module::inProcessModuleCount(), 1u);
   fn::Value hello = awaitConnected("in-1");
@@ -226,7 +199,7 @@ TEST_F(ModuleLaunchTest, InProcessModulesRunInTheHubAndCannotBeKilled) {
   EXPECT_EQ(call(TEST_MODULE_B, "whoAmI").get("tag"), fn::Value("in-1"));
   ASSERT_TRUE(ipc::MessageBus::processBus());
 
-  first.definition->launch(*hub, "in-2");
+  first.definition->launch(hub(), "in-2");
   first.definition->kill(true);
   for (char const* text : {"Shared library for module TestModuleB has already been loaded",
                            "Can't kill in-process module TestModuleB"}) {
@@ -238,7 +211,7 @@ TEST_F(ModuleLaunchTest, InProcessModulesRunInTheHubAndCannotBeKilled) {
   EXPECT_EQ(call(TEST_MODULE_B, "echo", "still here"), fn::Value("still here"));
 
   // A second module of the process finds the bus there already.
-  define(TEST_MODULE, true).definition->launch(*hub, "in-3");
+  define(TEST_MODULE, true).definition->launch(hub(), "in-3");
   awaitConnected("in-3");
   EXPECT_EQ(call(TEST_MODULE, "whoAmI").get("tag"), fn::Value("in-3"));
 
@@ -247,8 +220,8 @@ TEST_F(ModuleLaunchTest, InProcessModulesRunInTheHubAndCannotBeKilled) {
   EXPECT_EQ(ipc::Module::inProcessModuleCount(), 0u);
   EXPECT_FALSE(ipc::MessageBus::processBus());
   EXPECT_TRUE(runLoopUntil(loop, [&] {
-    return hub->registry()->entryCount(serviceClass(TEST_MODULE)) +
-               hub->registry()->entryCount(serviceClass(TEST_MODULE_B)) ==
+    return hub().registry()->entryCount(serviceClass(TEST_MODULE)) +
+               hub().registry()->entryCount(serviceClass(TEST_MODULE_B)) ==
            0;
   }));
 }
@@ -257,13 +230,13 @@ TEST_F(ModuleLaunchTest, AnIdleModuleHidesItsServiceAndEnds) {
   fn::Environment::set(variable(TEST_MODULE, "MODE").c_str(), "idle");
   fn::Environment::set(variable(TEST_MODULE, "IDLE_MS").c_str(), "300");
   auto& module = define(TEST_MODULE, false);
-  module.definition->launch(*hub, "idle-1");
+  module.definition->launch(hub(), "idle-1");
   awaitConnected("idle-1");
 
   // Nobody uses its service, so it asks to end; by then its entry is hidden, not gone.
   ASSERT_TRUE(runLoopUntil(loop, [&] { return !terminating.empty(); }));
   EXPECT_EQ(terminating[0].get("tag"), fn::Value("idle-1"));
-  EXPECT_EQ(hub->registry()->entryCount(serviceClass(TEST_MODULE)), 1u);
+  EXPECT_EQ(hub().registry()->entryCount(serviceClass(TEST_MODULE)), 1u);
   auto lookup = await(
       worker->registry()->getInstance(serviceClass(TEST_MODULE), fn::Duration::milliseconds(200)));
   EXPECT_NE(exceptionAs<fn::OperationTimedOutException>(lookup.error), nullptr);
@@ -276,16 +249,13 @@ TEST_F(ModuleLaunchTest, AnIdleModuleHidesItsServiceAndEnds) {
 
 TEST_F(ModuleLaunchTest, AModuleProcessEndsWithItsHub) {
   auto& module = define(TEST_MODULE, false);
-  module.definition->launch(*hub, "ends");
+  module.definition->launch(hub(), "ends");
   awaitConnected("ends");
   subscriptions.clear();
   bus.reset();
-  bool lost = false;
-  fn::Handle watching =
-      worker->onDisconnected().connect([&](fn::uv::Status const&) { lost = true; });
-  hub.reset();
+  stopHub();
   // Its worker lost the connection and the module stopped: a clean exit, no signal.
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return !module.exits.empty() && lost; }));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return !module.exits.empty() && workerLost; }));
   EXPECT_EQ(module.exits[0], std::make_pair(0LL, 0));
 }
 

@@ -12,18 +12,6 @@ namespace type = ipc::type;
 
 namespace {
 
-struct Delegate : ipc::Worker::Delegate {
-  void workerDidConnect(ipc::Worker&) override { ++connects; }
-  bool wantsIdleTermination(ipc::Worker&) override { return wantsIdle; }
-  bool workerCanTerminate(ipc::Worker&) override { return true; }
-  void workerRequestsTermination(ipc::Worker&) override { ++terminationRequests; }
-  void aboutToQuit(ipc::Worker&) override { ++quits; }
-  int connects = 0;
-  int terminationRequests = 0;
-  int quits = 0;
-  bool wantsIdle = false;
-};
-
 class Counter : public ipc::ObjectInstance {
 public:
   explicit Counter(ipc::Worker& worker) : ipc::ObjectInstance(worker) {}
@@ -64,7 +52,7 @@ protected:
     EXPECT_TRUE(runLoopUntil(loop, [&] { return worker->connected(); }));
     return worker;
   }
-  Delegate delegate;
+  TestDelegate delegate;
 };
 
 }  // namespace
@@ -176,7 +164,8 @@ TEST_F(WorkerTest, ReceivedReferencesAreCountedReleasedAndDieWithTheirOwner) {
 TEST_F(WorkerTest, IdleWorkerRequestsTerminationOnlyWhenNothingIsInUse) {
   uint16_t p;
   auto peer = connect("P", p);
-  delegate.wantsIdle = true;
+  delegate.idleTermination = true;
+  delegate.canTerminate = [] { return true; };
   auto worker =
       makeWorker(ipc::Worker::Options{.idleTimeout = fn::Duration::milliseconds(20)}, true);
   fn::AutoPtr<Counter> counter(new Counter(*worker));
@@ -193,8 +182,8 @@ TEST_F(WorkerTest, IdleWorkerRequestsTerminationOnlyWhenNothingIsInUse) {
   EXPECT_EQ(delegate.terminationRequests, 1);
 
   // With idle termination disabled nothing is ever requested.
-  Delegate other;
-  other.wantsIdle = true;
+  TestDelegate other;
+  other.idleTermination = true;
   ipc::Worker keeper(other, loop, hub().pipePath(), "K", "", false,
                      ipc::Worker::Options{.idleTimeout = fn::Duration::milliseconds(1)});
   keeper.connect();
@@ -230,7 +219,7 @@ TEST_F(WorkerTest, HubNoticesReachTheDelegateAndALostHubIsSignalled) {
 
 TEST(ObjectLocal, DeliveriesArePostedAndConstructorMessagesWaitForReadiness) {
   fn::uv::Loop loop;
-  Delegate delegate;
+  TestDelegate delegate;
   // A worker that never connects still owns objects once it has an id; give it one through
   // the HELLO reply it would receive.
   ipc::Worker worker(delegate, loop, "/nonexistent", "L", "", false);
