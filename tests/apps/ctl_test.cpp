@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "captured_process.h"
+#include "child_process.h"
 #include "core/app_info.h"
 #include "core/inspector_registry.h"
 #include "core/ipc/message_bus.h"
@@ -78,16 +78,15 @@ protected:
   }
 
   /// The tool with `arguments`, told the hub's pipe unless `pipe` is false.
-  std::unique_ptr<CapturedProcess> startCtl(std::vector<fn::String> arguments,
-                                            bool pipe = true,
-                                            std::vector<fn::String> environment = {}) {
-    CapturedProcess::Options options;
-    options.file = ctlPath();
+  std::unique_ptr<ChildProcess> startCtl(std::vector<fn::String> arguments,
+                                         bool pipe = true,
+                                         std::vector<fn::String> environment = {}) {
     if (pipe)
       arguments.insert(arguments.begin(), {"--pipe", hub().pipePath()});
-    options.arguments = std::move(arguments);
-    options.environment = std::move(environment);
-    return CapturedProcess::start(loop, options);
+    return ChildProcess::start(loop, {.file = ctlPath(),
+                                      .arguments = std::move(arguments),
+                                      .environment = std::move(environment),
+                                      .capture = true});
   }
 
   CtlRun ctl(std::vector<fn::String> arguments,
@@ -298,11 +297,11 @@ TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
             "# {\"step\":1}\n1. step 1\n2. back -> {\"step\":2}\n3. next -> {\"step\":2}\n"
             "4. detour -> \"detour\"\n");
 
-  CapturedProcess::Options interactive;
-  interactive.file = ctlPath();
-  interactive.arguments = {"--pipe", hub().pipePath(), "inspect", trail, "-i"};
-  interactive.input = "1\n9\n2\nx\n3\n\n1\n";
-  auto browsing = CapturedProcess::start(loop, interactive);
+  auto browsing =
+      ChildProcess::start(loop, {.file = ctlPath(),
+                                 .arguments = {"--pipe", hub().pipePath(), "inspect", trail, "-i"},
+                                 .capture = true,
+                                 .input = "1\n9\n2\nx\n3\n\n1\n"});
   EXPECT_EQ(browsing->waitForExit(), 0) << browsing->err();
   EXPECT_EQ(std::ranges::count(browsing->out(), '#'), 3) << browsing->out();
   EXPECT_TRUE(

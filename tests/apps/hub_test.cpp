@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "captured_process.h"
+#include "child_process.h"
 #include "foundation/file.h"
 #include "peer.h"
 
@@ -44,20 +44,19 @@ protected:
   /// A hub from `config`, with its default pipe file in a runtime directory of the test's own.
   void startHub(fn::String const& config) {
     fn::File(dir + "/hub.json").writeAll(fn::ByteArray(config), 0600);
-    CapturedProcess::Options options;
-    options.file = besideMe("lumaren-hub");
-    options.arguments = {"--config", dir + "/hub.json", "--pipe-file", dir + "/pipe"};
-    options.environment = {"XDG_RUNTIME_DIR=" + dir};
-    hub = CapturedProcess::start(loop, options);
+    hub = ChildProcess::start(
+        loop, {.file = besideMe("lumaren-hub"),
+               .arguments = {"--config", dir + "/hub.json", "--pipe-file", dir + "/pipe"},
+               .environment = {"XDG_RUNTIME_DIR=" + dir},
+               .capture = true});
   }
 
   /// lumaren-ctl against the hub, through the default pipe file the hub wrote.
   std::pair<int64_t, fn::String> ctl(std::vector<fn::String> arguments) {
-    CapturedProcess::Options options;
-    options.file = besideMe("lumaren-ctl");
-    options.arguments = std::move(arguments);
-    options.environment = {"XDG_RUNTIME_DIR=" + dir};
-    auto child = CapturedProcess::start(loop, options);
+    auto child = ChildProcess::start(loop, {.file = besideMe("lumaren-ctl"),
+                                            .arguments = std::move(arguments),
+                                            .environment = {"XDG_RUNTIME_DIR=" + dir},
+                                            .capture = true});
     int64_t status = child->waitForExit();
     return {status, child->out() + child->err()};
   }
@@ -68,14 +67,12 @@ protected:
 
   fn::uv::Loop loop;
   fn::String dir;
-  std::unique_ptr<CapturedProcess> hub;
+  std::unique_ptr<ChildProcess> hub;
 };
 
 TEST_F(HubAppTest, DemoRunsTheExampleModulesAndEndsByItself) {
-  CapturedProcess::Options options;
-  options.file = besideMe("lumaren-hub");
-  options.arguments = {"--demo"};
-  auto demo = CapturedProcess::start(loop, options);
+  auto demo = ChildProcess::start(
+      loop, {.file = besideMe("lumaren-hub"), .arguments = {"--demo"}, .capture = true});
   ASSERT_EQ(demo->waitForExit(fn::Duration::seconds(40)), 0) << demo->out() << demo->err();
   for (char const* line : {
            "[announcer] posted the sticky bus message demo.greeting",

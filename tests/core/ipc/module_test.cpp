@@ -8,7 +8,7 @@
 #include <fstream>
 #include <list>
 
-#include "captured_process.h"
+#include "child_process.h"
 #include "child_role.h"
 #include "core/ipc/module_definition.h"
 #include "foundation/environment.h"

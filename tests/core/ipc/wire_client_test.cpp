@@ -3,8 +3,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "child_process.h"
 #include "foundation/file.h"
-#include "foundation/uv/process.h"
 #include "hub_fixture.h"
 
 using namespace testing_support;
@@ -21,12 +21,9 @@ TEST_F(HubTest, IndependentPythonClientIsRoutedAndAccounted) {
   bool pythonConnected = false;
   auto connected = hub().onWorkerConnected().connect(
       [&](auto const& info) { pythonConnected = pythonConnected || info.displayName == "python"; });
-  std::optional<int64_t> exitStatus;
-  fn::uv::Process::Options options;
-  options.file = "/usr/bin/python3";
-  options.arguments = {WIRE_CLIENT_SCRIPT, hub().pipePath(), report};
-  auto python =
-      fn::uv::Process::spawn(loop, options, [&](int64_t status, int) { exitStatus = status; });
+  auto python = ChildProcess::start(
+      loop,
+      {.file = "/usr/bin/python3", .arguments = {WIRE_CLIENT_SCRIPT, hub().pipePath(), report}});
   ASSERT_TRUE(runLoopUntil(loop, [&] { return pythonConnected; }));
 
   LogCapture log;
@@ -50,8 +47,7 @@ TEST_F(HubTest, IndependentPythonClientIsRoutedAndAccounted) {
   ASSERT_TRUE(runLoopUntil(loop, [&] { return log.contains("Received PONG from worker python"); }));
   fn::logging::CategoryManager::instance().setThreshold("ipc.dispatcher", fn::logging::INF);
   peer->send(release(thing, 1));
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return exitStatus.has_value(); }));
-  EXPECT_EQ(*exitStatus, 0);
+  EXPECT_EQ(python->waitForExit(), 0);
 
   auto seen = nlohmann::json::parse(fn::File(report).readAll().view());
   EXPECT_EQ(seen["id"], 1);
