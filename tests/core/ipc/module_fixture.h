@@ -86,29 +86,20 @@ protected:
   template <typename T>
   std::shared_ptr<Settled<T>> watch(fn::Promise<T> promise) {
     auto outcome = std::make_shared<Settled<T>>();
+    auto settle = [outcome](std::exception_ptr error) {
+      EXPECT_FALSE(outcome->settled);
+      outcome->settled = true;
+      outcome->error = error;
+    };
     if constexpr (std::is_void_v<T>) {
-      promise.then(
-          [outcome] {
-            EXPECT_FALSE(outcome->settled);
-            outcome->settled = true;
-          },
-          [outcome](std::exception_ptr error) {
-            EXPECT_FALSE(outcome->settled);
-            outcome->settled = true;
-            outcome->error = error;
-          });
+      promise.then([settle] { settle(nullptr); }, settle);
     } else {
       promise.then(
-          [outcome](T value) {
-            EXPECT_FALSE(outcome->settled);
-            outcome->settled = true;
+          [outcome, settle](T value) {
+            settle(nullptr);
             outcome->value = std::move(value);
           },
-          [outcome](std::exception_ptr error) {
-            EXPECT_FALSE(outcome->settled);
-            outcome->settled = true;
-            outcome->error = error;
-          });
+          settle);
     }
     return outcome;
   }
