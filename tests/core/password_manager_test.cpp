@@ -209,7 +209,7 @@ TEST(PasswordManager, ACorruptFileIsReplacedOnlyWhenReading) {
   EXPECT_THROW(manager->getPassword("mail", "bob"), fn::FileException);
 }
 
-TEST(PasswordManager, ThePassThroughEncryptionStoresPlainText) {
+TEST(PasswordManager, ThePassThroughEncryptionStoresPlainTextTheSharedInstanceDoesNot) {
   TemporaryRoot root;
   PasswordManagerGeneric manager(std::make_unique<Encryption>(), root.file("Plain.prefs"));
   manager.setPassword("mail", "bob", SECRET);
@@ -217,21 +217,18 @@ TEST(PasswordManager, ThePassThroughEncryptionStoresPlainText) {
       storedFile(root.file("Plain.prefs")),
       nlohmann::json::parse(R"({"passwords": {"mail": {"bob": "correct horse battery staple"}}})"));
   EXPECT_EQ(manager.getPassword("mail", "bob"), SECRET);
-}
 
-TEST(PasswordManager, TheSharedInstanceKeepsEncryptedSecretsInTheUserDataDirectory) {
-  TemporaryRoot root;
-  PasswordManager& manager = PasswordManager::instance();
-  EXPECT_EQ(&manager, &PasswordManager::instance());
-  EXPECT_EQ(manager.getPassword("mail", "bob"), "");
+  // The shared instance encrypts, in the user data directory.
+  PasswordManager& shared = PasswordManager::instance();
+  EXPECT_EQ(shared.getPassword("mail", "bob"), "");
   fn::String directory = fn::PathManager::instance().getPath(fn::PathManager::USER_DATA);
   EXPECT_FALSE(fn::File(directory + "/Passwords.prefs").exists());
 
-  manager.setPassword("mail", "bob", SECRET);
+  shared.setPassword("mail", "bob", SECRET);
   fn::ByteArray bytes = fn::File(directory + "/Passwords.prefs").readAll();
   EXPECT_FALSE(contains(bytes, SECRET));
   EXPECT_TRUE(fn::File(directory + "/Passwords.key").exists());
-  EXPECT_EQ(manager.getPassword("mail", "bob"), SECRET);
+  EXPECT_EQ(shared.getPassword("mail", "bob"), SECRET);
 }
 
 }  // namespace

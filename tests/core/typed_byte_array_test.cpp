@@ -9,13 +9,10 @@
 namespace core {
 namespace {
 
-TEST(TypedByteArray, TextNamesTheMimeTypeBeforeTheBytes) {
+TEST(TypedByteArray, TextAndStreamFormsNameTheMimeTypeFirst) {
   EXPECT_EQ(TypedByteArray(3).toString(), fn::ByteArray({0, 0, 0}).toString());
   EXPECT_EQ(TypedByteArray(fn::ByteArray{1, 2}, "image/png").toString(),
             "image/png " + fn::ByteArray({1, 2}).toString());
-}
-
-TEST(TypedByteArray, StreamFormIsStringThenBinary) {
   TypedByteArray typed(fn::ByteArray{0xff, 0, 7}, "application/octet-stream");
   fn::ByteArray bytes;
   fn::ByteArrayOutputStream out(bytes);

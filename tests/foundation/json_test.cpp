@@ -37,17 +37,16 @@ TEST(Json, PrettyFormUsesCrLfAndOneTabPerLevel) {
   EXPECT_EQ(toText(Value::map(), true), "{}");
 }
 
-TEST(Json, ObjectsAreSortedAndTheLastOfARepeatedNameWins) {
+TEST(Json, ObjectsAreSortedTheLastRepeatedNameWinsAndNumbersKeepTheirKinds) {
   Value parsed = json::deserialize(R"({"b": 1, "a": 2, "c": {"z": 0, "y": 1}, "b": 3, "a": 4})");
   EXPECT_EQ(parsed, Value::map({{"a", 4}, {"b", 3}, {"c", Value::map({{"y", 1}, {"z", 0}})}}));
   std::vector<String> names;
   for (auto const& entry : parsed.asMap())
     names.push_back(entry.first.asString());
   EXPECT_EQ(names, (std::vector<String>{"a", "b", "c"}));
-}
 
-TEST(Json, NumbersKeepTheirKinds) {
-  Value parsed = json::deserialize(R"([1, -1, 1.0, 0.1, 1e300, 18446744073709551615])");
+  // Numbers keep their kinds.
+  parsed = json::deserialize(R"([1, -1, 1.0, 0.1, 1e300, 18446744073709551615])");
   EXPECT_TRUE(parsed.element(0).is(Value::Type::Integer));
   EXPECT_TRUE(parsed.element(1).is(Value::Type::Integer));
   EXPECT_TRUE(parsed.element(2).is(Value::Type::Double));

@@ -112,7 +112,7 @@ TEST(MessagePack, ExtensionHooksCarryTypeCodeAndContent) {
   EXPECT_EQ(codec.seen.back(), 5);
 }
 
-TEST(MessagePack, MalformedInputThrowsDataFormatException) {
+TEST(MessagePack, MalformedOrTooDeepInputThrowsDataFormatException) {
   std::vector<ByteArray> inputs{
       {},                                    // nothing
       {0xc1},                                // the never-used byte
@@ -133,9 +133,8 @@ TEST(MessagePack, MalformedInputThrowsDataFormatException) {
   ByteArray valid = encoded(Value::map({{"a", Value::array({1, "xy", ByteArray{1, 2}, 2.5})}}));
   for (size_t n = 0; n < valid.size(); ++n)
     EXPECT_THROW(mpack::decode(valid.data(), n), DataFormatException) << n;
-}
 
-TEST(MessagePack, NestingBeyondTheLimitIsRejected) {
+  // Nesting beyond the limit.
   auto nested = [](size_t depth) {
     ByteArray bytes(depth, 0x91);  // arrays of one element
     bytes.push_back(0xc0);

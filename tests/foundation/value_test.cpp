@@ -39,7 +39,7 @@ TEST(Value, DecodedPositiveIntegerIsTheSameKeyAsInt) {
   EXPECT_EQ(map.at(decoded).asString(), "eins");
 }
 
-TEST(Value, IntegersAboveInt64MaxStayUnsignedAndExact) {
+TEST(Value, IntegersStayExactAndConversionsCheckTheTargetRange) {
   Value big(U64_MAX);
   Value justAbove(static_cast<uint64_t>(I64_MAX) + 1);
   EXPECT_EQ(big.type(), Value::Type::UnsignedInteger);
@@ -55,9 +55,6 @@ TEST(Value, IntegersAboveInt64MaxStayUnsignedAndExact) {
   EXPECT_THROW(big.to<int64_t>(), RangeException);
   EXPECT_THROW(Value(-1).asUInt(), RangeException);
   EXPECT_THROW(Value(1e300).asInt(), RangeException);
-}
-
-TEST(Value, ToChecksTheTargetRange) {
   EXPECT_EQ(Value(65535).to<uint16_t>(), 65535);
   EXPECT_EQ(Value(-128).to<int8_t>(), -128);
   for (Value v : {Value(65536), Value(-1), Value(U64_MAX), Value("7")})

@@ -43,19 +43,22 @@ fn::Value sample(int n) {
 
 }  // namespace
 
-TEST(MessageHelper, FrameIsLittleEndianLengthAndStandardMessagePack) {
-  fn::ByteArray bytes = frames({fn::Value::map({{ipc::key::TYPE, ipc::type::PING}})});
-  EXPECT_EQ(bytes, (fn::ByteArray{3, 0, 0, 0, 0x81, 0x01, 0x02}));
-}
-
-TEST(MessageHelper, ReassemblesFramesHoweverTheyAreCut) {
-  fn::ByteArray stream = frames({sample(1), sample(2), sample(40), sample(3)});
+TEST(MessageHelper, FramesAreLengthPrefixedAndReassembledHoweverTheyAreCut) {
+  // A little-endian length, then standard MessagePack.
+  EXPECT_EQ(frames({fn::Value::map({{ipc::key::TYPE, ipc::type::PING}})}),
+            (fn::ByteArray{3, 0, 0, 0, 0x81, 0x01, 0x02}));
+  // An empty frame is a null record, and the next header follows at once.
+  fn::ByteArray stream{0, 0, 0, 0};
+  fn::ByteArray rest = frames({sample(1), sample(2), sample(40), sample(3)});
+  stream.append(rest.data(), rest.size());
 
   // All frames in one chunk.
   Collector whole;
   whole.feed(stream);
-  ASSERT_EQ(whole.records.size(), 4u);
-  EXPECT_EQ(whole.records[2], sample(40));
+  ASSERT_EQ(whole.records.size(), 5u);
+  EXPECT_TRUE(whole.records[0].isNull());
+  EXPECT_EQ(whole.lengths[0], 0u);
+  EXPECT_EQ(whole.records[3], sample(40));
 
   // One byte at a time: each frame once, complete, in order.
   Collector bytewise;
@@ -72,18 +75,6 @@ TEST(MessageHelper, ReassemblesFramesHoweverTheyAreCut) {
     ASSERT_EQ(split.records, whole.records) << "cut at " << cut;
   }
   EXPECT_TRUE(whole.errors.empty());
-}
-
-TEST(MessageHelper, EmptyFrameIsANullRecordAndTheNextHeaderFollowsAtOnce) {
-  Collector c;
-  fn::ByteArray bytes{0, 0, 0, 0};
-  fn::ByteArray next = frames({sample(1)});
-  bytes.insert(bytes.end(), next.begin(), next.end());
-  c.feed(bytes);
-  ASSERT_EQ(c.records.size(), 2u);
-  EXPECT_TRUE(c.records[0].isNull());
-  EXPECT_EQ(c.lengths[0], 0u);
-  EXPECT_EQ(c.records[1], sample(1));
 }
 
 TEST(MessageHelper, BadStreamsAreReportedOnceAndIgnoredAfterwards) {
