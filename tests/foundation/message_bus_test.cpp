@@ -25,7 +25,7 @@ TEST(MessageBus, DeliversPostedToTheListenersOfTheNamespaceOnly) {
   EXPECT_TRUE(a.empty());
   EXPECT_TRUE(b.empty());
 
-  ASSERT_TRUE(testing::runFor(loop, [&] { return a.size() == 2 && b.size() == 2; }));
+  ASSERT_TRUE(testing::runLoopUntil(loop, [&] { return a.size() == 2 && b.size() == 2; }));
   EXPECT_EQ(a, (Heard{{"tuner", Value(1)}, {"tuner", Value::map({{"channel", 7}})}}));
   EXPECT_EQ(a, b);
   EXPECT_TRUE(other.empty());
@@ -49,7 +49,7 @@ TEST(MessageBus, CancelledSubscriptionsAndDestroyedBusesDeliverNothing) {
   // The bus is gone with two deliveries to `kept` posted: they find the subscription ended.
   bool settled = false;
   Handle marker = loop.schedule(Duration::milliseconds(20), [&] { settled = true; });
-  ASSERT_TRUE(testing::runFor(loop, [&] { return settled; }));
+  ASSERT_TRUE(testing::runLoopUntil(loop, [&] { return settled; }));
   EXPECT_EQ(heard, 0);
   EXPECT_EQ(kept, 0);
 }
@@ -66,9 +66,9 @@ TEST(MessageBus, AListenerSubscribedDuringADeliveryHearsOnlyLaterMessages) {
           bus.listen("x", [&](String const&, Value const& v) { inner.push_back(v.asInt()); });
   });
   bus.post("x", Value(1));
-  ASSERT_TRUE(testing::runFor(loop, [&] { return outer == 1; }));
+  ASSERT_TRUE(testing::runLoopUntil(loop, [&] { return outer == 1; }));
   bus.post("x", Value(2));
-  ASSERT_TRUE(testing::runFor(loop, [&] { return outer == 2 && inner.size() == 1; }));
+  ASSERT_TRUE(testing::runLoopUntil(loop, [&] { return outer == 2 && inner.size() == 1; }));
   EXPECT_EQ(inner, (std::vector<int>{2}));
 }
 

@@ -71,7 +71,7 @@ TEST(WeakReference, NoStrongReferenceWhileDestructionIsDeferred) {
   EXPECT_TRUE(weak.expired());
   EXPECT_FALSE(weak.lock());
 
-  EXPECT_TRUE(testing::runFor(loop, [&] { return destroyed == 1; }));
+  EXPECT_TRUE(testing::runLoopUntil(loop, [&] { return destroyed == 1; }));
   EXPECT_FALSE(weak.lock());
 }
 
@@ -92,7 +92,7 @@ TEST(WeakReference, CallbackDuringTeardownFindsADeadReference) {
   announcer.reset();
   EXPECT_EQ(calls, 1);
   EXPECT_FALSE(lockedDuringTeardown);
-  EXPECT_TRUE(testing::runFor(loop, [&] { return !lockedLater; }));
+  EXPECT_TRUE(testing::runLoopUntil(loop, [&] { return !lockedLater; }));
 }
 
 }  // namespace

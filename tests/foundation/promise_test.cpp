@@ -13,11 +13,6 @@
 namespace fn {
 namespace {
 
-void drainLoop(uv::Loop& loop) {
-  for (int i = 0; i < 16; ++i)
-    uv_run(loop.raw(), UV_RUN_NOWAIT);
-}
-
 std::vector<String> conditions(testing::AssertionRecorder const& recorder) {
   std::vector<String> result;
   for (auto const& failure : recorder.failures())
@@ -46,7 +41,7 @@ TEST(Promise, ContinuationsRunPostedOnTheLoopNeverInsideResolveOrThen) {
   doubled.then([&](int value) { ran.push_back(String::number(value)); }).then([&] {
     final = "done";
   });
-  drainLoop(loop);
+  testing::drainLoop(loop);
   EXPECT_EQ(ran, (std::vector<String>{"early", "7", "40"}));
   EXPECT_EQ(final, "done");
 
@@ -56,8 +51,8 @@ TEST(Promise, ContinuationsRunPostedOnTheLoopNeverInsideResolveOrThen) {
   signal.then([&] { ++calls; });
   signal.resolve();
   EXPECT_EQ(calls, 0);
-  drainLoop(loop);
-  drainLoop(loop);
+  testing::drainLoop(loop);
+  testing::drainLoop(loop);
   EXPECT_EQ(calls, 1);
 }
 
@@ -81,7 +76,7 @@ TEST(Promise, RejectionsPassAlongTheChainToTheFirstHandler) {
       })
       .then([&](String text) { seen += " / " + text; });
   source.reject(std::make_exception_ptr(RangeException("out of range")));
-  drainLoop(loop);
+  testing::drainLoop(loop);
   EXPECT_EQ(fulfilledCalls, 0);
   EXPECT_EQ(seen, "RangeException: out of range / recovered");
 
@@ -95,7 +90,7 @@ TEST(Promise, RejectionsPassAlongTheChainToTheFirstHandler) {
               return 1;
             });
   failing.resolve("x");
-  drainLoop(loop);
+  testing::drainLoop(loop);
   EXPECT_EQ(thrown, "std::runtime_error: continuation failed");
 }
 
@@ -115,7 +110,7 @@ TEST(Promise, CancellationRunsTheOneHandlerAndDropsTheContinuation) {
   EXPECT_EQ(first, 1);
   pending.cancel();
   pending.resolve(1);
-  drainLoop(loop);
+  testing::drainLoop(loop);
   EXPECT_EQ(first, 1);
   EXPECT_EQ(second, 0);
   EXPECT_EQ(continued, 0);
@@ -133,7 +128,7 @@ TEST(Promise, CancellationRunsTheOneHandlerAndDropsTheContinuation) {
   answered.resolve(5);
   EXPECT_EQ(token.use_count(), 1);
   answered.cancel();
-  drainLoop(loop);
+  testing::drainLoop(loop);
   EXPECT_EQ(handled, 0);
   EXPECT_EQ(continued, 0);
 
@@ -144,7 +139,7 @@ TEST(Promise, CancellationRunsTheOneHandlerAndDropsTheContinuation) {
   auto tail = upstream.then([](int v) { return v + 1; }).then([&](int) { ++continued; });
   tail.cancel();
   EXPECT_EQ(upstreamCancelled, 1);
-  drainLoop(loop);
+  testing::drainLoop(loop);
   EXPECT_EQ(continued, 0);
   EXPECT_EQ(conditions(recorder).size(), 1u);
 }
@@ -156,10 +151,10 @@ TEST(Promise, ContinuationReturningAPromiseYieldsItsResult) {
   int got = 0;
   Promise<void> done =
       flat.then([&](int value) { got = value; }).then([] { return Promise<void>::resolved(); });
-  drainLoop(loop);
+  testing::drainLoop(loop);
   EXPECT_TRUE(flat.isPending());
   inner.resolve(5);
-  drainLoop(loop);
+  testing::drainLoop(loop);
   EXPECT_EQ(got, 5);
   EXPECT_TRUE(done.isFulfilled());
 
@@ -171,7 +166,7 @@ TEST(Promise, ContinuationReturningAPromiseYieldsItsResult) {
     message = describeException(error);
     return String();
   });
-  drainLoop(loop);
+  testing::drainLoop(loop);
   EXPECT_EQ(message, "IOException: gone");
 
   // Cancelling the outer promise once the continuation ran reaches the promise it returned.
@@ -179,7 +174,7 @@ TEST(Promise, ContinuationReturningAPromiseYieldsItsResult) {
   bool cancelled = false;
   slow.onCancel([&] { cancelled = true; });
   auto outer = Promise<void>::resolved().then([&] { return slow; });
-  drainLoop(loop);
+  testing::drainLoop(loop);
   outer.cancel();
   EXPECT_TRUE(cancelled);
 }
@@ -192,7 +187,7 @@ TEST(Promise, MisuseIsReportedWithItsAssertionText) {
   twice.reject(std::make_exception_ptr(RuntimeException("late")));
   twice.then([](int) {});
   twice.then([](int) {});
-  drainLoop(loop);
+  testing::drainLoop(loop);
   EXPECT_EQ(conditions(recorder),
             (std::vector<String>{"Promise already settled", "Promise already has a continuation"}));
   EXPECT_TRUE(twice.isFulfilled());

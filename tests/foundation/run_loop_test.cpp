@@ -43,7 +43,7 @@ TEST(RunLoop, PostsFromAnotherThreadArriveInOrder) {
     for (int i = 0; i < COUNT; ++i)
       loop.post([&received, i] { received.push_back(i); });
   });
-  EXPECT_TRUE(testing::runFor(loop, [&] { return received.size() == COUNT; }));
+  EXPECT_TRUE(testing::runLoopUntil(loop, [&] { return received.size() == COUNT; }));
   poster.join();
   for (int i = 0; i < COUNT; ++i)
     ASSERT_EQ(received[i], i);
@@ -62,7 +62,7 @@ TEST(RunLoop, ScheduledCallsRunUnlessTheirHandleIsCancelled) {
   invalidated.invalidate();
   EXPECT_FALSE(invalidated.valid());
 
-  EXPECT_TRUE(testing::runFor(loop, [&] { return !last.valid(); }));
+  EXPECT_TRUE(testing::runLoopUntil(loop, [&] { return !last.valid(); }));
   EXPECT_EQ(ran, (std::vector<String>{"kept", "detached", "last"}));
   EXPECT_FALSE(kept.valid());
   kept.invalidate();  // after firing: nothing left to cancel
@@ -76,7 +76,7 @@ TEST(RunLoop, ThrowingTaskIsReportedAndTheLoopGoesOn) {
   loop.post([&after] { ++after; });
   Handle timer = loop.schedule(Duration(), [] { throw std::runtime_error("timer boom"); });
   Handle later = loop.schedule(Duration::milliseconds(1), [&after] { ++after; });
-  EXPECT_TRUE(testing::runFor(loop, [&] { return after == 2; }));
+  EXPECT_TRUE(testing::runLoopUntil(loop, [&] { return after == 2; }));
 
   std::vector<String> reported;
   for (auto const& line : log.lines())

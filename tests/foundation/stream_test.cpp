@@ -48,7 +48,7 @@ protected:
       ++connects;
     });
     EXPECT_EQ(connects, 0);
-    ASSERT_TRUE(testing::runFor(_loop, [&] { return connects == 1 && _accepted; }));
+    ASSERT_TRUE(testing::runLoopUntil(_loop, [&] { return connects == 1 && _accepted; }));
     EXPECT_EQ(_connections, 1);
   }
 
@@ -93,17 +93,17 @@ TEST_F(PipeStreamTest, ManyWritesInOneIterationArriveIntactAndInOrder) {
   EXPECT_EQ(_client->pendingBytes(), expected.size());
   EXPECT_EQ(std::count(writeCalls.begin(), writeCalls.end(), 0), 500);
 
-  ASSERT_TRUE(testing::runFor(_loop, [&] { return _received.size() >= expected.size(); }));
+  ASSERT_TRUE(testing::runLoopUntil(_loop, [&] { return _received.size() >= expected.size(); }));
   EXPECT_TRUE(_received == expected);
-  EXPECT_TRUE(testing::runFor(_loop, [&] { return _client->pendingBytes() == 0; }));
+  EXPECT_TRUE(testing::runLoopUntil(_loop, [&] { return _client->pendingBytes() == 0; }));
   EXPECT_EQ(std::count(writeCalls.begin(), writeCalls.end(), 1), 500);
 
   // Sizes that fill whole read buffers.
   for (size_t size : {65536, 131072}) {
     _received.clear();
     _client->write(ByteArray(size, 0x5a));
-    ASSERT_TRUE(testing::runFor(_loop, [&] { return _received.size() == size; }));
-    ASSERT_TRUE(testing::runFor(_loop, [&] { return _client->pendingBytes() == 0; }));
+    ASSERT_TRUE(testing::runLoopUntil(_loop, [&] { return _received.size() == size; }));
+    ASSERT_TRUE(testing::runLoopUntil(_loop, [&] { return _client->pendingBytes() == 0; }));
   }
   EXPECT_EQ(_errors, std::vector<int>{});
 }
@@ -127,7 +127,7 @@ TEST_F(PipeStreamTest, PeerIsTheSameUserAndClosingDeliversEof) {
   _client->close();
   EXPECT_TRUE(_client->closed());
   _client->close();  // a second close is harmless
-  ASSERT_TRUE(testing::runFor(_loop, [&] { return _eofs == 1; }));
+  ASSERT_TRUE(testing::runLoopUntil(_loop, [&] { return _eofs == 1; }));
   EXPECT_EQ(events, std::vector<String>{"eof"});
   EXPECT_TRUE(_accepted->closed());
 }
@@ -144,7 +144,7 @@ TEST_F(PipeStreamTest, CloseSendsWhatWasQueuedAndFailsLaterWrites) {
   EXPECT_TRUE(statuses.empty());  // failures are delivered later, never inside the call
 
   // A last record written just before closing still goes out; what comes after fails.
-  ASSERT_TRUE(testing::runFor(_loop, [&] { return statuses.size() == 4 && _eofs == 1; }));
+  ASSERT_TRUE(testing::runLoopUntil(_loop, [&] { return statuses.size() == 4 && _eofs == 1; }));
   std::sort(statuses.begin(), statuses.end());
   EXPECT_EQ(statuses, (std::vector<int>{UV_ECANCELED, 0, 0, 0}));
   EXPECT_EQ(_received.view(), "queuedqueuedqueued");
@@ -156,7 +156,7 @@ TEST_F(PipeStreamTest, ConnectToAMissingPathFailsWithAStatus) {
   std::vector<uv::Status> results;
   _client->connect(_dir + "/missing", [&results](uv::Status s) { results.push_back(s); });
   EXPECT_TRUE(results.empty());
-  ASSERT_TRUE(testing::runFor(_loop, [&] { return !results.empty(); }));
+  ASSERT_TRUE(testing::runLoopUntil(_loop, [&] { return !results.empty(); }));
   ASSERT_EQ(results.size(), 1u);
   EXPECT_EQ(results[0].code(), UV_ENOENT);
   EXPECT_NE(results[0].toString().find("ENOENT"), String::npos);

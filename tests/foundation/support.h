@@ -12,6 +12,7 @@
 #include "foundation/logging/category.h"
 #include "foundation/uv/loop.h"
 #include "foundation/value.h"
+#include "loop_runner.h"
 
 namespace fn {
 
@@ -26,15 +27,8 @@ inline void PrintTo(Value const& value, std::ostream* out) {
 
 namespace fn::testing {
 
-/// Runs `loop` until `done` holds or `limit` passes; true only when `done` held in time.
-inline bool runFor(uv::Loop& loop,
-                   std::function<bool()> const& done,
-                   Duration limit = Duration::seconds(5)) {
-  bool timedOut = false;
-  Handle timeout = loop.schedule(limit, [&timedOut] { timedOut = true; });
-  loop.runUntil([&] { return timedOut || done(); });
-  return !timedOut && done();
-}
+using testing_support::drainLoop;
+using testing_support::runLoopUntil;
 
 /// Records failed assertions while it lives, then puts the previous hook back.
 class AssertionRecorder {

@@ -7,7 +7,7 @@
 #include <csignal>
 #include <fstream>
 
-#include "peer.h"
+#include "loop_runner.h"
 
 namespace testing_support {
 namespace {

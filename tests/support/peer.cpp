@@ -197,16 +197,4 @@ fn::Value Peer::expectType(int type, fn::Duration timeout) {
       timeout);
 }
 
-bool runLoopUntil(fn::uv::Loop& loop, std::function<bool()> const& done, fn::Duration timeout) {
-  bool expired = false;
-  fn::Handle timer = loop.schedule(timeout, [&] { expired = true; });
-  loop.runUntil([&] { return expired || done(); });
-  return done();
-}
-
-void drainLoop(fn::uv::Loop& loop) {
-  for (int i = 0; i < 16; ++i)
-    uv_run(loop.raw(), UV_RUN_NOWAIT);
-}
-
 }  // namespace testing_support

@@ -13,6 +13,7 @@
 #include "child_process.h"
 #include "foundation/uv/pipe_stream.h"
 #include "foundation/value.h"
+#include "loop_runner.h"
 
 namespace testing_support {
 
@@ -57,14 +58,6 @@ private:
   std::deque<fn::Value> _received;
   fn::ByteArray _buffer;
 };
-
-/// Runs the loop until `done()` or `timeout`; returns done().
-bool runLoopUntil(fn::uv::Loop& loop,
-                  std::function<bool()> const& done,
-                  fn::Duration timeout = fn::Duration::seconds(10));
-
-/// Runs a few loop iterations without waiting, so that posted work and closes complete.
-void drainLoop(fn::uv::Loop& loop);
 
 /// The relay's own main; the test executable calls it when started with "--peer".
 int runPeerRelay(int argc, char** argv);
