@@ -20,16 +20,16 @@ namespace testing_support {
 class ChildProcess {
 public:
   struct Options {
-    fn::String file;
-    std::vector<fn::String> arguments;
+    fn::String file{};
+    std::vector<fn::String> arguments{};
     /// "NAME=value" entries on top of the inherited environment.
-    std::vector<fn::String> environment;
+    std::vector<fn::String> environment{};
     /// Capture standard output and error; standard input is then `input`, at most a pipe's
     /// buffer.
     bool capture = false;
-    fn::String input;
+    fn::String input{};
     /// Descriptors the child gets as 3, 4, ...
-    std::vector<int> extraDescriptors;
+    std::vector<int> extraDescriptors{};
   };
 
   static std::unique_ptr<ChildProcess> start(fn::uv::Loop& loop, Options const& options);
