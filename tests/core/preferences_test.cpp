@@ -1,19 +1,20 @@
 #include "core/preferences.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <random>
 
+#include "child_process.h"
+#include "child_role.h"
 #include "core/fraction.h"
 #include "core/typed_byte_array.h"
 #include "foundation/exception.h"
 #include "foundation/file.h"
 #include "foundation/timestamp.h"
+#include "loop_runner.h"
 #include "test_support.h"
 
 namespace core {
@@ -265,6 +266,23 @@ fn::Value generation(int64_t n) {
   return tree;
 }
 
+// The child role "--writer <path> <first generation>": saves one generation after the other
+// until killed, saying so once the first is under way.
+int keepWriting(int argc, char** argv) {
+  if (argc < 4)
+    return 2;
+  Preferences writer(argv[2]);
+  for (int64_t first = std::atoll(argv[3]), n = first;; ++n) {
+    writer.root() = generation(n);
+    if (n == first && std::puts("writing") >= 0)
+      std::fflush(stdout);
+    writer.save();
+  }
+}
+
+[[maybe_unused]] bool const writerRole =
+    testing_support::registerChildRole("--writer", &keepWriting);
+
 TEST(Preferences, AKilledWriterLeavesTheOldOrTheNewFile) {
   TemporaryRoot root;
   fn::String path = root.file("Crash.prefs");
@@ -273,37 +291,18 @@ TEST(Preferences, AKilledWriterLeavesTheOldOrTheNewFile) {
     initial.root() = generation(0);
     initial.save();
   }
+  fn::uv::Loop loop;
   std::mt19937 random(12345);
   int64_t next = 1;
   for (int round = 0; round < 40; ++round) {
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    int64_t first = next;
-    pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      ::close(ready[0]);
-      try {
-        Preferences writer(path);
-        for (int64_t n = first;; ++n) {
-          writer.root() = generation(n);
-          if (n == first)
-            (void)!::write(ready[1], "x", 1);
-          writer.save();
-        }
-      } catch (...) {
-      }
-      ::_exit(1);
-    }
-    ::close(ready[1]);
-    char byte;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    ::close(ready[0]);
+    auto writer = testing_support::ChildProcess::start(
+        loop, {.file = fn::uv::executablePath(),
+               .arguments = {"--writer", path, fn::String::number(next)},
+               .capture = true});
+    ASSERT_TRUE(testing_support::runLoopUntil(loop, [&] { return !writer->out().empty(); }));
     ::usleep(std::uniform_int_distribution<useconds_t>(0, 8000)(random));
-    ::kill(child, SIGKILL);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped on its own";
+    writer->kill(SIGKILL);
+    ASSERT_EQ(writer->waitForExit(), -SIGKILL) << "the writer stopped on its own";
 
     Preferences reader(path);
     ASSERT_NO_THROW(reader.reload()) << "round " << round;
