@@ -8,6 +8,8 @@ namespace ctl {
 namespace {
 
 constexpr char const* DISPLAY_NAME = "lumaren-ctl";
+// How long leaving waits for the hub to close its side.
+constexpr fn::Duration LEAVE_LIMIT = fn::Duration::seconds(1);
 
 /// "connection refused (ECONNREFUSED)": what went wrong, without the libuv call's name.
 fn::String reasonOf(fn::uv::Status const& status) {
@@ -22,6 +24,12 @@ Session::Session(fn::uv::Loop& loop, fn::String pipePath, fn::Duration timeout)
       _timeout(timeout) {}
 
 Session::~Session() {
+  // The hub may still be writing to us (an event, a late answer); leaving through it, rather
+  // than closing under it, spares it a reset connection and an error line in its log.
+  if (_worker && _worker->connected() && !_lost) {
+    _worker->leave();
+    runFor(LEAVE_LIMIT, [] { return false; });
+  }
   _disconnected.invalidate();
   _worker.reset();
 }

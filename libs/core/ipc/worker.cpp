@@ -92,6 +92,13 @@ void Worker::stop() {
     _stream->close();
 }
 
+void Worker::leave() {
+  FN_ASSERT_LOOP_THREAD();
+  _terminationTimer.invalidate();
+  if (_stream && !_ended)
+    _stream->shutdown();
+}
+
 ObjectId Worker::nextObjectId() {
   if (_workerId == NO_WORKER) {
     fn::debug::internal::assertionFailure(

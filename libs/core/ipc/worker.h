@@ -68,6 +68,10 @@ public:
 
   void connect();
   void stop();
+  /// Leaves without cutting the hub off: writes nothing more after what is queued and lets the
+  /// hub close the connection, reading whatever it still sends; onDisconnected() fires then.
+  /// Closing at once instead may reset the connection under the hub's last writes.
+  void leave();
 
   uint16_t workerId() const { return _workerId; }
   bool connected() const { return _connected; }

@@ -109,6 +109,31 @@ void Stream::flush() {
   }
 }
 
+void Stream::shutdown(WriteCallback done) {
+  if (_closing) {
+    failWrite(std::move(done));
+    return;
+  }
+  // libuv sends the end after the writes it holds, so what is queued goes to it first.
+  flush();
+  struct Request {
+    uv_shutdown_t request{};
+    AutoPtr<Stream> stream;
+    WriteCallback done;
+  };
+  auto* request = new Request{{}, AutoPtr<Stream>(this), std::move(done)};
+  request->request.data = request;
+  int rc = uv_shutdown(&request->request, _handle, [](uv_shutdown_t* r, int status) {
+    std::unique_ptr<Request> owned(static_cast<Request*>(r->data));
+    if (owned->done)
+      guarded([&] { owned->done(Status("shutdown", status)); });
+  });
+  if (rc < 0) {
+    std::unique_ptr<Request> owned(request);
+    failWrite(std::move(owned->done));
+  }
+}
+
 Status Stream::listen(int backlog, ConnectionCallback onConnection) {
   _onConnection = std::move(onConnection);
   return Status("listen", uv_listen(_handle, backlog, [](uv_stream_t* h, int status) {

@@ -52,6 +52,10 @@ public:
   /// Bytes queued but not yet handed to the kernel.
   size_t pendingBytes() const { return _pending.size() + _inFlight; }
 
+  /// Ends the writing side once everything queued is written; reading goes on until the peer
+  /// closes. `done` (may be empty) runs when the end was sent or failed.
+  void shutdown(WriteCallback done = {});
+
   Status listen(int backlog, ConnectionCallback onConnection);
   Status accept(Stream& client);
 

@@ -202,6 +202,26 @@ TEST_F(WorkerTest, HubNoticesReachTheDelegateAndALostHubIsSignalled) {
   ASSERT_TRUE(runLoopUntil(loop, [&] { return weak.expired(); }));
 }
 
+TEST_F(WorkerTest, ALeavingWorkerSendsWhatItQueuedAndLetsTheHubClose) {
+  uint16_t p;
+  auto peer = connect("P", p);
+  auto worker = makeWorker();
+  LogCapture log;
+  bool lost = false;
+  auto disconnected = worker->onDisconnected().connect([&](fn::uv::Status const& status) {
+    lost = true;
+    EXPECT_EQ(status.code(), UV_EOF);
+  });
+  // The last message, queued just before leaving, still arrives; then the others hear of the
+  // departure like of any other, and the leaver sees the hub close its side.
+  worker->sendMessageToWorker(p, (1u << 16) + worker->workerId(), fn::Value("bye"));
+  worker->leave();
+  peer->expectType(type::MESSAGE);
+  EXPECT_EQ(peer->expectType(type::WORKER_DEAD).get(key::WORKER_ID).asInt(), worker->workerId());
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return lost; }));
+  EXPECT_FALSE(log.contains("Received read error"));
+}
+
 TEST(ObjectLocal, DeliveriesArePostedAndConstructorMessagesWaitForReadiness) {
   fn::uv::Loop loop;
   TestDelegate delegate;
