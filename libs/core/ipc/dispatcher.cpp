@@ -22,6 +22,10 @@ public:
         reader(dispatcher._options.maxFrameSize) {
     // The reader lives as long as the connection; each handler keeps the connection alive for
     // the length of the call.
+    // The read callback keeps the connection alive while its frames are handled.
+    reader.onFrame([this](uint8_t const* body, size_t length) {
+      return this->dispatcher.forwardRawMessage(Connection(this), body, length);
+    });
     reader.onMessage([this](fn::Value record, size_t length) {
       Connection self(this);
       this->dispatcher.onWorkerMessage(self, std::move(record), length);
@@ -224,6 +228,57 @@ void Dispatcher::forwardMessageToWorker(Connection const& target, fn::Value cons
       increaseUsageCount(id.asUInt(), target->info.workerId);
   }
   send(target, record);
+}
+
+// The common MESSAGE, routed and accounted exactly as onMessage does, but forwarded as the
+// bytes it came in with SOURCE_WORKER_ID spliced in. What RawMessage cannot vouch for, and
+// everything while the debug line (which renders the decoded record) is on, is declined and
+// takes the decoding path.
+bool Dispatcher::forwardRawMessage(Connection const& connection,
+                                   uint8_t const* body,
+                                   size_t length) {
+  if (logDispatcher.enabled(fn::logging::DBG) || !_rawMessage.scan(body, length))
+    return false;
+  uint16_t source = connection->info.workerId;
+  for (ObjectId id : _rawMessage.objects()) {
+    if (ownerOf(id) == source)
+      ++_instanceUsageCount[id];
+  }
+  uint16_t target = _rawMessage.target();
+  if (target != NO_WORKER) {
+    auto found = _workers.find(target);
+    if (found != _workers.end())
+      forwardRawMessageToWorker(found->second, source);
+    return true;
+  }
+  ObjectId objectId = _rawMessage.objectId().value();
+  _rawTargets.clear();
+  if (objectId != REGISTRY_OBJECT_ID) {
+    auto holders = _referenceUsageCount.find(objectId);
+    if (holders == _referenceUsageCount.end())
+      return true;
+    // Forwarding counts uses in the same table, which may rehash: gather the holders first.
+    for (auto const& [workerId, count] : holders->second) {
+      if (auto found = _workers.find(workerId); found != _workers.end())
+        _rawTargets.push_back(found->second);
+    }
+  } else {
+    for (auto const& other : _connections) {
+      if (other->info.workerId != 0 && other->info.workerId != NO_WORKER)
+        _rawTargets.push_back(other);
+    }
+  }
+  for (auto const& holder : _rawTargets)
+    forwardRawMessageToWorker(holder, source);
+  _rawTargets.clear();
+  return true;
+}
+
+void Dispatcher::forwardRawMessageToWorker(Connection const& target, uint16_t source) {
+  for (ObjectId id : _rawMessage.objects())
+    increaseUsageCount(id, target->info.workerId);
+  if (!target->ended)
+    target->stream->writeWith([&](fn::ByteArray& out) { _rawMessage.appendFrame(out, source); });
 }
 
 void Dispatcher::increaseUsageCount(ObjectId objectId, uint16_t workerId) {

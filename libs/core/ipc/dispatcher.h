@@ -21,6 +21,7 @@
 #include "core/export.h"
 #include "core/ipc/message.h"
 #include "core/ipc/message_helper.h"
+#include "core/ipc/raw_message.h"
 #include "core/ipc/worker.h"
 #include "foundation/duration.h"
 #include "foundation/handle.h"
@@ -95,6 +96,8 @@ private:
   void onReferenceRelease(Connection const& connection, fn::Value const& record);
   void onWorkerMessage(Connection const& connection, fn::Value record, size_t length);
   void forwardMessageToWorker(Connection const& target, fn::Value const& record);
+  bool forwardRawMessage(Connection const& connection, uint8_t const* body, size_t length);
+  void forwardRawMessageToWorker(Connection const& target, uint16_t source);
   void increaseUsageCount(ObjectId objectId, uint16_t workerId);
   void releaseInstance(ObjectId objectId);
   uint16_t nextWorkerId() { return _workerIdCounter++; }
@@ -120,6 +123,9 @@ private:
   std::unordered_map<ObjectId, uint32_t> _instanceUsageCount;
   std::unordered_map<ObjectId, std::unordered_map<uint16_t, uint32_t>> _referenceUsageCount;
   uint16_t _workerIdCounter = 0;
+  // The MESSAGE being forwarded as it came, and the holders it goes to; reused for each.
+  RawMessage _rawMessage;
+  std::vector<Connection> _rawTargets;
   Worker _worker;
   fn::AutoPtr<RegistryImpl> _registry;
   fn::AutoPtr<MessageBusImpl> _messageBus;

@@ -116,6 +116,8 @@ void MessageReader::feed(char const* bytes, ssize_t count) {
 }
 
 void MessageReader::deliver(uint8_t const* body, size_t length) {
+  if (length > 0 && _onFrame && _onFrame(body, length))
+    return;
   fn::Value record;
   if (length > 0) {
     try {

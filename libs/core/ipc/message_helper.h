@@ -44,6 +44,9 @@ public:
   using MessageCallback = std::function<void(fn::Value record, size_t length)>;
   using EndCallback = std::function<void()>;
   using ErrorCallback = std::function<void(fn::uv::Status const&)>;
+  /// Sees each non-empty frame body before it is decoded; returning true means it was
+  /// handled and is not decoded or delivered.
+  using FrameCallback = std::function<bool(uint8_t const* body, size_t length)>;
 
   explicit MessageReader(size_t maxFrameSize = DEFAULT_MAX_FRAME_SIZE)
       : _maxFrameSize(maxFrameSize) {}
@@ -51,6 +54,7 @@ public:
   void onMessage(MessageCallback callback) { _onMessage = std::move(callback); }
   void onEndOfStream(EndCallback callback) { _onEnd = std::move(callback); }
   void onError(ErrorCallback callback) { _onError = std::move(callback); }
+  void onFrame(FrameCallback callback) { _onFrame = std::move(callback); }
 
   /// Feeds one read result: `count` bytes, or UV_EOF, or another negative libuv code.
   void feed(char const* bytes, ssize_t count);
@@ -74,6 +78,7 @@ private:
   MessageCallback _onMessage;
   EndCallback _onEnd;
   ErrorCallback _onError;
+  FrameCallback _onFrame;
 };
 
 }  // namespace ipc

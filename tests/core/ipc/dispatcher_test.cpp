@@ -110,6 +110,49 @@ TEST_F(HubTest, RoutesTargetedMessagesToHoldersAndObjectZeroToAllButTheHub) {
   EXPECT_EQ(hub().referenceUsageCount(x, NO_WORKER), 0u);
 }
 
+TEST_F(HubTest, StampsTheSenderOverWhatTheRecordClaimsWhateverItsKeyOrder) {
+  uint16_t a, b, c;
+  auto peerA = connect("A", a);
+  auto peerB = connect("B", b);
+  auto peerC = connect("C", c);
+  ipc::ObjectId mine1 = objectOf(a, 1), mine2 = objectOf(a, 2), theirs = objectOf(c, 1);
+  auto objects = fn::Value::map({{mine1, "Thing"}, {mine2, "Thing"}, {theirs, "Other"}});
+
+  // Claiming to come from B does not make it so.
+  fn::Value forged = message(mine1, b, objects, marker('f'));
+  forged[key::SOURCE_WORKER_ID] = b;
+  peerA->send(forged);
+  fn::Value got = peerB->expect(messageWith(marker('f')));
+  EXPECT_EQ(got.at(key::SOURCE_WORKER_ID).asInt(), a);
+  EXPECT_EQ(got.at(key::OBJECTS), objects);
+
+  // The same record with its keys in another order and the type in a longer form.
+  fn::ByteArray body = {0x86, 0x09, 0x83};
+  for (ipc::ObjectId id : {theirs, mine2, mine1}) {
+    fn::mpack::encode(fn::Value(id), body);
+    fn::mpack::encode(fn::Value(id == theirs ? "Other" : "Thing"), body);
+  }
+  for (int k : {key::TARGET_WORKER_ID, int(b), key::SOURCE_WORKER_ID, 77, key::OBJECT_ID})
+    fn::mpack::encode(fn::Value(k), body);
+  fn::mpack::encode(fn::Value(mine1), body);
+  fn::ByteArray tail = {key::PAYLOAD, 0xc4, 0x02, 0xa1, 'g', key::TYPE, 0xcc, type::MESSAGE};
+  body.insert(body.end(), tail.begin(), tail.end());
+  fn::ByteArray frame = {static_cast<uint8_t>(body.size()), 0, 0, 0};
+  frame.insert(frame.end(), body.begin(), body.end());
+  peerA->sendRaw(frame);
+  fn::Value reordered = peerB->expect(messageWith(marker('g')));
+  reordered[key::PAYLOAD] = fn::ByteArray(marker('f'));
+  EXPECT_EQ(reordered, got);
+
+  // Both counted the uses that travelled: A's instances once per message, B's references
+  // to every object.
+  EXPECT_EQ(hub().instanceUsageCount(mine1), 2u);
+  EXPECT_EQ(hub().instanceUsageCount(mine2), 2u);
+  EXPECT_EQ(hub().instanceUsageCount(theirs), 0u);
+  for (ipc::ObjectId id : {mine1, mine2, theirs})
+    EXPECT_EQ(hub().referenceUsageCount(id, b), 2u);
+}
+
 TEST_F(HubTest, CountsUsesAcrossWorkersAndReleasesTheInstanceOnce) {
   uint16_t a, b, c;
   auto peerA = connect("A", a);
