@@ -4,6 +4,10 @@
 
 namespace fn::uv {
 
+namespace {
+constexpr size_t MAX_SPARE_CAPACITY = 1024 * 1024;
+}
+
 struct Stream::WriteRequest {
   uv_write_t request{};
   AutoPtr<Stream> stream;
@@ -86,6 +90,8 @@ void Stream::flush() {
   auto* request = new WriteRequest{};
   request->stream = AutoPtr<Stream>(this);
   request->bytes.swap(_pending);
+  // The next batch goes into the buffer of an earlier write, which kept its capacity.
+  _pending.swap(_spare);
   request->callbacks.swap(_pendingCallbacks);
   request->request.data = request;
   _inFlight += request->bytes.size();
@@ -96,6 +102,14 @@ void Stream::flush() {
     request->stream->_inFlight -= request->bytes.size();
     for (auto& callback : request->callbacks)
       guarded([&] { callback(Status("write", status)); });
+    // Batches are written every loop iteration: growing a fresh buffer for each costs a
+    // string of reallocations. A buffer of an unusual size is not worth keeping.
+    ByteArray& spare = request->stream->_spare;
+    if (request->bytes.capacity() > spare.capacity() &&
+        request->bytes.capacity() <= MAX_SPARE_CAPACITY) {
+      request->bytes.clear();
+      spare.swap(request->bytes);
+    }
   };
   int rc = uv_write(&request->request, _handle, &buf, 1, completed);
   if (rc < 0) {

@@ -81,6 +81,8 @@ private:
   ReadCallback _onRead;
   ConnectionCallback _onConnection;
   ByteArray _pending;
+  // An emptied buffer of a completed write, for the next batch.
+  ByteArray _spare;
   std::vector<WriteCallback> _pendingCallbacks;
   size_t _inFlight = 0;
   bool _flushQueued = false;
