@@ -77,15 +77,6 @@ double median(std::vector<double> samples) {
 
 // ---- the framework: ipc::Worker, ObjectInstance and ObjectReference through a Dispatcher ----
 
-class NullDelegate : public ipc::Worker::Delegate {
-public:
-  void workerDidConnect(ipc::Worker&) override {}
-  bool wantsIdleTermination(ipc::Worker&) override { return false; }
-  bool workerCanTerminate(ipc::Worker&) override { return false; }
-  void workerRequestsTermination(ipc::Worker&) override {}
-  void aboutToQuit(ipc::Worker&) override {}
-};
-
 class Echo : public ipc::ObjectInstance {
 public:
   using ipc::ObjectInstance::ObjectInstance;
@@ -118,7 +109,7 @@ int runHub(fn::String const& pipeFile) {
 
 int runEcho(fn::String const& pipe) {
   fn::uv::Loop loop;
-  NullDelegate delegate;
+  ipc::Worker::ClientDelegate delegate;
   ipc::Worker worker(delegate, loop, pipe, "echo", "", false);
   fn::AutoPtr<Echo> echo;
   worker.connect();
@@ -143,7 +134,7 @@ protected:
 
 int runCallee(fn::String const& pipe) {
   fn::uv::Loop loop;
-  NullDelegate delegate;
+  ipc::Worker::ClientDelegate delegate;
   ipc::Worker worker(delegate, loop, pipe, "callee", "", false);
   fn::AutoPtr<Callee> callee;
   worker.connect();
@@ -175,7 +166,7 @@ struct Route {
   }
 
   fn::uv::Loop loop;
-  NullDelegate delegate;
+  ipc::Worker::ClientDelegate delegate;
   std::unique_ptr<ipc::Worker> worker;
   pid_t hub = 0;
   pid_t server = 0;

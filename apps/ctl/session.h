@@ -23,7 +23,7 @@
 
 namespace ctl {
 
-class Session : private ipc::Worker::Delegate {
+class Session : private ipc::Worker::ClientDelegate {
 public:
   Session(fn::uv::Loop& loop, fn::String pipePath, fn::Duration timeout);
   ~Session() override;
@@ -59,14 +59,6 @@ public:
                ExitCode code = EXIT_TIMED_OUT);
 
 private:
-  // The session is only a client: it never offers to terminate and ignores the hub's notice
-  // that it is about to quit, since losing the connection follows and says it all.
-  void workerDidConnect(ipc::Worker&) override {}
-  bool wantsIdleTermination(ipc::Worker&) override { return false; }
-  bool workerCanTerminate(ipc::Worker&) override { return false; }
-  void workerRequestsTermination(ipc::Worker&) override {}
-  void aboutToQuit(ipc::Worker&) override {}
-
   /// Runs the loop until `done()`, the hub is lost or `limit` passed; false after the limit.
   bool runFor(fn::Duration limit, std::function<bool()> const& done);
   [[noreturn]] void failHubLost() const;

@@ -35,20 +35,14 @@ class DemoConsole : public ipc::Module {
 public:
   DemoConsole(ipc::ModuleInitData const& init, std::function<void()> ready)
       : Module(init),
-        _ready(std::move(ready)) {
-    worker().registerObjectReferenceClass<examples::GreeterReference>();
-  }
+        _ready(std::move(ready)) {}
 
   /// Finds the greeter, greets `name` and waits for the event that follows.
   fn::Promise<void> greet(fn::String const& name) {
     auto heard = std::make_shared<fn::Promise<void>>();
-    return worker()
-        .registry()
-        ->getInstance("examples::Greeter")
-        .then([this, name, heard](fn::Value const& found) {
-          _greeter = found.objectAs<examples::GreeterReference>();
-          if (!_greeter)
-            throw fn::NullPointerException("the registry answered without a greeter");
+    return ipc::lookupInstance<examples::GreeterReference>(worker())
+        .then([this, name, heard](fn::AutoPtr<examples::GreeterReference> const& found) {
+          _greeter = found;
           say(fmt::format("found examples::Greeter in the registry: object {:#x}",
                           _greeter->objectId()));
           _greeter->onGreeted = [heard](fn::String const& who, int64_t times) {

@@ -15,17 +15,6 @@ namespace {
 constexpr fn::Duration LIVENESS_TIMEOUT = fn::Duration::seconds(30);
 constexpr fn::Duration CONNECT_TIMEOUT = fn::Duration::seconds(10);
 
-// A worker needs a delegate for the idle-termination handshake; this one never wants to end
-// on its own, since the program decides when it is done.
-class ConsumerDelegate : public ipc::Worker::Delegate {
-public:
-  void workerDidConnect(ipc::Worker&) override {}
-  bool wantsIdleTermination(ipc::Worker&) override { return false; }
-  bool workerCanTerminate(ipc::Worker&) override { return false; }
-  void workerRequestsTermination(ipc::Worker&) override {}
-  void aboutToQuit(ipc::Worker&) override {}
-};
-
 }  // namespace
 
 int main() {
@@ -35,7 +24,7 @@ int main() {
   dispatcher.start();
   fmt::print("pipe: {}\n", dispatcher.pipePath());
 
-  ConsumerDelegate delegate;
+  ipc::Worker::ClientDelegate delegate;
   ipc::Worker worker(delegate, loop, dispatcher.pipePath(), "consumer", "example", false);
   worker.connect();
 

@@ -99,22 +99,8 @@ fn::String InspectorRegistry::keyOf(unsigned int id) const {
 
 fn::Promise<fn::AutoPtr<InspectorRegistry>> InspectorRegistry::lookup(ipc::Worker& worker,
                                                                       fn::Duration timeout) {
-  FN_ASSERT_LOOP_THREAD();
-  worker.registerObjectReferenceClass<InspectorRegistry>();
   worker.registerObjectReferenceClass<InspectorReference>();
-  if (!worker.registry())
-    return fn::Promise<fn::AutoPtr<InspectorRegistry>>::rejected(
-        std::make_exception_ptr(fn::IllegalStateException("The worker has no registry yet")));
-  fn::AutoPtr<InspectorRegistry> probe(
-      new InspectorRegistry(ipc::ObjectReference::_dummyInitializer));
-  return worker.registry()
-      ->getInstance(probe->className(), timeout)
-      .then([](fn::Value const& result) {
-        fn::AutoPtr<InspectorRegistry> registry(result.objectAs<InspectorRegistry>());
-        if (!registry)
-          throw fn::NullPointerException("The registry answered without an inspector registry");
-        return registry;
-      });
+  return ipc::lookupInstance<InspectorRegistry>(worker, timeout);
 }
 
 InspectorRegistryImpl::InspectorRegistryImpl(ipc::Worker& worker)

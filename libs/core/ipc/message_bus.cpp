@@ -59,20 +59,7 @@ fn::Promise<void> MessageBus::getStickyMessages() {
 }
 
 fn::Promise<fn::AutoPtr<MessageBus>> MessageBus::lookup(Worker& worker, fn::Duration timeout) {
-  FN_ASSERT_LOOP_THREAD();
-  worker.registerObjectReferenceClass<MessageBus>();
-  fn::AutoPtr<MessageBus> probe(new MessageBus(ObjectReference::_dummyInitializer));
-  if (!worker.registry())
-    return fn::Promise<fn::AutoPtr<MessageBus>>::rejected(
-        std::make_exception_ptr(fn::IllegalStateException("The worker has no registry yet")));
-  return worker.registry()
-      ->getInstance(probe->className(), timeout)
-      .then([](fn::Value const& result) {
-        fn::AutoPtr<MessageBus> bus(result.objectAs<MessageBus>());
-        if (!bus)
-          throw fn::NullPointerException("The registry answered without a message bus");
-        return bus;
-      });
+  return lookupInstance<MessageBus>(worker, timeout);
 }
 
 fn::AutoPtr<MessageBus> const& MessageBus::processBus() {

@@ -18,7 +18,9 @@
 
 #include "core/export.h"
 #include "core/ipc/callable_object.h"
+#include "core/ipc/worker.h"
 #include "foundation/duration.h"
+#include "foundation/exception.h"
 #include "foundation/handle.h"
 #include "foundation/promise.h"
 
@@ -92,5 +94,31 @@ private:
   std::multimap<fn::String, Waiter> _waiters;
   uint64_t _lastWaiterId = 0;
 };
+
+/// The registered instance of `ReferenceClass`'s class name, as a `ReferenceClass`: teaches
+/// `worker` that reference class first, then asks its registry, waiting up to `timeout`.
+/// IllegalStateException before the worker connected; NullPointerException when the registry
+/// answers with something else.
+template <typename ReferenceClass>
+fn::Promise<fn::AutoPtr<ReferenceClass>> lookupInstance(
+    Worker& worker,
+    fn::Duration timeout = DEFAULT_LOOKUP_TIMEOUT) {
+  FN_ASSERT_LOOP_THREAD();
+  worker.registerObjectReferenceClass<ReferenceClass>();
+  if (!worker.registry())
+    return fn::Promise<fn::AutoPtr<ReferenceClass>>::rejected(
+        std::make_exception_ptr(fn::IllegalStateException("The worker has no registry yet")));
+  fn::AutoPtr<ReferenceClass> probe(new ReferenceClass(ObjectReference::_dummyInitializer));
+  fn::String className = probe->className();
+  return worker.registry()
+      ->getInstance(className, timeout)
+      .then([className](fn::Value const& result) {
+        fn::AutoPtr<ReferenceClass> found(result.objectAs<ReferenceClass>());
+        if (!found)
+          throw fn::NullPointerException("The registry answered without an instance of " +
+                                         className);
+        return found;
+      });
+}
 
 }  // namespace ipc

@@ -44,6 +44,17 @@ public:
     virtual ~Delegate();
   };
 
+  /// The delegate of a worker that only uses the hub, such as a tool: it never asks to end on
+  /// its own and lets the hub's notices pass, since losing the connection says it all.
+  class ClientDelegate : public Delegate {
+  public:
+    void workerDidConnect(Worker&) override {}
+    bool wantsIdleTermination(Worker&) override { return false; }
+    bool workerCanTerminate(Worker&) override { return false; }
+    void workerRequestsTermination(Worker&) override {}
+    void aboutToQuit(Worker&) override {}
+  };
+
   struct Options {
     fn::Duration idleTimeout = IDLE_TERMINATION_TIMEOUT;
     size_t maxFrameSize = DEFAULT_MAX_FRAME_SIZE;
