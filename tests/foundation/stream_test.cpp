@@ -3,8 +3,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 
-#include "foundation/file.h"
 #include "foundation/uv/loop.h"
 #include "foundation/uv/pipe_stream.h"
 #include "support.h"
@@ -12,14 +12,38 @@
 namespace fn {
 namespace {
 
-// A listening socket in a fresh directory, a client connected to it and the accepted end.
+// A listening socket in a fresh directory, a client connected to it and the accepted end,
+// which reads into `_received`. Every delivery must be bytes, the end, or an error: never an
+// empty chunk.
 class PipeStreamTest : public ::testing::Test {
 protected:
   void SetUp() override {
     char pattern[] = "/tmp/fn-stream-XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
     _dir = pattern;
-    _path = _dir + "/socket";
+    _server = uv::PipeStream::create(_loop);
+    ASSERT_TRUE(_server->bind(_dir + "/socket"));
+    ASSERT_TRUE(_server->listen(8, [this](uv::Status status) {
+      ASSERT_TRUE(status);
+      _accepted = uv::PipeStream::create(_loop);
+      EXPECT_TRUE(_server->accept(*_accepted));
+    }));
+    _client = uv::PipeStream::create(_loop);
+    bool connected = false;
+    _client->connect(_dir + "/socket",
+                     [&connected](uv::Status status) { connected = status.ok(); });
+    EXPECT_FALSE(connected);
+    ASSERT_TRUE(testing::runLoopUntil(_loop, [&] { return connected && _accepted; }));
+    _accepted->readStart([this](char const* bytes, ssize_t count) {
+      if (count > 0) {
+        _received.append(bytes, static_cast<size_t>(count));
+      } else if (count == UV_EOF) {
+        _accepted->close();  // closing from inside the read callback must be safe
+        ++_eofs;
+      } else {
+        _errors.push_back(static_cast<int>(count));
+      }
+    });
   }
 
   void TearDown() override {
@@ -28,37 +52,7 @@ protected:
         (*stream)->close();
     }
     _loop.run();  // until every close callback ran
-    File(_path).remove();
-    ::rmdir(_dir.c_str());
-  }
-
-  void connectPair() {
-    _server = uv::PipeStream::create(_loop);
-    ASSERT_TRUE(_server->bind(_path)) << _path;
-    ASSERT_TRUE(_server->listen(8, [this](uv::Status status) {
-      ASSERT_TRUE(status);
-      _accepted = uv::PipeStream::create(_loop);
-      EXPECT_TRUE(_server->accept(*_accepted));
-    }));
-    _client = uv::PipeStream::create(_loop);
-    bool connected = false;
-    _client->connect(_path, [&connected](uv::Status status) { connected = status.ok(); });
-    EXPECT_FALSE(connected);
-    ASSERT_TRUE(testing::runLoopUntil(_loop, [&] { return connected && _accepted; }));
-  }
-
-  // Reads the accepted end into `_received`. Every delivery must be bytes, the end, or an
-  // error: never an empty chunk.
-  void readAccepted() {
-    _accepted->readStart([this](char const* bytes, ssize_t count) {
-      if (count > 0)
-        _received.append(bytes, static_cast<size_t>(count));
-      else if (count == UV_EOF) {
-        _accepted->close();  // closing from inside the read callback must be safe
-        ++_eofs;
-      } else
-        _errors.push_back(static_cast<int>(count));
-    });
+    std::filesystem::remove_all(std::string(_dir));
   }
 
   uv::Loop _loop;
@@ -66,13 +60,11 @@ protected:
   ByteArray _received;
   int _eofs = 0;
   std::vector<int> _errors;
-  String _dir, _path;
+  String _dir;
 };
 
 TEST_F(PipeStreamTest, ManyWritesInOneIterationArriveIntactAndInOrder) {
-  connectPair();
   EXPECT_EQ(_accepted->peerUserId(), ::getuid());
-  readAccepted();
   ByteArray expected;
   int writeCalls = 0;
   for (int i = 0; i < 500; ++i) {
@@ -98,8 +90,6 @@ TEST_F(PipeStreamTest, ManyWritesInOneIterationArriveIntactAndInOrder) {
 }
 
 TEST_F(PipeStreamTest, CloseSendsWhatWasQueuedAndFailsLaterWrites) {
-  connectPair();
-  readAccepted();
   std::vector<int> statuses;
   auto record = [&statuses](uv::Status s) { statuses.push_back(s.code()); };
   for (int i = 0; i < 3; ++i)
