@@ -13,13 +13,6 @@
 namespace fn {
 namespace {
 
-std::vector<String> conditions(testing::AssertionRecorder const& recorder) {
-  std::vector<String> result;
-  for (auto const& failure : recorder.failures())
-    result.push_back(failure.condition);
-  return result;
-}
-
 TEST(Promise, ContinuationsRunPostedOnTheLoopAndRejectionsReachTheFirstHandler) {
   uv::Loop loop;
   std::vector<String> ran;
@@ -85,7 +78,7 @@ TEST(Promise, CancellationRunsTheOneHandlerAndDropsTheContinuation) {
   EXPECT_EQ(first, 2);
   testing::drainLoop(loop);
   EXPECT_EQ(continued, 0);
-  EXPECT_EQ(conditions(recorder), (std::vector<String>{"Cancellation handler already set"}));
+  EXPECT_EQ(recorder.conditions(), (std::vector<String>{"Cancellation handler already set"}));
 }
 
 TEST(Promise, ContinuationReturningAPromiseYieldsItsResult) {
@@ -125,7 +118,7 @@ TEST(Promise, MisuseIsReportedWithItsAssertionText) {
   twice.then([](int) {});
   twice.then([](int) {});
   testing::drainLoop(loop);
-  EXPECT_EQ(conditions(recorder),
+  EXPECT_EQ(recorder.conditions(),
             (std::vector<String>{"Promise already settled", "Promise already has a continuation"}));
   EXPECT_TRUE(twice.isFulfilled());
   // A thread without a run loop cannot own promises.
@@ -133,7 +126,7 @@ TEST(Promise, MisuseIsReportedWithItsAssertionText) {
   std::thread([&] {
     testing::AssertionRecorder inThread;
     Promise<void>().onCancel([] {});
-    offThread = conditions(inThread);
+    offThread = inThread.conditions();
   }).join();
   EXPECT_EQ(offThread, std::vector<String>(2, "Function must be called on main thread"));
 }
