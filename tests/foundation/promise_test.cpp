@@ -59,7 +59,6 @@ TEST(Promise, CancellationRunsTheOneHandlerAndDropsTheContinuation) {
   pending.cancel();
   pending.resolve(1);
   EXPECT_EQ(first + second, 1);
-  EXPECT_TRUE(pending.isCancelled());
 
   // Settled but its continuation not run yet: the consumer's cancel still wins, and the
   // producer, who is done, hears nothing. Its handler was released when it settled.

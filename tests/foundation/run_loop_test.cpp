@@ -54,10 +54,8 @@ TEST(RunLoop, PostsFromAnotherThreadArriveInOrderButLoopBoundCallsThereAreAssert
   poster.join();
   EXPECT_EQ(received, expected);
   loopBoundCall();  // has a loop: fine
-  auto failures = recorder.failures();
-  ASSERT_EQ(failures.size(), 1u);
-  EXPECT_EQ(failures[0].condition, "Function must be called on main thread");
-  EXPECT_EQ(failures[0].function, "loopBoundCall");
+  EXPECT_EQ(recorder.conditions(), std::vector<String>{"Function must be called on main thread"});
+  EXPECT_EQ(recorder.failures()[0].function, "loopBoundCall");
 }
 
 TEST(RunLoop, ScheduledCallsRunUnlessCancelledAndRunUntilStopsWhenDoneStoppedOrIdle) {
