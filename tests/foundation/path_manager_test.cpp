@@ -9,7 +9,6 @@
 #include "foundation/environment.h"
 #include "foundation/exception.h"
 #include "foundation/file.h"
-#include "foundation/uv/process.h"
 
 namespace fn {
 namespace {
@@ -31,45 +30,26 @@ TEST(PathManager, LocationsLiveUnderTheApplicationNameAndTheTestRoot) {
   Environment::set(PathManager::TEST_ROOT_VARIABLE, root);
   paths.setApplicationName("Orbisant");
   EXPECT_EQ(paths.getPath(PathManager::USER_FILES, "a"), root + "/documents/Orbisant/a");
-  EXPECT_EQ(paths.getPath(PathManager::USER_DATA, "Instance.prefs"),
-            root + "/data/Orbisant/Instance.prefs");
-  EXPECT_EQ(paths.getPath(PathManager::LOGGING_PROFILES), root + "/data/Orbisant/logging_profiles");
   EXPECT_EQ(paths.getPath(PathManager::LOGS, "hub.log"), root + "/state/Orbisant/logs/hub.log");
   EXPECT_FALSE(File(root + "/data").exists());
-
   String created = paths.getPath(PathManager::LOGGING_PROFILES, "p.json", true);
+  EXPECT_EQ(created, root + "/data/Orbisant/logging_profiles/p.json");
   EXPECT_FALSE(File(created).exists());
   EXPECT_TRUE(File(root + "/data/Orbisant/logging_profiles").isDirectory());
   struct stat info {};
   ASSERT_EQ(::stat((root + "/data/Orbisant").c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 077, 0u);
-
   EXPECT_THROW(paths.getPath(4), RangeException);
 
+  // The directory found from the running executable is proven by the module launch suite.
+  String app = paths.applicationDirectory();
+  paths.setApplicationDirectory("/opt/app/lib/app", false);
+  EXPECT_FALSE(paths.hasBinDirectory());
+  EXPECT_EQ(paths.getPath(PathManager::APPLICATION, "x.so"), "/opt/app/lib/app/x.so");
+  paths.setApplicationDirectory(app, true);
   paths.setApplicationName(previousName);
   Environment::unset(PathManager::TEST_ROOT_VARIABLE);
   std::filesystem::remove_all(std::string(root));
-}
-
-TEST(PathManager, TheApplicationDirectoryIsFoundFromTheRunningExecutable) {
-  auto& paths = PathManager::instance();
-  // Test executables live in <build>/bin, like installed ones in <prefix>/bin.
-  std::filesystem::path executable(std::string(uv::executablePath()));
-  ASSERT_EQ(executable.parent_path().filename(), "bin");
-  String root(executable.parent_path().parent_path().string());
-  EXPECT_TRUE(paths.hasBinDirectory());
-  EXPECT_EQ(paths.applicationDirectory(), root);
-  EXPECT_EQ(paths.getPath(PathManager::APPLICATION, "bin/" + executable.filename().string()),
-            String(executable.string()));
-  // The test root moves the user's files, never the installation.
-  Environment::set(PathManager::TEST_ROOT_VARIABLE, "/tmp/elsewhere");
-  EXPECT_EQ(paths.getPath(PathManager::APPLICATION, "modules/x.so"), root + "/modules/x.so");
-  Environment::unset(PathManager::TEST_ROOT_VARIABLE);
-
-  paths.setApplicationDirectory("/opt/app/lib/app", false);
-  EXPECT_FALSE(paths.hasBinDirectory());
-  EXPECT_EQ(paths.getPath(PathManager::APPLICATION), "/opt/app/lib/app");
-  paths.setApplicationDirectory(root, true);
 }
 
 }  // namespace

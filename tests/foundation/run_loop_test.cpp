@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <numeric>
 #include <thread>
 
 #include "foundation/exception.h"
@@ -17,40 +18,49 @@ void loopBoundCall() {
   FN_ASSERT_LOOP_THREAD();
 }
 
-TEST(RunLoop, PostedTasksRunLaterInOrder) {
+TEST(RunLoop, PostedTasksRunLaterInOrderEndOfIterationWorkBeforeTheNext) {
   uv::Loop loop;
-  EXPECT_EQ(RunLoop::currentLoop(), &loop);
-  std::vector<int> order;
-  loop.post([&order, &loop] {
-    order.push_back(1);
-    // Posted from a task: after what was already queued.
-    loop.post([&order] { order.push_back(4); });
-  });
-  loop.post([&order] { order.push_back(2); });
-  loop.post([&order] { order.push_back(3); });
-  EXPECT_TRUE(order.empty());
-
+  std::vector<String> order;
+  // Queued with nothing else to do: run() must still get to it.
+  loop.atEndOfIteration([&order] { order.push_back("first end"); });
   loop.run();
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+  loop.post([&order, &loop] {
+    order.push_back("task");
+    loop.post([&order] { order.push_back("next task"); });
+    loop.atEndOfIteration([&order, &loop] {
+      order.push_back("end");
+      loop.atEndOfIteration([&order] { order.push_back("end from end"); });
+    });
+  });
+  loop.post([&order] { order.push_back("second task"); });
+  EXPECT_EQ(order.size(), 1u);
+  loop.run();
+  EXPECT_EQ(order, (std::vector<String>{"first end", "task", "second task", "end", "end from end",
+                                        "next task"}));
 }
 
-TEST(RunLoop, PostsFromAnotherThreadArriveInOrder) {
+TEST(RunLoop, PostsFromAnotherThreadArriveInOrderButLoopBoundCallsThereAreAssertions) {
+  testing::AssertionRecorder recorder;
   uv::Loop loop;
   constexpr int COUNT = 1000;
-  std::vector<int> received;
+  std::vector<int> received, expected(COUNT);
+  std::iota(expected.begin(), expected.end(), 0);
   std::thread poster([&loop, &received] {
-    EXPECT_EQ(RunLoop::currentLoop(), nullptr);
+    loopBoundCall();
     for (int i = 0; i < COUNT; ++i)
       loop.post([&received, i] { received.push_back(i); });
   });
   EXPECT_TRUE(testing::runLoopUntil(loop, [&] { return received.size() == COUNT; }));
   poster.join();
-  for (int i = 0; i < COUNT; ++i)
-    ASSERT_EQ(received[i], i);
+  EXPECT_EQ(received, expected);
+  loopBoundCall();  // has a loop: fine
+  EXPECT_EQ(recorder.conditions(), std::vector<String>{"Function must be called on main thread"});
+  EXPECT_EQ(recorder.failures()[0].function, "loopBoundCall");
 }
 
-TEST(RunLoop, ScheduledCallsRunUnlessTheirHandleIsCancelled) {
+TEST(RunLoop, ScheduledCallsRunUnlessCancelledAndRunUntilStopsWhenDoneStoppedOrIdle) {
   uv::Loop loop;
+  EXPECT_FALSE(loop.runUntil([] { return false; }));  // nothing could ever happen
   std::vector<String> ran;
   auto record = [&ran](String name) { return [&ran, name] { ran.push_back(name); }; };
   Handle kept = loop.schedule(Duration::milliseconds(1), record("kept"));
@@ -58,14 +68,14 @@ TEST(RunLoop, ScheduledCallsRunUnlessTheirHandleIsCancelled) {
   { Handle dropped = loop.schedule(Duration::milliseconds(1), record("dropped")); }
   loop.schedule(Duration::milliseconds(1), record("detached")).detach();
   Handle last = loop.schedule(Duration::milliseconds(20), record("last"));
-  EXPECT_TRUE(kept.valid());
   invalidated.invalidate();
-  EXPECT_FALSE(invalidated.valid());
-
-  EXPECT_TRUE(testing::runLoopUntil(loop, [&] { return !last.valid(); }));
+  EXPECT_TRUE(loop.runUntil([&] { return !last.valid(); }));
   EXPECT_EQ(ran, (std::vector<String>{"kept", "detached", "last"}));
-  EXPECT_FALSE(kept.valid());
   kept.invalidate();  // after firing: nothing left to cancel
+
+  Handle stopper = loop.schedule(Duration(), [&loop] { loop.stop(); });
+  Handle keepAlive = loop.schedule(Duration::seconds(30), [] {});
+  EXPECT_FALSE(loop.runUntil([] { return false; }));
 }
 
 TEST(RunLoop, ThrowingTaskIsReportedAndTheLoopGoesOn) {
@@ -85,59 +95,6 @@ TEST(RunLoop, ThrowingTaskIsReportedAndTheLoopGoesOn) {
   EXPECT_EQ(reported, (std::vector<String>{
                           "1 fn.exception Unhandled exception: RuntimeException: posted boom",
                           "1 fn.exception Unhandled exception: std::runtime_error: timer boom"}));
-}
-
-TEST(RunLoop, EndOfIterationWorkRunsBeforeTheLoopWaits) {
-  uv::Loop loop;
-  std::vector<String> order;
-  // Queued with nothing else to do: run() must still get to it.
-  loop.atEndOfIteration([&order] { order.push_back("first end"); });
-  loop.run();
-  EXPECT_EQ(order, (std::vector<String>{"first end"}));
-
-  order.clear();
-  loop.post([&order, &loop] {
-    order.push_back("task");
-    loop.post([&order] { order.push_back("next task"); });
-    loop.atEndOfIteration([&order, &loop] {
-      order.push_back("end");
-      loop.atEndOfIteration([&order] { order.push_back("end from end"); });
-    });
-  });
-  loop.run();
-  EXPECT_EQ(order, (std::vector<String>{"task", "end", "end from end", "next task"}));
-}
-
-TEST(RunLoop, RunUntilStopsWhenDoneStoppedOrIdle) {
-  uv::Loop loop;
-  EXPECT_FALSE(loop.runUntil([] { return false; }));  // nothing could ever happen
-
-  bool fired = false;
-  Handle timer = loop.schedule(Duration::milliseconds(1), [&fired] { fired = true; });
-  EXPECT_TRUE(loop.runUntil([&] { return fired; }));
-
-  int ran = 0;
-  Handle stopper = loop.schedule(Duration(), [&loop, &ran] {
-    ++ran;
-    loop.stop();
-  });
-  Handle keepAlive = loop.schedule(Duration::seconds(30), [] {});
-  EXPECT_FALSE(loop.runUntil([] { return false; }));
-  EXPECT_EQ(ran, 1);
-}
-
-TEST(RunLoop, LoopBoundCallWithoutALoopIsAnAssertion) {
-  testing::AssertionRecorder recorder;
-  std::thread stranger([] { loopBoundCall(); });
-  stranger.join();
-  {
-    uv::Loop loop;
-    loopBoundCall();  // has a loop: fine
-  }
-  auto failures = recorder.failures();
-  ASSERT_EQ(failures.size(), 1u);
-  EXPECT_EQ(failures[0].condition, "Function must be called on main thread");
-  EXPECT_EQ(failures[0].function, "loopBoundCall");
 }
 
 }  // namespace

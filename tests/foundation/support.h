@@ -44,6 +44,12 @@ public:
     std::lock_guard lock(_mutex);
     return _failures;
   }
+  std::vector<String> conditions() const {
+    std::vector<String> result;
+    for (auto const& failure : failures())
+      result.push_back(failure.condition);
+    return result;
+  }
 
 private:
   mutable std::mutex _mutex;
