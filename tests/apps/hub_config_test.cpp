@@ -10,7 +10,6 @@ TEST(HubConfig, EverythingIsOptional) {
   auto empty = hub::parseConfig("{}");
   EXPECT_EQ(empty.timeout, fn::Duration::seconds(30));
   EXPECT_TRUE(empty.modules.empty());
-  EXPECT_FALSE(hub::parseConfig(R"({"modules": [{"name": "a"}]})").modules[0].inProcess);
 }
 
 TEST(HubConfig, RejectsWhatItCannotUseNamingTheEntry) {
