@@ -7,7 +7,6 @@
 #include <stdlib.h>
 
 #include <filesystem>
-#include <vector>
 
 #include "foundation/environment.h"
 #include "foundation/path_manager.h"
@@ -21,9 +20,8 @@ class TemporaryRoot {
 public:
   TemporaryRoot() {
     char pattern[] = "/tmp/lumaren-core-test-XXXXXX";
-    char* made = ::mkdtemp(pattern);
-    EXPECT_NE(made, nullptr);
-    _path = made ? made : "";
+    _path = ::mkdtemp(pattern) ? pattern : "";
+    EXPECT_FALSE(_path.empty());
     fn::Environment::set(fn::PathManager::TEST_ROOT_VARIABLE, _path);
   }
   ~TemporaryRoot() {
