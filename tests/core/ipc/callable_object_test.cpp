@@ -95,24 +95,21 @@ protected:
 
 }  // namespace
 
-TEST_F(CallableTest, CallsAreAnsweredWithValuesAndMediaTypesIntact) {
+TEST_F(CallableTest, CallsAreAnsweredWithValuesIntactAndEventsReachCallerOrEveryHolder) {
   ServiceReference& a = startModule("A");
   ServiceReference& b = startModule("B");
 
   fn::Value argument = fn::Value::map(
-      {{"text", "hello"},
-       {"list", fn::Value::array({1, -2, 3.5, fn::Value()})},
+      {{"list", fn::Value::array({1, -2, 3.5, fn::Value()})},
        {"fraction", fn::Value::box(core::Fraction(16, 9))},
        {"typed", fn::Value::box(core::TypedByteArray(fn::ByteArray{1, 2, 3}, "image/png"))}});
   fn::Value echoed = call(a, "echo", argument);
-  EXPECT_EQ(echoed.at("text"), fn::Value("hello"));
   EXPECT_EQ(echoed.at("list"), argument.at("list"));
   ASSERT_NE(echoed.at("fraction").boxed<core::Fraction>(), nullptr);
   EXPECT_EQ(echoed.at("fraction").boxed<core::Fraction>()->toString(), "16/9");
   ASSERT_NE(echoed.at("typed").boxed<core::TypedByteArray>(), nullptr);
   EXPECT_EQ(*echoed.at("typed").boxed<core::TypedByteArray>(),
             core::TypedByteArray(fn::ByteArray{1, 2, 3}, "image/png"));
-
   // The module saw real value types, not opaque bytes.
   EXPECT_EQ(call(a, "describe", argument),
             fn::Value::map({{"fraction", "16/9"}, {"mimeType", "image/png"}, {"byteCount", 3}}));
@@ -121,7 +118,16 @@ TEST_F(CallableTest, CallsAreAnsweredWithValuesAndMediaTypesIntact) {
   EXPECT_EQ(a.lastRequestId(), 2u);
   call(b, "echo", 1);
   EXPECT_EQ(b.lastRequestId(), 1u);
-  EXPECT_EQ(a.pendingCallCount(), 0u);
+
+  // B holds A's service too and relays what it hears as "heard" events of its own. Only the
+  // caller gets the direct event, and before the broadcast.
+  EXPECT_EQ(call(b, "keep", fn::Value(fn::AutoPtr<ServiceReference>(&a))), fn::Value(1));
+  EXPECT_EQ(call(a, "emit", "now"), fn::Value(true));
+  EXPECT_EQ(awaitEvent(a, "news"), fn::Value("now"));
+  EXPECT_EQ(awaitEvent(b, "heard"), fn::Value("news"));
+  ASSERT_EQ(a.events.size(), 2u);
+  EXPECT_EQ(a.events[0], std::make_pair(fn::String("direct"), fn::Value("now")));
+  EXPECT_EQ(b.events.size(), 1u);
 
   // An unknown method is never answered; later calls are, and the open one can be cancelled.
   fn::Promise<fn::Value> unanswered = a.callMethod("noSuchMethod", {});
@@ -137,14 +143,12 @@ TEST_F(CallableTest, CallsAreAnsweredWithValuesAndMediaTypesIntact) {
   worker->objects().encodePayload(argument, bytes, objects);
   fn::Value rendered = ipc::translatePayload(
       fn::Value::map({{ipc::key::TYPE, ipc::type::MESSAGE}, {ipc::key::PAYLOAD, bytes}}));
-  fn::Value const& payload = rendered.at("8-PAYLOAD");
-  ASSERT_NE(payload.at("fraction").boxed<core::Fraction>(), nullptr);
-  EXPECT_EQ(payload.at("fraction").boxed<core::Fraction>()->toString(), "16/9");
-  ASSERT_NE(payload.at("typed").boxed<core::TypedByteArray>(), nullptr);
-  EXPECT_EQ(payload.at("typed").boxed<core::TypedByteArray>()->mimeType(), "image/png");
+  ASSERT_NE(rendered.at("8-PAYLOAD").at("typed").boxed<core::TypedByteArray>(), nullptr);
+  EXPECT_EQ(rendered.at("8-PAYLOAD").at("typed").boxed<core::TypedByteArray>()->mimeType(),
+            "image/png");
 }
 
-TEST_F(CallableTest, ErrorsArriveAsExceptionsWithEverythingTheyCarried) {
+TEST_F(CallableTest, ErrorsArriveWithEverythingTheyCarriedAndOnlyOpenCallsAreCancelled) {
   ServiceReference& a = startModule("A");
 
   // A structured exception: class, message and all error information restored.
@@ -153,14 +157,12 @@ TEST_F(CallableTest, ErrorsArriveAsExceptionsWithEverythingTheyCarried) {
   ASSERT_NE(file, nullptr) << fn::describeException(structured.error);
   EXPECT_EQ(file->className(), "FileException");
   EXPECT_EQ(file->message(), "cannot open the recording");
+  auto fields = [](fn::ErrorInfo const& i) {
+    return std::tie(i.detail, i.path, i.errnoValue, i.uvErrno, i.winError, i.errorCode,
+                    i.stackTrace);
+  };
   fn::ErrorInfo expected = structuredErrorInfo();
-  EXPECT_EQ(file->info().detail, expected.detail);
-  EXPECT_EQ(file->info().path, expected.path);
-  EXPECT_EQ(file->info().errnoValue, expected.errnoValue);
-  EXPECT_EQ(file->info().uvErrno, expected.uvErrno);
-  EXPECT_EQ(file->info().winError, expected.winError);
-  EXPECT_EQ(file->info().errorCode, expected.errorCode);
-  EXPECT_EQ(file->info().stackTrace, expected.stackTrace);
+  EXPECT_TRUE(fields(file->info()) == fields(expected));
 
   // The library's own exception comes back as itself.
   auto dead = await(a.callMethod("failObjectDead", {}));
@@ -173,7 +175,6 @@ TEST_F(CallableTest, ErrorsArriveAsExceptionsWithEverythingTheyCarried) {
   auto unknown = await(a.callMethod("failUnknownClass", {}));
   auto const* runtime = exceptionAs<fn::RuntimeException>(unknown.error);
   ASSERT_NE(runtime, nullptr);
-  EXPECT_EQ(runtime->className(), "RuntimeException");
   EXPECT_EQ(runtime->message(), "only here");
   EXPECT_EQ(runtime->info().detail, "ModuleOnlyException: private");
 
@@ -189,13 +190,8 @@ TEST_F(CallableTest, ErrorsArriveAsExceptionsWithEverythingTheyCarried) {
     EXPECT_EQ(plain->message(), text) << method;
     EXPECT_FALSE(plain->info().detail) << method;
   }
-  EXPECT_EQ(a.pendingCallCount(), 0u);
-}
 
-TEST_F(CallableTest, CancellationReachesTheInstanceOnlyWhileTheCallIsOpen) {
-  ServiceReference& a = startModule("A");
-
-  // Open: the instance hears of it, and the caller's continuation never runs.
+  // Cancelled while open: the instance hears of it, and the caller's continuation never runs.
   fn::Promise<fn::Value> held = a.callMethod("hold", {});
   uint32_t heldId = a.lastRequestId();
   auto heldOutcome = watch(held);
@@ -217,23 +213,7 @@ TEST_F(CallableTest, CancellationReachesTheInstanceOnlyWhileTheCallIsOpen) {
   EXPECT_EQ(a.pendingCallCount(), 0u);
 }
 
-TEST_F(CallableTest, EventsReachTheCallerOrEveryHolder) {
-  ServiceReference& a = startModule("A");
-  ServiceReference& b = startModule("B");
-  // B holds A's service too and relays what it hears as "heard" events of its own.
-  EXPECT_EQ(call(b, "keep", fn::Value(fn::AutoPtr<ServiceReference>(&a))), fn::Value(1));
-
-  EXPECT_EQ(call(a, "emit", "now"), fn::Value(true));
-  EXPECT_EQ(awaitEvent(a, "news"), fn::Value("now"));
-  EXPECT_EQ(awaitEvent(b, "heard"), fn::Value("news"));
-  // Only the caller got the direct event, and it came before the broadcast.
-  ASSERT_EQ(a.events.size(), 2u);
-  EXPECT_EQ(a.events[0], std::make_pair(fn::String("direct"), fn::Value("now")));
-  ASSERT_EQ(b.events.size(), 1u);
-  EXPECT_EQ(b.events[0].second, fn::Value("news"));
-}
-
-TEST_F(CallableTest, InstancesLiveExactlyAsLongAsSomeProcessHoldsThem) {
+TEST_F(CallableTest, InstancesLiveAsLongAsSomeProcessHoldsThemAndDieWithTheirOwner) {
   ServiceReference& a = startModule("A");
   ServiceReference& b = startModule("B");
 
@@ -244,7 +224,6 @@ TEST_F(CallableTest, InstancesLiveExactlyAsLongAsSomeProcessHoldsThem) {
   ipc::ObjectId firstId = first.at("id").to<ipc::ObjectId>();
   EXPECT_EQ(child->objectId(), firstId);
   EXPECT_EQ(child->usageCount(), 1);
-  EXPECT_EQ(call(a, "children"), fn::Value(1));
   first = fn::Value();
   EXPECT_EQ(awaitEvent(a, "released"), fn::Value(firstId));
   EXPECT_EQ(call(a, "children"), fn::Value(0));
@@ -259,12 +238,30 @@ TEST_F(CallableTest, InstancesLiveExactlyAsLongAsSomeProcessHoldsThem) {
   EXPECT_EQ(call(a, "children"), fn::Value(1));
   EXPECT_TRUE(a.events.empty());
 
-  // ...until B is killed while holding it.
+  // ...until B is killed while holding it. B's open calls fail in the order they were made.
+  std::vector<int> order;
+  for (int i = 0; i < 3; ++i) {
+    b.callMethod("hold", i).then([](fn::Value) { ADD_FAILURE() << "answered"; },
+                                 [&order, i](std::exception_ptr error) {
+                                   EXPECT_NE(exceptionAs<ipc::ObjectDeadException>(error), nullptr);
+                                   order.push_back(i);
+                                 });
+  }
+  int deaths = 0;
+  fn::Handle onDead = b.objectDeadSignal().connect([&] { ++deaths; });
   modules["B"]->kill(SIGKILL);
   EXPECT_EQ(modules["B"]->waitForExit(), -SIGKILL);
   EXPECT_EQ(awaitEvent(a, "released"), fn::Value(secondId));
   EXPECT_EQ(call(a, "children"), fn::Value(0));
-  EXPECT_TRUE(runLoopUntil(loop, [&] { return b.dead(); }));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return order.size() == 3; }));
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+  EXPECT_EQ(deaths, 1);
+  EXPECT_EQ(b.pendingCallCount(), 0u);
+
+  // A dead reference refuses at once, sending nothing and using no id.
+  uint32_t lastId = b.lastRequestId();
+  EXPECT_NE(exceptionAs<ipc::ObjectDeadException>(await(b.callMethod("echo", 1)).error), nullptr);
+  EXPECT_EQ(b.lastRequestId(), lastId);
 }
 
 TEST_F(CallableTest, ObjectsTravelOnceListedAndComeHomeAsLocalReferences) {
@@ -282,14 +279,6 @@ TEST_F(CallableTest, ObjectsTravelOnceListedAndComeHomeAsLocalReferences) {
                                   {"callable", true},
                                   {"className", "ipc::CallableObjectReference"}}));
 
-  // Back home it is the local reference, not counted.
-  fn::Value echoed = call(a, "echo", fn::Value::map({{"thing", thing}}));
-  auto* home = echoed.at("thing").objectAs<ipc::ObjectReference>();
-  ASSERT_NE(home, nullptr);
-  EXPECT_EQ(home, thing->localReference().get());
-  EXPECT_TRUE(home->local());
-  EXPECT_EQ(home->usageCount(), 0);
-
   // The other process calls it through that reference.
   EXPECT_EQ(
       call(a, "callBack", fn::Value::map({{"target", thing}, {"method", "ping"}, {"argument", 5}})),
@@ -298,40 +287,9 @@ TEST_F(CallableTest, ObjectsTravelOnceListedAndComeHomeAsLocalReferences) {
   EXPECT_NE(thing->calls[0].workerId, worker->workerId());
 
   // Once A lets go of everything, only our own holders keep the thing.
-  echoed = fn::Value();
   EXPECT_TRUE(runLoopUntil(loop, [&] { return thing->usageCount() == 0; }));
   thing.reset();
   EXPECT_TRUE(runLoopUntil(loop, [&] { return weak.expired(); }));
-}
-
-TEST_F(CallableTest, OpenCallsFailWithObjectDeadExceptionWhenTheOwnerIsKilled) {
-  ServiceReference& a = startModule("A");
-  std::vector<int> order;
-  std::vector<std::exception_ptr> errors;
-  for (int i = 0; i < 3; ++i) {
-    a.callMethod("hold", i).then([](fn::Value) { ADD_FAILURE() << "answered"; },
-                                 [&order, &errors, i](std::exception_ptr error) {
-                                   order.push_back(i);
-                                   errors.push_back(error);
-                                 });
-  }
-  EXPECT_EQ(a.pendingCallCount(), 3u);
-  int deaths = 0;
-  fn::Handle onDead = a.objectDeadSignal().connect([&] { ++deaths; });
-
-  modules["A"]->kill(SIGKILL);
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return order.size() == 3; }));
-  EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
-  for (auto const& error : errors)
-    EXPECT_NE(exceptionAs<ipc::ObjectDeadException>(error), nullptr);
-  EXPECT_EQ(deaths, 1);
-  EXPECT_EQ(a.pendingCallCount(), 0u);
-
-  // A dead reference refuses at once, sending nothing and using no id.
-  auto refused = await(a.callMethod("echo", 1));
-  EXPECT_NE(exceptionAs<ipc::ObjectDeadException>(refused.error), nullptr);
-  EXPECT_EQ(a.lastRequestId(), 3u);
-  EXPECT_EQ(a.pendingCallCount(), 0u);
 }
 
 TEST(CallableLocal, CallsWithinOneProcessArePostedAndMalformedMessagesAreDropped) {
@@ -353,8 +311,6 @@ TEST(CallableLocal, CallsWithinOneProcessArePostedAndMalformedMessagesAreDropped
     EXPECT_TRUE(runLoopUntil(loop, [&] { return answered; }));
     ASSERT_EQ(thing->calls.size(), 1u);
     EXPECT_EQ(thing->calls[0], (CallContext{4, 1}));
-    EXPECT_EQ(CallContext(), (CallContext{0xFFFF, 0xFFFFFFFF}));
-    EXPECT_NE(thing->calls[0], (CallContext{4, 2}));
 
     // A cancelled call tells the instance; a call without a method or a reply for an
     // unknown id does nothing but leave a log line.

@@ -30,10 +30,7 @@ public:
       : ModuleDefinition(name),
         _script(std::move(script)),
         _killable(killable) {}
-  ~ScriptedModule() override {
-    if (_process)
-      _process->kill(SIGKILL);
-  }
+  ~ScriptedModule() override { kill(true); }
 
   bool launchFirst() const override { return _launchFirst; }
   void launch(ipc::Dispatcher& dispatcher, fn::String const& tag) override {
@@ -41,49 +38,39 @@ public:
     if (_script.size() > 1)
       _script.pop_front();
     ++launches;
+    if (behaviour == Behaviour::FailToStart)
+      throw fn::IOException("no such module");
     fn::uv::Process::Options options;
-    switch (behaviour) {
-      case Behaviour::Connect:
-        options.file = fn::uv::executablePath();
-        options.arguments = {"--module", _name, dispatcher.pipePath(), "tag=" + tag, "register=0"};
-        break;
-      case Behaviour::NeverConnect:
-        options.file = "/bin/sleep";
-        options.arguments = {"30"};
-        break;
-      case Behaviour::Crash:
-        options.file = "/bin/sh";
-        options.arguments = {"-c", "exit 3"};
-        break;
-      case Behaviour::FailToStart:
-        throw fn::IOException("no such module");
+    options.file = "/bin/sh";
+    options.arguments = {"-c", behaviour == Behaviour::Crash ? "exit 3" : "exec sleep 30"};
+    if (behaviour == Behaviour::Connect) {
+      options.file = fn::uv::executablePath();
+      options.arguments = {"--module", _name, dispatcher.pipePath(), "tag=" + tag, "register=0"};
     }
-    // Only the exit of the child this definition still holds is reported.
-    uint64_t generation = ++*_generation;
-    std::weak_ptr<uint64_t> current = _generation;
+    // Only the exit of the child this definition still holds is reported: killing it, a new
+    // launch or the definition's end lets go of the launch's token.
+    _token = std::make_shared<int>();
+    std::weak_ptr<int> token = _token;
     _process = fn::uv::Process::spawn(dispatcher.loop(), options,
-                                      [this, current, generation](int64_t status, int signal) {
+                                      [this, token](int64_t status, int signal) {
                                         --liveChildren;
-                                        auto live = current.lock();
-                                        if (!live || *live != generation)
+                                        if (token.expired())
                                           return;
+                                        _token.reset();
                                         _process.reset();
                                         _onExit.emit(status, signal);
                                       });
     ++liveChildren;
   }
   void kill(bool) override {
-    if (_process) {
+    if (_process)
       _process->kill(SIGKILL);
-      _process.reset();
-      ++*_generation;
-    }
+    _process.reset();
+    _token.reset();
   }
   bool canBeKilled() const override { return _killable; }
   std::optional<ProcessInfo> processInfo() const override {
-    if (!_process)
-      return std::nullopt;
-    return ProcessInfo{_process->pid()};
+    return _process ? std::optional(ProcessInfo{_process->pid()}) : std::nullopt;
   }
   fn::String name() const override { return _name; }
   fn::String moduleName() const override { return _name; }
@@ -97,12 +84,8 @@ private:
   std::deque<Behaviour> _script;
   bool _killable;
   fn::AutoPtr<fn::uv::Process> _process;
-  std::shared_ptr<uint64_t> _generation = std::make_shared<uint64_t>(0);
+  std::shared_ptr<int> _token;
 };
-
-}  // namespace
-
-namespace {
 
 class ModuleManagerTest : public HubTest {
 protected:
@@ -185,9 +168,9 @@ TEST_F(ModuleManagerTest, CrashBeforeConnectingIsRestartedOnceOnTheFirstAttemptO
   EXPECT_TRUE(logs.contains("Module recovering has connected"));
 }
 
-TEST_F(ModuleManagerTest, ConnectedModuleIsRestartedEveryTimeItExits) {
+TEST_F(ModuleManagerTest, ConnectedModuleIsRestartedEveryTimeItExitsUntilStopped) {
   auto* worker = new ScriptedModule("crashy", {Behaviour::Connect});
-  manage({worker});
+  auto& manager = manage({worker});
   for (int round = 1; round <= 3; ++round) {
     ASSERT_TRUE(waitFor([&] { return state(0).connected; })) << "round " << round;
     ASSERT_EQ(state(0).launchAttemptCount, uint32_t(round));
@@ -196,9 +179,17 @@ TEST_F(ModuleManagerTest, ConnectedModuleIsRestartedEveryTimeItExits) {
   }
   ASSERT_TRUE(waitFor([&] { return state(0).connected; }));
   EXPECT_EQ(logs.matching("Module crashy did exit (status: 0, signal 9)").size(), 3u);
-  EXPECT_TRUE(fatal.empty());
   // onAllModulesConnected fires whenever the last module (re)connects.
   EXPECT_EQ(allConnected, 4);
+
+  // Stopping ends supervision: the process is killed and reaped, and nothing comes back.
+  int pid = worker->pid();
+  manager.stop();
+  EXPECT_EQ(worker->pid(), 0);
+  ASSERT_TRUE(waitFor([&] { return ::kill(pid, 0) != 0; }));
+  settle(fn::Duration::milliseconds(100 * 5));
+  EXPECT_EQ(worker->launches, 4);
+  EXPECT_TRUE(fatal.empty());
 }
 
 TEST_F(ModuleManagerTest, StoppedModuleIsKilledAndRestartedUnlessInProcess) {
@@ -260,20 +251,6 @@ TEST_F(ModuleManagerTest, LaunchOrderFailuresAndStrangers) {
   hub().onWorkerNotResponding().emit(unknown);
   EXPECT_TRUE(logs.contains(
       fmt::format("Received Not Responding notification for unmanaged workerId {}", id)));
-}
-
-TEST_F(ModuleManagerTest, StopEndsSupervisionAndKillsModuleProcesses) {
-  auto* module = new ScriptedModule("stoppable", {Behaviour::Connect});
-  auto& manager = manage({module});
-  ASSERT_TRUE(waitFor([&] { return state(0).connected; }));
-  int pid = module->pid();
-  manager.stop();
-  EXPECT_EQ(module->pid(), 0);
-  // The killed process is reaped and nothing comes back.
-  ASSERT_TRUE(waitFor([&] { return ::kill(pid, 0) != 0; }));
-  settle(fn::Duration::milliseconds(100 * 5));
-  EXPECT_EQ(module->launches, 1);
-  EXPECT_TRUE(fatal.empty());
 }
 
 }  // namespace

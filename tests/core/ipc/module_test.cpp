@@ -135,22 +135,19 @@ TEST_F(ModuleLaunchTest, AnExternalModuleRunsInTheLoaderAndIsReportedWhenItEnds)
   auto& module = define(TEST_MODULE, false);
   auto* external = dynamic_cast<ipc::DefaultExternalModule*>(module.definition.get());
   ASSERT_NE(external, nullptr);
-  fn::String root = fn::PathManager::instance().applicationDirectory();
-  EXPECT_EQ(external->executablePath(), root + "/bin/Lumaren.ModuleLoader");
-
   external->launch(hub(), "tag-1");
   ASSERT_TRUE(external->processInfo());
-  auto launching = log.matching("About to launch module loader at " + external->executablePath());
-  ASSERT_EQ(launching.size(), 1u);
-  EXPECT_EQ(launching[0].category, "ipc.moduleLoader");
-  EXPECT_EQ(launching[0].priority, fn::logging::DBG);
+  EXPECT_EQ(
+      log.matching("About to launch module loader at " +
+                   fn::PathManager::instance().applicationDirectory() + "/bin/Lumaren.ModuleLoader")
+          .size(),
+      1u);
   // It said its tag in its HELLO, and had the bus by the time it was told it is connected.
   fn::Value hello = awaitConnected("tag-1");
   EXPECT_EQ(hello.get("pid"), fn::Value(external->processInfo()->pid));
   EXPECT_EQ(hello.get("separateProcess"), fn::Value(true));
   EXPECT_EQ(connectedTags.back(), "tag-1");
   EXPECT_EQ(call(TEST_MODULE, "whoAmI").get("tag"), fn::Value("tag-1"));
-  EXPECT_EQ(call(TEST_MODULE, "echo", fn::Value::map({{"n", 7}})), fn::Value::map({{"n", 7}}));
 
   // Killed through the definition: forgotten at once, so that it can launch again.
   external->kill(true);
@@ -172,15 +169,13 @@ TEST_F(ModuleLaunchTest, AnExternalModuleRunsInTheLoaderAndIsReportedWhenItEnds)
   // The first process, killed, was never reported.
   EXPECT_EQ(module.exits, (std::vector<std::pair<long long, int>>{{0, SIGTERM}, {3, 0}}));
   EXPECT_FALSE(external->processInfo());
-}
 
-TEST_F(ModuleLaunchTest, AModuleThatCannotBeLoadedFailsClearly) {
-  // Launched by the hub, it ends with that failure before it ever connects.
-  auto& external = define("Missing", false);
-  external.definition->launch(hub(), "missing");
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return !external.exits.empty(); }));
-  EXPECT_EQ(external.exits[0], std::make_pair(1LL, 0));
-  // In process, the launch itself fails, and may be tried again.
+  // A module that cannot be loaded ends with that failure before it ever connects; in
+  // process, the launch itself fails, and may be tried again.
+  auto& missing = define("Missing", false);
+  missing.definition->launch(hub(), "missing");
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return !missing.exits.empty(); }));
+  EXPECT_EQ(missing.exits[0], std::make_pair(1LL, 0));
   auto& inProcess = define("Missing", true);
   EXPECT_THROW(inProcess.definition->launch(hub(), "m-2"), fn::SharedLibraryException);
   EXPECT_THROW(inProcess.definition->launch(hub(), "m-3"), fn::SharedLibraryException);
@@ -196,23 +191,20 @@ TEST_F(ModuleLaunchTest, InProcessModulesRunInTheHubAndCannotBeKilled) {
   fn::Value hello = awaitConnected("in-1");
   EXPECT_EQ(hello.get("pid"), fn::Value(::getpid()));
   EXPECT_EQ(hello.get("separateProcess"), fn::Value(false));
-  EXPECT_EQ(call(TEST_MODULE_B, "whoAmI").get("tag"), fn::Value("in-1"));
   ASSERT_TRUE(ipc::MessageBus::processBus());
 
   first.definition->launch(hub(), "in-2");
   first.definition->kill(true);
-  for (char const* text : {"Shared library for module TestModuleB has already been loaded",
-                           "Can't kill in-process module TestModuleB"}) {
-    auto lines = log.matching(text);
-    ASSERT_EQ(lines.size(), 1u) << text;
-    EXPECT_EQ(lines[0].category, "ipc.module");
-  }
+  EXPECT_EQ(log.matching("Shared library for module TestModuleB has already been loaded").size(),
+            1u);
+  auto refused = log.matching("Can't kill in-process module TestModuleB");
+  ASSERT_EQ(refused.size(), 1u);
+  EXPECT_EQ(refused[0].category, "ipc.module");
   EXPECT_EQ(ipc::Module::inProcessModuleCount(), 1u);
   EXPECT_EQ(call(TEST_MODULE_B, "echo", "still here"), fn::Value("still here"));
 
   // A second module of the process finds the bus there already.
   define(TEST_MODULE, true).definition->launch(hub(), "in-3");
-  awaitConnected("in-3");
   EXPECT_EQ(call(TEST_MODULE, "whoAmI").get("tag"), fn::Value("in-3"));
 
   // Gone with their workers: their services leave the registry, the bus leaves the process.
@@ -244,18 +236,6 @@ TEST_F(ModuleLaunchTest, AnIdleModuleHidesItsServiceAndEnds) {
 
   bus->post(QUIT, "idle-1");
   ASSERT_TRUE(runLoopUntil(loop, [&] { return !module.exits.empty(); }));
-  EXPECT_EQ(module.exits[0], std::make_pair(0LL, 0));
-}
-
-TEST_F(ModuleLaunchTest, AModuleProcessEndsWithItsHub) {
-  auto& module = define(TEST_MODULE, false);
-  module.definition->launch(hub(), "ends");
-  awaitConnected("ends");
-  subscriptions.clear();
-  bus.reset();
-  stopHub();
-  // Its worker lost the connection and the module stopped: a clean exit, no signal.
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return !module.exits.empty() && workerLost; }));
   EXPECT_EQ(module.exits[0], std::make_pair(0LL, 0));
 }
 

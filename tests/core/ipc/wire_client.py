@@ -1,13 +1,7 @@
 #!/usr/bin/python3
-"""An independent hub client that knows only the wire format: 4-byte little-endian length,
-then a MessagePack map with integer keys. Used by the wire-compatibility test.
-
-usage: wire_client.py PIPE_PATH REPORT_PATH
-
-It says HELLO, answers every PING, waits for some worker to post to object 0, sends that worker
-a MESSAGE carrying one of its own objects, and waits until the hub releases that object. The
-report (JSON) lists what it saw; the exit status is 0 when everything arrived as expected.
-"""
+"""A hub client that knows only the wire format (4-byte little-endian length, then a MessagePack
+map with integer keys). usage: wire_client.py PIPE_PATH REPORT_PATH. It answers PINGs, answers a
+post to object 0 with a MESSAGE carrying one of its objects, and ends once that is released."""
 import json
 import socket
 import struct
