@@ -8,6 +8,7 @@
 
 #include "foundation/exception.h"
 #include "foundation/uv/loop.h"
+#include "foundation/uv/process.h"
 #include "log_capture.h"
 #include "support.h"
 
@@ -95,6 +96,25 @@ TEST(RunLoop, ThrowingTaskIsReportedAndTheLoopGoesOn) {
   EXPECT_EQ(reported, (std::vector<String>{
                           "1 fn.exception Unhandled exception: RuntimeException: posted boom",
                           "1 fn.exception Unhandled exception: std::runtime_error: timer boom"}));
+}
+
+}  // namespace
+}  // namespace fn
+
+namespace fn {
+namespace {
+
+TEST(Process, GivenEnvironmentEntriesReplaceInheritedOnes) {
+  uv::Loop loop;
+  int64_t status = -1;
+  uv::Process::Options options;
+  // Python keeps the first of duplicate entries, as getenv() does (a shell would take the last).
+  options.file = "/usr/bin/python3";
+  options.arguments = {"-c", "import os, sys; sys.exit(os.environ['HOME'] != '/given')"};
+  options.environment = {"HOME=/given"};
+  auto child = uv::Process::spawn(loop, options, [&](int64_t s, int) { status = s; });
+  loop.runUntil([&] { return status >= 0; });
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace

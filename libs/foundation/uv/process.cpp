@@ -1,5 +1,8 @@
 #include "foundation/uv/process.h"
 
+#include <algorithm>
+#include <string_view>
+
 #include "foundation/uv/loop.h"
 
 extern char** environ;
@@ -16,9 +19,16 @@ AutoPtr<Process> Process::spawn(Loop& loop, Options const& options, ExitCallback
     args.push_back(const_cast<char*>(argument.c_str()));
   args.push_back(nullptr);
 
+  // The entries given replace inherited ones of the same name: with both, the child would see
+  // whichever its lookup meets first.
+  auto nameOf = [](std::string_view entry) { return entry.substr(0, entry.find('=')); };
   std::vector<char*> env;
-  for (char** e = environ; *e; ++e)
-    env.push_back(*e);
+  for (char** e = environ; *e; ++e) {
+    bool replaced = std::ranges::any_of(
+        options.environment, [&](String const& entry) { return nameOf(entry) == nameOf(*e); });
+    if (!replaced)
+      env.push_back(*e);
+  }
   for (auto const& entry : options.environment)
     env.push_back(const_cast<char*>(entry.c_str()));
   env.push_back(nullptr);
