@@ -134,6 +134,7 @@ TEST_F(HubTest, CountsUsesWhateverTheSenderClaimsAndReleasesOnceOrWhenAHolderDie
   // Both counted the uses that travelled: A's instances once per message, B's references
   // to every object. B passes X and its own Y on to C: C holds them, X's count stays.
   peerA->send(message(x, c, fn::Value::map({{x, "Thing"}}), marker('3')));
+  peerC->expect(messageWith(marker('3')));
   peerB->send(message(objectOf(b, 0), c, fn::Value::map({{x, "Thing"}, {y, "B"}}), marker('4')));
   peerC->expect(messageWith(marker('4')));
   EXPECT_EQ(hub().instanceUsageCount(x), 3u);
