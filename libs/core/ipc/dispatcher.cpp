@@ -182,51 +182,26 @@ void Dispatcher::onHello(Connection const& connection, fn::Value const& record) 
 void Dispatcher::onMessage(Connection const& connection, fn::Value record) {
   uint16_t source = connection->info.workerId;
   record[key::SOURCE_WORKER_ID] = source;
-  fn::Value const& objects = record.get(key::OBJECTS);
-  if (objects.isMap()) {
-    for (auto const& [id, name] : objects.asMap()) {
-      if (ownerOf(id.asUInt()) == source)
-        ++_instanceUsageCount[id.asUInt()];
-    }
-  }
-  auto target = record.at(key::TARGET_WORKER_ID).to<uint16_t>();
-  if (target != NO_WORKER) {
-    auto found = _workers.find(target);
-    if (found != _workers.end())
-      forwardMessageToWorker(found->second, record);
-    return;
-  }
-  auto objectId = record.at(key::OBJECT_ID).to<ObjectId>();
-  if (objectId != REGISTRY_OBJECT_ID) {
-    auto holders = _referenceUsageCount.find(objectId);
-    if (holders == _referenceUsageCount.end())
-      return;
-    std::vector<Connection> targets;
-    for (auto const& [workerId, count] : holders->second) {
-      if (auto found = _workers.find(workerId); found != _workers.end())
-        targets.push_back(found->second);
-    }
-    for (auto const& holder : targets)
-      forwardMessageToWorker(holder, record);
-    return;
-  }
-  // A connection that has not said HELLO has no id yet to release references under, so the
-  // uses counted for it could never be given back.
-  std::vector<Connection> targets;
-  for (auto const& other : _connections) {
-    if (other->info.workerId != 0 && other->info.workerId != NO_WORKER)
-      targets.push_back(other);
-  }
-  for (auto const& other : targets)
-    forwardMessageToWorker(other, record);
-}
-
-void Dispatcher::forwardMessageToWorker(Connection const& target, fn::Value const& record) {
+  // Every key is read before anything is counted, so a record that fails here changes nothing.
+  _objectIds.clear();
   fn::Value const& objects = record.get(key::OBJECTS);
   if (objects.isMap()) {
     for (auto const& [id, name] : objects.asMap())
-      increaseUsageCount(id.asUInt(), target->info.workerId);
+      _objectIds.push_back(id.asUInt());
   }
+  auto target = record.at(key::TARGET_WORKER_ID).to<uint16_t>();
+  ObjectId objectId = target == NO_WORKER ? record.at(key::OBJECT_ID).to<ObjectId>() : 0;
+  countInstanceUses(source, _objectIds);
+  collectTargets(target, objectId);
+  for (auto const& holder : _targets)
+    forwardMessageToWorker(holder, record);
+  _targets.clear();
+  releaseUnheld(source, _objectIds);
+}
+
+void Dispatcher::forwardMessageToWorker(Connection const& target, fn::Value const& record) {
+  for (ObjectId id : _objectIds)
+    increaseUsageCount(id, target->info.workerId);
   send(target, record);
 }
 
@@ -240,37 +215,12 @@ bool Dispatcher::forwardRawMessage(Connection const& connection,
   if (logDispatcher.enabled(fn::logging::DBG) || !_rawMessage.scan(body, length))
     return false;
   uint16_t source = connection->info.workerId;
-  for (ObjectId id : _rawMessage.objects()) {
-    if (ownerOf(id) == source)
-      ++_instanceUsageCount[id];
-  }
-  uint16_t target = _rawMessage.target();
-  if (target != NO_WORKER) {
-    auto found = _workers.find(target);
-    if (found != _workers.end())
-      forwardRawMessageToWorker(found->second, source);
-    return true;
-  }
-  ObjectId objectId = _rawMessage.objectId().value();
-  _rawTargets.clear();
-  if (objectId != REGISTRY_OBJECT_ID) {
-    auto holders = _referenceUsageCount.find(objectId);
-    if (holders == _referenceUsageCount.end())
-      return true;
-    // Forwarding counts uses in the same table, which may rehash: gather the holders first.
-    for (auto const& [workerId, count] : holders->second) {
-      if (auto found = _workers.find(workerId); found != _workers.end())
-        _rawTargets.push_back(found->second);
-    }
-  } else {
-    for (auto const& other : _connections) {
-      if (other->info.workerId != 0 && other->info.workerId != NO_WORKER)
-        _rawTargets.push_back(other);
-    }
-  }
-  for (auto const& holder : _rawTargets)
+  countInstanceUses(source, _rawMessage.objects());
+  collectTargets(_rawMessage.target(), _rawMessage.objectId().value_or(0));
+  for (auto const& holder : _targets)
     forwardRawMessageToWorker(holder, source);
-  _rawTargets.clear();
+  _targets.clear();
+  releaseUnheld(source, _rawMessage.objects());
   return true;
 }
 
@@ -279,6 +229,50 @@ void Dispatcher::forwardRawMessageToWorker(Connection const& target, uint16_t so
     increaseUsageCount(id, target->info.workerId);
   if (!target->ended)
     target->stream->writeWith([&](fn::ByteArray& out) { _rawMessage.appendFrame(out, source); });
+}
+
+void Dispatcher::countInstanceUses(uint16_t source, std::vector<ObjectId> const& objects) {
+  for (ObjectId id : objects) {
+    if (ownerOf(id) == source)
+      ++_instanceUsageCount[id];
+  }
+}
+
+// Into _targets: the target worker if it is there, else every holder of the object, and for
+// object 0 every worker but the hub's own. The holders are gathered before anything is
+// forwarded, because forwarding counts uses in the same table, which may rehash.
+void Dispatcher::collectTargets(uint16_t target, ObjectId objectId) {
+  if (target != NO_WORKER) {
+    if (auto found = _workers.find(target); found != _workers.end())
+      _targets.push_back(found->second);
+    return;
+  }
+  if (objectId != REGISTRY_OBJECT_ID) {
+    auto holders = _referenceUsageCount.find(objectId);
+    if (holders == _referenceUsageCount.end())
+      return;
+    for (auto const& [workerId, count] : holders->second) {
+      if (auto found = _workers.find(workerId); found != _workers.end())
+        _targets.push_back(found->second);
+    }
+    return;
+  }
+  // A connection that has not said HELLO has no id yet to release references under, so the
+  // uses counted for it could never be given back.
+  for (auto const& other : _connections) {
+    if (other->info.workerId != 0 && other->info.workerId != NO_WORKER)
+      _targets.push_back(other);
+  }
+}
+
+// A message that reached nobody (its target is gone, or the sender sent its own object to
+// itself) leaves no holder to release the sender's objects later: their uses go back now.
+void Dispatcher::releaseUnheld(uint16_t source, std::vector<ObjectId> const& objects) {
+  for (ObjectId id : objects) {
+    if (ownerOf(id) == source && !_referenceUsageCount.contains(id) &&
+        _instanceUsageCount.contains(id))
+      releaseInstance(id);
+  }
 }
 
 void Dispatcher::increaseUsageCount(ObjectId objectId, uint16_t workerId) {

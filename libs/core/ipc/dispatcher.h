@@ -98,6 +98,9 @@ private:
   void forwardMessageToWorker(Connection const& target, fn::Value const& record);
   bool forwardRawMessage(Connection const& connection, uint8_t const* body, size_t length);
   void forwardRawMessageToWorker(Connection const& target, uint16_t source);
+  void countInstanceUses(uint16_t source, std::vector<ObjectId> const& objects);
+  void collectTargets(uint16_t target, ObjectId objectId);
+  void releaseUnheld(uint16_t source, std::vector<ObjectId> const& objects);
   void increaseUsageCount(ObjectId objectId, uint16_t workerId);
   void releaseInstance(ObjectId objectId);
   uint16_t nextWorkerId() { return _workerIdCounter++; }
@@ -123,9 +126,11 @@ private:
   std::unordered_map<ObjectId, uint32_t> _instanceUsageCount;
   std::unordered_map<ObjectId, std::unordered_map<uint16_t, uint32_t>> _referenceUsageCount;
   uint16_t _workerIdCounter = 0;
-  // The MESSAGE being forwarded as it came, and the holders it goes to; reused for each.
+  // The MESSAGE being routed: as it came (raw), its decoded object ids, and the connections it
+  // goes to; reused for each.
   RawMessage _rawMessage;
-  std::vector<Connection> _rawTargets;
+  std::vector<ObjectId> _objectIds;
+  std::vector<Connection> _targets;
   Worker _worker;
   fn::AutoPtr<RegistryImpl> _registry;
   fn::AutoPtr<MessageBusImpl> _messageBus;

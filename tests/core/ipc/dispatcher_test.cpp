@@ -162,6 +162,14 @@ TEST_F(HubTest, CountsUsesWhateverTheSenderClaimsAndReleasesOnceOrWhenAHolderDie
   peerC->expect(messageWith(marker('5')));
   peerC->send(release(x, 1));
   EXPECT_EQ(peerA->expectType(type::INSTANCE_RELEASE).at(key::USAGE_COUNT).asInt(), 1);
+  // A message that reaches nobody leaves nobody to release the object later: the use goes
+  // back at once, whether the record is forwarded as it came or decoded.
+  peerA->send(message(x, 999, fn::Value::map({{x, "Thing"}}), marker('6')));
+  EXPECT_EQ(peerA->expectType(type::INSTANCE_RELEASE).at(key::USAGE_COUNT).asInt(), 1);
+  fn::Value decoded = message(x, 999, fn::Value::map({{x, "Thing"}}), marker('6'));
+  decoded[fn::Value("extra")] = 1;  // a key the raw path does not vouch for
+  peerA->send(decoded);
+  EXPECT_EQ(peerA->expectType(type::INSTANCE_RELEASE).at(key::USAGE_COUNT).asInt(), 1);
 
   // B is killed: first the release of its two uses of A's other object, as if B had
   // released them itself, then the notice to everybody.
