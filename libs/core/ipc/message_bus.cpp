@@ -85,16 +85,16 @@ void MessageBusImpl::onMessage(uint16_t sourceWorkerId, fn::Value const& message
     return;
   }
   fn::Value const& payload = message.get("PAYLOAD");
-  fn::Value const& sticky = payload.get("sticky");
-  if (sticky.isBool() && sticky.asBool()) {
-    fn::Value const& space = payload.get("namespace");
-    if (!space.isString()) {
-      logBus.log(fn::logging::WRN, "Dropping a sticky bus message without a namespace from {}",
-                 sourceWorkerId);
-      return;
-    }
-    _sticky[space.asString()] = payload.get("body");
+  fn::Value const& space = payload.get("namespace");
+  // Nobody could deliver it: dropped here rather than by every receiver.
+  if (!space.isString()) {
+    logBus.log(fn::logging::WRN, "Dropping a bus message without a namespace from worker {}",
+               sourceWorkerId);
+    return;
   }
+  fn::Value const& sticky = payload.get("sticky");
+  if (sticky.isBool() && sticky.asBool())
+    _sticky[space.asString()] = payload.get("body");
   broadcastEvent(BUS_EVENT, payload);
 }
 

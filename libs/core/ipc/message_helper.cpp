@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "core/ipc/message.h"
+#include "foundation/exception.h"
 
 namespace ipc {
 
@@ -127,8 +128,15 @@ void MessageReader::deliver(uint8_t const* body, size_t length) {
       return;
     }
   }
-  if (_onMessage)
+  if (!_onMessage)
+    return;
+  // A handler that fails on one record must not cost the rest of the chunk: the frame is
+  // complete and the reader is already in step for the next one.
+  try {
     _onMessage(std::move(record), length);
+  } catch (...) {
+    fn::unhandledException();
+  }
 }
 
 void MessageReader::fail(fn::uv::Status const& status) {

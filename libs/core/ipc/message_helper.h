@@ -6,7 +6,8 @@
 //
 // The reader belongs to the loop thread of its stream. Once it reported an error (a frame
 // over the size limit, a body that is not MessagePack) it ignores everything after, because
-// the stream can no longer be trusted to be in step.
+// the stream can no longer be trusted to be in step. A message handler that throws costs only
+// its record: the exception is reported and the next frame is read as usual.
 
 #include <functional>
 

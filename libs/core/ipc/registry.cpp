@@ -116,7 +116,11 @@ void RegistryImpl::getInstance(CallContext const& context, fn::Value const& argu
   fn::Value const& timeoutValue = argument.get("timeout");
   double seconds =
       timeoutValue.isNumber() ? timeoutValue.asDouble() : DEFAULT_LOOKUP_TIMEOUT.totalSeconds();
-  auto milliseconds = static_cast<int64_t>(std::llround(std::max(0.0, seconds) * 1000));
+  // A caller's number, not ours: anything not finite waits as long as the default, and no
+  // waiter stays longer than a day.
+  if (!std::isfinite(seconds))
+    seconds = DEFAULT_LOOKUP_TIMEOUT.totalSeconds();
+  auto milliseconds = static_cast<int64_t>(std::llround(std::clamp(seconds, 0.0, 86400.0) * 1000));
 
   auto found = _registrations.find(className);
   if (found != _registrations.end()) {

@@ -38,7 +38,7 @@ Worker::Worker(Delegate& delegate,
       _reader(options.maxFrameSize),
       _objects(*this) {
   registerObjectReferenceClass<Registry>();
-  _reader.onMessage([this](fn::Value record, size_t) { onMessage(record); });
+  _reader.onMessage([this](fn::Value record, size_t) { handleRecord(record); });
   _reader.onEndOfStream([this] { connectionEnded(fn::uv::Status("end of stream", UV_EOF)); });
   _reader.onError([this](fn::uv::Status const& status) { connectionEnded(status); });
 }
@@ -125,8 +125,9 @@ void Worker::unregisterObjectReference(ObjectReference* reference) {
     fn::debug::internal::assertionFailure(__FILE__, "objectReferenceGone", __LINE__, "reference");
     return;
   }
-  if (!_objects.unregisterReference(reference))
-    return;
+  // A reference that is dying while a new message already brought its object again has lost
+  // its table entry to the new reference, but its uses are its own: they go back all the same.
+  _objects.unregisterReference(reference);
   if (!reference->local() && !reference->dead() && reference->usageCount() > 0 && !_ended) {
     write(fn::Value::map({{key::TYPE, type::REFERENCE_RELEASE},
                           {key::OBJECT_ID, reference->objectId()},
@@ -168,6 +169,20 @@ void Worker::write(fn::Value const& record) {
   MessageWriter::write(*_stream, record);
 }
 
+// Whatever a peer put in a record, only that record is lost: the reader's framing is untouched
+// and the records after it are handled as usual.
+void Worker::handleRecord(fn::Value const& record) {
+  try {
+    onMessage(record);
+  } catch (std::exception const& e) {
+    fn::Value const& source = record.get(key::SOURCE_WORKER_ID);
+    std::string sender =
+        source.isInteger() ? fmt::format("worker {}", source.toString()) : std::string("the hub");
+    logWorker.log(fn::logging::WRN, "Worker {} ({}) dropped a bad record from {}: {}", _displayName,
+                  _workerId, sender, fn::describeException(std::current_exception()));
+  }
+}
+
 void Worker::onMessage(fn::Value const& record) {
   if (_onRecord.hasConnections())
     _onRecord.emit(record);
@@ -181,7 +196,8 @@ void Worker::onMessage(fn::Value const& record) {
       // The hub's own worker creates the registry in workerDidConnect.
       if (!_registry)
         takeRegistry();
-      scheduleTermination();
+      // Connecting is not traffic: only delivered messages and releases start the idle
+      // period, so a worker nobody ever used does not end on its own.
       break;
     case type::PING:
       write(fn::Value::map({{key::TYPE, type::PONG}}));
@@ -217,10 +233,8 @@ void Worker::onMessage(fn::Value const& record) {
 void Worker::deliverObjectMessage(fn::Value const& record) {
   auto id = record.at(key::OBJECT_ID).to<ObjectId>();
   auto source = record.get(key::SOURCE_WORKER_ID, NO_WORKER).to<uint16_t>();
-  fn::Value const& bytes = record.get(key::PAYLOAD);
-  fn::Value payload = bytes.isByteArray()
-                          ? _objects.decodePayload(bytes.asByteArray(), record.get(key::OBJECTS))
-                          : fn::Value();
+  fn::Value payload =
+      _objects.decodePayload(record.at(key::PAYLOAD).asByteArray(), record.get(key::OBJECTS));
   if (ownerOf(id) == _workerId) {
     fn::AutoPtr<ObjectInstance> instance = _objects.instance(id);
     if (!instance)

@@ -124,6 +124,7 @@ public:
   fn::Signal<fn::Value const&>& onRecord() { return _onRecord; }
 
 private:
+  void handleRecord(fn::Value const& record);
   void connected(fn::uv::Status const& status);
   void connectionEnded(fn::uv::Status const& status);
   void deliverObjectMessage(fn::Value const& record);

@@ -7,7 +7,6 @@
 #include "core/ipc/object.h"
 #include "core/ipc/worker.h"
 #include "core/typed_byte_array.h"
-#include "foundation/assert.h"
 #include "foundation/logging/category.h"
 #include "foundation/mpack.h"
 
@@ -72,10 +71,10 @@ public:
     }
     if (typeCode != OBJECT_TYPE_CODE)
       return fn::Value();
+    // Another process's bytes: refused with the message, never asserted on.
     if (size != sizeof(ObjectId)) {
-      fn::debug::internal::assertionFailure(__FILE__, "deserializeValue", __LINE__,
-                                            "size == sizeof(ObjectId)");
-      return fn::Value();
+      throw fn::DataFormatException(
+          fmt::format("An object id of {} bytes (size == sizeof(ObjectId) does not hold)", size));
     }
     ObjectId id = 0;
     for (size_t i = 0; i < sizeof id; ++i)
@@ -157,6 +156,24 @@ void WorkerObjectManager::encodePayload(fn::Value const& payload,
 }
 
 fn::Value WorkerObjectManager::decodePayload(fn::ByteArray const& bytes, fn::Value const& objects) {
+  // The hub counted one use for us of every listed object of another worker, whatever becomes
+  // of the payload. The uses go onto the references first (one per message and object, however
+  // often the object occurs), so that they are handed back even when the payload turns out
+  // malformed: the references go when `listed` does, unless the payload holds them.
+  std::vector<fn::AutoPtr<ObjectReference>> listed;
+  if (objects.isMap()) {
+    listed.reserve(objects.asMap().size());
+    for (auto const& [key, name] : objects.asMap()) {
+      ObjectId id = key.asUInt();  // the hub counted by the same reading
+      if (ownerOf(id) == _worker.workerId())
+        continue;
+      fn::AutoPtr<ObjectReference> held = reference(id);
+      if (!held)
+        held = createReference(id, name.isString() ? name.asString() : fn::String());
+      held->increaseUsageCount();
+      listed.push_back(std::move(held));
+    }
+  }
   if (bytes.empty())
     return fn::Value();
   PayloadDeserializer hook([&](ObjectId id) -> fn::Value {
@@ -169,18 +186,7 @@ fn::Value WorkerObjectManager::decodePayload(fn::ByteArray const& bytes, fn::Val
     fn::Value const& name = objects.get(fn::Value(id));
     return fn::Value(createReference(id, name.isString() ? name.asString() : fn::String()));
   });
-  fn::Value payload = fn::mpack::decode(bytes.data(), bytes.size(), &hook);
-  // One use per message and object, however often the object occurs in the payload. The
-  // references are alive here: the payload holds them.
-  if (objects.isMap()) {
-    for (auto const& [id, name] : objects.asMap()) {
-      if (!id.isInteger() || ownerOf(id.asUInt()) == _worker.workerId())
-        continue;
-      if (auto held = reference(id.asUInt()))
-        held->increaseUsageCount();
-    }
-  }
-  return payload;
+  return fn::mpack::decode(bytes.data(), bytes.size(), &hook);
 }
 
 void WorkerObjectManager::killReferences(std::function<bool(ObjectId)> const& matches,

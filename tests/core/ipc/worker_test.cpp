@@ -2,7 +2,10 @@
 
 #include <csignal>
 
+#include "core/ipc/message_helper.h"
 #include "core/ipc/object.h"
+#include "core/ipc/payload.h"
+#include "foundation/mpack.h"
 #include "hub_fixture.h"
 
 using namespace testing_support;
@@ -23,6 +26,16 @@ protected:
   }
 };
 
+// Counts what it receives and keeps nothing of it.
+class Forgetful : public ipc::ObjectInstance {
+public:
+  explicit Forgetful(ipc::Worker& worker) : ipc::ObjectInstance(worker) {}
+  int received = 0;
+
+protected:
+  void onMessage(uint16_t, fn::Value const&) override { ++received; }
+};
+
 class Listener : public ipc::ObjectReference {
 public:
   explicit Listener(ipc::ObjectReferenceInitializer& init) : ipc::ObjectReference(init) {}
@@ -41,6 +54,14 @@ fn::ByteArray payloadWithObject(ipc::ObjectId id) {
   for (int i = 0; i < 8; ++i)
     bytes.push_back(static_cast<uint8_t>(id >> (8 * i)));
   return bytes;
+}
+
+// The frames of `records`, to be sent in one write.
+fn::ByteArray frames(std::vector<fn::Value> const& records) {
+  fn::ByteArray out;
+  for (auto const& record : records)
+    ipc::MessageWriter::encode(record, out);
+  return out;
 }
 
 class WorkerTest : public HubTest {
@@ -150,6 +171,9 @@ TEST_F(WorkerTest, IdleWorkerRequestsTerminationOnlyWhenNothingIsInUse) {
   delegate.canTerminate = [] { return true; };
   auto worker =
       makeWorker(ipc::Worker::Options{.idleTimeout = fn::Duration::milliseconds(20)}, true);
+  // Connecting is not traffic: a worker that has never been used never ends on its own.
+  EXPECT_FALSE(runLoopUntil(
+      loop, [&] { return delegate.terminationRequests > 0; }, fn::Duration::milliseconds(200)));
   fn::AutoPtr<Counter> counter(new Counter(*worker));
   worker->sendMessageToWorker(p, counter->objectId(), fn::Value::map({{"me", counter}}));
   peer->expectType(type::MESSAGE);
@@ -162,6 +186,93 @@ TEST_F(WorkerTest, IdleWorkerRequestsTerminationOnlyWhenNothingIsInUse) {
   peer->send(HubTest::release(counter->objectId(), 1));
   ASSERT_TRUE(runLoopUntil(loop, [&] { return delegate.terminationRequests > 0; }));
   EXPECT_EQ(delegate.terminationRequests, 1);
+}
+
+TEST_F(WorkerTest, ABadRecordCostsOnlyItselfInAModuleAndInTheHubsOwnWorker) {
+  LogCapture log;
+  uint16_t p;
+  auto peer = connect("P", p);
+  auto worker = makeWorker();
+  fn::AutoPtr<Counter> counter(new Counter(*worker));
+  ipc::ObjectId own = counter->objectId();
+  uint16_t w = worker->workerId();
+  ipc::ObjectId thing = HubTest::objectOf(p, 3);
+
+  fn::Value missingObject = HubTest::message(own, w);
+  missingObject.asMap().erase(fn::Value(key::OBJECT_ID));
+  fn::Value mistypedObject = HubTest::message(own, w);
+  mistypedObject[key::OBJECT_ID] = "five";
+  fn::Value mistypedPayload = HubTest::message(own, w);
+  mistypedPayload[key::PAYLOAD] = "bytes";
+  std::vector<fn::Value> bad = {
+      HubTest::message(own, w, fn::Value::map(), fn::ByteArray{0xc1}),        // not MessagePack
+      HubTest::message(own, w, fn::Value::map(), fn::ByteArray{0x92, 0x01}),  // truncated
+      // An object id of 4 bytes, a fraction and a typed byte array that are not theirs.
+      HubTest::message(own, w, fn::Value::map({{thing, "X"}}),
+                       fn::ByteArray{0xd6, 0x01, 1, 2, 3, 4}),
+      HubTest::message(own, w, fn::Value::map(), fn::ByteArray{0xd4, 0x02, 0xc0}),
+      HubTest::message(own, w, fn::Value::map(), fn::ByteArray{0xd5, 0x03, 0xa0, 0xa0}),
+      missingObject, mistypedObject, mistypedPayload,
+      fn::Value::map({{key::TYPE, 99}}),  // a type nobody handles
+  };
+  // Each bad record, then a good one in the same write, then a good one in the next write.
+  int expected = 0;
+  for (size_t i = 0; i < bad.size(); ++i) {
+    peer->sendRaw(
+        frames({bad[i], HubTest::message(own, w, fn::Value::map(), fn::ByteArray{0xa1, 'a'})}));
+    peer->send(HubTest::message(own, w, fn::Value::map(), fn::ByteArray{0xa1, 'b'}));
+    expected += 2;
+    ASSERT_TRUE(runLoopUntil(loop, [&] { return counter->received.size() == size_t(expected); }))
+        << "after bad record " << i << ": " << ipc::translatePayload(bad[i]).toString();
+  }
+  EXPECT_TRUE(worker->connected());
+  EXPECT_TRUE(log.contains(fmt::format("Worker W ({}) dropped a bad record from worker {}", w, p)));
+  // The reference made for the listed object before its payload failed gave its use back.
+  fn::Value released = peer->expectType(type::INSTANCE_RELEASE);
+  EXPECT_EQ(released.at(key::OBJECT_ID), fn::Value(thing));
+
+  // The same for the registry in the hub's own worker: the answer to the good call comes.
+  auto call = [](fn::Value method, int id) {
+    fn::ByteArray payload;
+    fn::mpack::encode(fn::Value::map({{"TYPE", "CALL"},
+                                      {"METHOD_NAME", std::move(method)},
+                                      {"ARGUMENT", false},
+                                      {"REQUEST_ID", id}}),
+                      payload);
+    return HubTest::message(ipc::REGISTRY_OBJECT_ID, 0, fn::Value::map(), payload);
+  };
+  for (size_t i = 0; i < bad.size(); ++i) {
+    fn::Value toRegistry = bad[i];
+    if (toRegistry.get(key::TARGET_WORKER_ID).isInteger())
+      toRegistry[key::TARGET_WORKER_ID] = 0;
+    if (toRegistry.get(key::OBJECT_ID).isInteger())
+      toRegistry[key::OBJECT_ID] = ipc::REGISTRY_OBJECT_ID;
+    int id = static_cast<int>(100 + i);
+    peer->sendRaw(frames({toRegistry, call(42, 1), call("setInstancesHidden", id)}));
+    fn::Value answer = peer->expect([](fn::Value const& r) { return isType(r, type::MESSAGE); });
+    auto const& bytes = answer.at(key::PAYLOAD).asByteArray();
+    EXPECT_EQ(fn::mpack::decode(bytes.data(), bytes.size()).get("REQUEST_ID"), fn::Value(id));
+  }
+  EXPECT_TRUE(log.contains(fmt::format("Ignoring a bad call from worker {}", p)));
+}
+
+TEST_F(WorkerTest, UsesOfAReferenceReplacedBeforeItsDeletionRanAreAllGivenBack) {
+  // P owns the thing; the worker receives it twice in one read and lets go of it at once
+  // each time, so the second message finds the first reference dying.
+  uint16_t p;
+  auto peer = connect("P", p);
+  auto worker = makeWorker();
+  fn::AutoPtr<Forgetful> forgetful(new Forgetful(*worker));
+  ipc::ObjectId thing = HubTest::objectOf(p, 9);
+  auto objects = fn::Value::map({{thing, "ipc::ObjectReference"}});
+  auto carrying = HubTest::message(forgetful->objectId(), worker->workerId(), objects,
+                                   payloadWithObject(thing));
+  peer->sendRaw(frames({carrying, carrying}));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return forgetful->received == 2; }));
+  fn::Value released = peer->expectType(type::INSTANCE_RELEASE);
+  EXPECT_EQ(released.at(key::OBJECT_ID), fn::Value(thing));
+  EXPECT_EQ(released.at(key::USAGE_COUNT), fn::Value(2));
+  EXPECT_EQ(hub().referenceUsageCount(thing, worker->workerId()), 0u);
 }
 
 TEST_F(WorkerTest, HubNoticesReachTheDelegateAndALostHubIsSignalled) {
