@@ -10,7 +10,7 @@ set(LUMAREN_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/LumarenCore)
 # "../lib", because LIBDIR is lib/<multiarch> when the prefix is /usr.
 file(RELATIVE_PATH _lumaren_bin_to_lib
   ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-set_target_properties(lumaren-hub lumaren-ctl module-loader
+set_target_properties(lumaren-hub lumaren-ctl Lumaren.ModuleLoader Orbisant.ModuleLoader
   PROPERTIES INSTALL_RPATH "$ORIGIN/${_lumaren_bin_to_lib}")
 # core needs fn, which sits next to it.
 set_target_properties(fn core PROPERTIES INSTALL_RPATH "$ORIGIN")
@@ -20,8 +20,8 @@ install(TARGETS fn core
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-# The loader sits beside the hub: module definitions find it in the hub's own bin directory.
-install(TARGETS lumaren-hub lumaren-ctl module-loader RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# The loaders sit beside the hub: module definitions find it in the hub's own bin directory.
+install(TARGETS lumaren-hub lumaren-ctl Lumaren.ModuleLoader Orbisant.ModuleLoader RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 # Every header under the two library folders, found when installing rather than listed, so
 # that a header added to either library installs without touching this file. The include

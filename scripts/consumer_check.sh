@@ -16,7 +16,7 @@ cmake --install "$dir" --prefix "$prefix" >/dev/null
 
 echo "-- installed programs"
 # The programs must find the installed libraries through their RPATH, not the build tree.
-for program in lumaren-hub lumaren-ctl Lumaren.ModuleLoader; do
+for program in lumaren-hub lumaren-ctl Lumaren.ModuleLoader Orbisant.ModuleLoader; do
   if ldd "$prefix/bin/$program" | grep -E 'not found|'"$PWD/$dir"; then
     echo "$program does not resolve its libraries from $prefix"; exit 1
   fi

@@ -69,8 +69,16 @@ HubConfig parseConfig(std::string_view text, fn::String const& path) {
   HubConfig config;
   for (auto const& [key, value] : root.asMap()) {
     (void)value;
-    if (!key.isString() || (key.asString() != "timeout" && key.asString() != "modules"))
+    if (!key.isString() ||
+        (key.asString() != "product" && key.asString() != "timeout" && key.asString() != "modules"))
       reject(path, fmt::format("unknown key {}", key));
+  }
+  fn::Value const& product = root.get("product");
+  if (!product.isNull()) {
+    auto app = product.isString() ? core::AppInfo::appNamed(product.asString()) : std::nullopt;
+    if (!app)
+      reject(path, "\"product\" must be the name of a product: Lumaren or Orbisant");
+    config.product = *app;
   }
   fn::Value const& timeout = root.get("timeout");
   if (!timeout.isNull()) {

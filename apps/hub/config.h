@@ -3,6 +3,7 @@
 // The hub's configuration file: which modules it runs and how it watches them.
 //
 //   {
+//     "product": "Lumaren",
 //     "timeout": 30,
 //     "modules": [
 //       { "name": "announcer", "inProcess": true, "launchFirst": true },
@@ -10,7 +11,9 @@
 //     ]
 //   }
 //
-// "timeout" (seconds, optional, default 30) is the liveness time-out of the dispatcher.
+// "product" (optional, default "Lumaren") is the product the hub and its modules belong to, by
+// its short name. "timeout" (seconds, optional, default 30) is the liveness time-out of the
+// dispatcher.
 // Each module has a "name": the file name, without suffix, of its library in the modules
 // directory. "inProcess" (default false) loads the library into the hub instead of starting it
 // in a module loader process; "launchFirst" (in-process modules only) starts it before the
@@ -19,6 +22,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/app_info.h"
 #include "core/ipc/module_definition.h"
 #include "foundation/duration.h"
 #include "foundation/string.h"
@@ -32,6 +36,7 @@ struct ModuleConfig {
 };
 
 struct HubConfig {
+  core::AppInfo::App product = core::AppInfo::App::LUMAREN;
   fn::Duration timeout = fn::Duration::seconds(30);
   std::vector<ModuleConfig> modules;
 };

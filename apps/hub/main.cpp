@@ -1,10 +1,12 @@
 // lumaren-hub: the hub process. Runs the dispatcher and, with a configuration, supervises the
 // modules it names, on the default loop until SIGINT or SIGTERM.
 //
-//   lumaren-hub [--config FILE] [--pipe-file PATH] [--timeout SECONDS] [--demo]
+//   lumaren-hub [--config FILE] [--product NAME] [--pipe-file PATH] [--timeout SECONDS] [--demo]
 //
-//   --config FILE      the modules to run and how to watch them (see hub/config.h and
-//                      docs/hub.md); without it the hub runs no modules
+//   --config FILE      the product, the modules to run and how to watch them (see
+//                      hub/config.h and the README); without it the hub runs no modules
+//   --product NAME     the product the hub and its modules belong to (default Lumaren, or the
+//                      configuration's); every process the hub starts inherits it
 //   --pipe-file PATH   also write the pipe path into PATH once the hub listens; it is always
 //                      written to the per-user default file that lumaren-ctl reads
 //   --timeout SECONDS  liveness time-out (default 30, or the configuration's): workers are
@@ -17,6 +19,7 @@
 #include <cstring>
 #include <optional>
 
+#include "core/app_info.h"
 #include "core/ipc/dispatcher.h"
 #include "core/ipc/module.h"
 #include "core/ipc/module_manager.h"
@@ -34,8 +37,10 @@ constexpr fn::Duration STOP_GRACE = fn::Duration::milliseconds(500);
 fn::logging::Category logHub("hub");
 
 void usage() {
-  std::fputs("usage: lumaren-hub [--config FILE] [--pipe-file PATH] [--timeout SECONDS] [--demo]\n",
-             stderr);
+  std::fputs(
+      "usage: lumaren-hub [--config FILE] [--product NAME] [--pipe-file PATH] [--timeout SECONDS] "
+      "[--demo]\n",
+      stderr);
 }
 
 int runHub(fn::uv::Loop& loop, hub::HubConfig const& config, fn::String const& pipeFile) {
@@ -81,6 +86,7 @@ int runHub(fn::uv::Loop& loop, hub::HubConfig const& config, fn::String const& p
 
 int main(int argc, char** argv) {
   std::optional<fn::Duration> timeout;
+  std::optional<core::AppInfo::App> product;
   fn::String pipeFile, configFile;
   bool demo = false;
   for (int i = 1; i < argc; ++i) {
@@ -96,6 +102,12 @@ int main(int argc, char** argv) {
       pipeFile = value();
     } else if (arg == "--config") {
       configFile = value();
+    } else if (arg == "--product") {
+      product = core::AppInfo::appNamed(value());
+      if (!product) {
+        usage();
+        return 2;
+      }
     } else if (arg == "--timeout") {
       auto seconds = value().toInt();
       if (!seconds || *seconds <= 0) {
@@ -117,6 +129,11 @@ int main(int argc, char** argv) {
       config = hub::loadConfig(configFile);
     if (timeout)
       config.timeout = *timeout;
+    if (product)
+      config.product = *product;
+    // The hub is the first process of the application: it chooses the product before anything
+    // uses a file, and every process it starts inherits the choice.
+    core::AppInfo::initialize(config.product);
     if (demo)
       return hub::runDemo(loop, config.timeout);
     return runHub(loop, config, pipeFile);

@@ -1,17 +1,19 @@
-// Lumaren.ModuleLoader: runs one module in a process of its own.
+// Lumaren.ModuleLoader (and Orbisant.ModuleLoader, the same for the other product): runs one
+// module in a process of its own.
 //
 //   Lumaren.ModuleLoader LIBRARY PIPE TAG
 //
 // Loads the module library LIBRARY, looks up its "moduleEntryPoint" and calls it with the
 // hub's pipe path PIPE and the worker tag TAG; the entry point returns when the module ended,
-// and its result is the exit status. The hub starts it (ipc::DefaultExternalModule). Exit
-// status 2: wrong arguments; 1: the library or its entry point could not be loaded; 3: the
-// hub was already gone.
+// and its result is the exit status. The hub starts it (ipc::DefaultExternalModule) and says
+// its own process id in LUMAREN_HUB_PID. Exit status 2: wrong arguments; 1: the library or its
+// entry point could not be loaded; 3: the hub was already gone.
 
 #include <csignal>
 #include <cstdio>
 
 #include "core/ipc/module_definition.h"
+#include "foundation/environment.h"
 #include "foundation/shared_library.h"
 #include "parent_death.h"
 
@@ -25,10 +27,11 @@ constexpr int EXIT_NO_HUB = 3;
 
 int main(int argc, char** argv) {
   // First of all, so that there is no moment in which the hub could die unnoticed.
-  if (!module_loader::dieWithParent())
+  if (!module_loader::dieWithParent(
+          fn::String(fn::Environment::get(ipc::HUB_PROCESS_ID_VARIABLE)).toInt(10)))
     return EXIT_NO_HUB;
   if (argc != 4) {
-    std::fputs("usage: Lumaren.ModuleLoader LIBRARY PIPE TAG\n", stderr);
+    std::fputs("usage: " LOADER_NAME " LIBRARY PIPE TAG\n", stderr);
     return EXIT_USAGE;
   }
   // A hub that goes away must end the module through its lost connection, not SIGPIPE.
@@ -39,8 +42,7 @@ int main(int argc, char** argv) {
     library.load(argv[1]);
     entry = library.getSymbolAs<ipc::ModuleEntryPoint>(ipc::MODULE_ENTRY_POINT);
   } catch (fn::Exception const& e) {
-    std::fprintf(stderr, "Lumaren.ModuleLoader: no module in %s: %s\n", argv[1],
-                 e.toString().c_str());
+    std::fprintf(stderr, LOADER_NAME ": no module in %s: %s\n", argv[1], e.toString().c_str());
     return EXIT_NO_MODULE;
   }
   // The module's objects and posted work may still refer to its code while the process ends.

@@ -3,7 +3,7 @@
 namespace module_loader {
 
 // Without a way to ask the system, the lost connection to the hub is the only guarantee.
-bool dieWithParent() {
+bool dieWithParent(std::optional<int64_t>) {
   return true;
 }
 

@@ -1,5 +1,7 @@
 #include "core/app_info.h"
 
+#include <algorithm>
+#include <cctype>
 #include <optional>
 
 #include "core/preferences.h"
@@ -30,29 +32,66 @@ std::optional<Product> productFor(int64_t app) {
   return PRODUCTS[app];
 }
 
-}  // namespace
-
-void AppInfo::initialize(App app) {
-  fn::Environment::set(APP_TYPE_VARIABLE, fn::String::number(static_cast<int>(app)));
-  if (auto product = productFor(static_cast<int>(app)))
-    fn::PathManager::instance().setApplicationName(product->shortName);
-}
-
-AppInfo AppInfo::createFromEnvironment() {
-  if (!fn::Environment::has(APP_TYPE_VARIABLE))
-    throw fn::IllegalStateException(
-        "The product is unknown: ManagerAppType is not set (call AppInfo::initialize in the "
-        "first process)");
-  fn::String text = fn::Environment::get(APP_TYPE_VARIABLE);
+// The product named by "ManagerAppType"; nullopt when it is not set. A value that names no
+// product is refused, never taken for the default.
+std::optional<Product> productFromEnvironment() {
+  if (!fn::Environment::has(AppInfo::APP_TYPE_VARIABLE))
+    return std::nullopt;
+  fn::String text = fn::Environment::get(AppInfo::APP_TYPE_VARIABLE);
   auto number = text.toInt(10);
   auto product = number ? productFor(*number) : std::nullopt;
   if (!product)
     throw fn::withDetail(
         fn::IllegalStateException("The product is unknown: ManagerAppType names no product"),
         "ManagerAppType=" + text);
-  // Files of different products must not mix, also in child processes that never called
-  // initialize().
-  fn::PathManager::instance().setApplicationName(product->shortName);
+  return product;
+}
+
+// Paths asked for before anybody read the product (by a singleton made early, say) must be the
+// product's own already: the path manager asks the environment each time it needs the name.
+[[maybe_unused]] bool const productNamesPaths = [] {
+  fn::PathManager::instance().setApplicationNameSource([]() -> std::optional<fn::String> {
+    if (auto product = productFromEnvironment())
+      return fn::String(product->shortName);
+    return std::nullopt;
+  });
+  return true;
+}();
+
+}  // namespace
+
+std::optional<AppInfo::App> AppInfo::appNamed(std::string_view shortName) {
+  auto sameLetters = [](char a, char b) {
+    return std::tolower(static_cast<unsigned char>(a)) ==
+           std::tolower(static_cast<unsigned char>(b));
+  };
+  for (size_t i = 0; i < std::size(PRODUCTS); ++i) {
+    if (std::ranges::equal(shortName, std::string_view(PRODUCTS[i].shortName), sameLetters))
+      return static_cast<App>(i);
+  }
+  return std::nullopt;
+}
+
+void AppInfo::initialize(App app) {
+  auto product = productFor(static_cast<int>(app));
+  if (!product)
+    throw fn::IllegalStateException("AppInfo::initialize: no such product");
+  // Files already used under another product's name cannot be taken back.
+  if (auto used = fn::PathManager::instance().nameInUse(); used && *used != product->shortName) {
+    throw fn::IllegalStateException(
+        fmt::format("The product {} is chosen after files of {} were used; call "
+                    "AppInfo::initialize first",
+                    product->shortName, *used));
+  }
+  fn::Environment::set(APP_TYPE_VARIABLE, fn::String::number(static_cast<int>(app)));
+}
+
+AppInfo AppInfo::createFromEnvironment() {
+  auto product = productFromEnvironment();
+  if (!product)
+    throw fn::IllegalStateException(
+        "The product is unknown: ManagerAppType is not set (call AppInfo::initialize in the "
+        "first process)");
   return AppInfo(product->shortName, product->displayName, product->publicVersion,
                  product->internalVersion);
 }

@@ -8,6 +8,9 @@
 // product without being told. instance() creates the process-wide object on first use; it
 // lives until the process ends. Use it from the main thread.
 
+#include <optional>
+#include <string_view>
+
 #include "core/export.h"
 #include "foundation/string.h"
 
@@ -24,9 +27,12 @@ public:
   static constexpr char const* APP_TYPE_VARIABLE = "ManagerAppType";
   static constexpr char const* INSTANCE_FILE_NAME = "Instance.prefs";
 
-  /// Sets "ManagerAppType" for this process and its future children, and makes the path
-  /// manager use the product's directory name. Does not create the object.
+  /// Sets "ManagerAppType" for this process and its future children; the path manager takes
+  /// the product's directory name from it. Does not create the object. IllegalStateException
+  /// when this process already used files under another product's name: call it first.
   static void initialize(App app);
+  /// The product whose short name is `shortName`, in any letter case.
+  static std::optional<App> appNamed(std::string_view shortName);
 
   /// The process-wide object, created from "ManagerAppType" on first use.
   /// IllegalStateException when the variable is missing or names no product; a later call

@@ -13,14 +13,34 @@ PathManager& PathManager::instance() {
   return *manager;
 }
 
+void PathManager::setApplicationNameSource(NameSource source) {
+  std::lock_guard lock(_mutex);
+  _nameSource = std::move(source);
+}
+
 void PathManager::setApplicationName(String name) {
   std::lock_guard lock(_mutex);
   _applicationName = std::move(name);
 }
 
+String PathManager::currentName() const {
+  if (_applicationName)
+    return *_applicationName;
+  if (_nameSource) {
+    if (auto name = _nameSource())
+      return *name;
+  }
+  return DEFAULT_APPLICATION_NAME;
+}
+
 String PathManager::applicationName() const {
   std::lock_guard lock(_mutex);
-  return _applicationName;
+  return currentName();
+}
+
+std::optional<String> PathManager::nameInUse() const {
+  std::lock_guard lock(_mutex);
+  return _nameInUse;
 }
 
 void PathManager::locateApplication() const {
@@ -53,8 +73,16 @@ void PathManager::setApplicationDirectory(String directory, bool hasBinDirectory
 }
 
 String PathManager::getPath(int location, std::string_view name, bool create) const {
-  String directory = location == APPLICATION ? applicationDirectory()
-                                             : platformDirectory(location, applicationName());
+  String directory;
+  if (location == APPLICATION) {
+    directory = applicationDirectory();
+  } else {
+    std::lock_guard lock(_mutex);
+    String applicationName = currentName();
+    directory = platformDirectory(location, applicationName);
+    if (!_nameInUse)
+      _nameInUse = std::move(applicationName);
+  }
   if (create)
     File(directory).createDirectories(0700);
   if (name.empty())

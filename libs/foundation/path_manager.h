@@ -6,6 +6,7 @@
 // variable LUMAREN_TEST_ROOT moves all of those below that directory, so tests and their child
 // processes never touch the user's real files.
 
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string_view>
@@ -35,9 +36,18 @@ public:
 
   static PathManager& instance();
 
-  /// The directory name the locations use, "Lumaren" until set.
+  /// Where the directory name comes from when nobody set one: asked each time a name is
+  /// needed, so that paths are right whenever they are first asked for. `core` installs one
+  /// that reads the product from the environment; it may throw for a product it does not know.
+  using NameSource = std::function<std::optional<String>()>;
+  void setApplicationNameSource(NameSource source);
+
+  /// The directory name the locations use: the one set here, else the source's, else
+  /// "Lumaren".
   void setApplicationName(String name);
   String applicationName() const;
+  /// The name under which paths of locations were first handed out, if any were.
+  std::optional<String> nameInUse() const;
 
   /// The application's directory: by default found from the running executable. When the
   /// executable sits in a directory named "bin", the application's directory is that
@@ -62,8 +72,12 @@ private:
   /// Finds the application's directory from the running executable, once. Under _mutex.
   void locateApplication() const;
 
+  String currentName() const;
+
   mutable std::mutex _mutex;
-  String _applicationName = DEFAULT_APPLICATION_NAME;
+  std::optional<String> _applicationName;
+  NameSource _nameSource;
+  mutable std::optional<String> _nameInUse;
   mutable std::optional<String> _applicationDirectory;
   mutable bool _hasBinDirectory = false;
 };

@@ -2,6 +2,7 @@
 // and as a host runs it from a configuration file.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -68,7 +69,7 @@ TEST_F(HubAppTest, DemoRunsTheExampleModulesAndEndsByItself) {
 TEST_F(HubAppTest, HostsItsModulesAndLeavesNoneBehindWhenStoppedOrKilled) {
   for (int signal : {SIGTERM, SIGKILL}) {
     SCOPED_TRACE(signal);
-    startHub(R"({"timeout": 5, "modules": [
+    startHub(R"({"product": "Orbisant", "timeout": 5, "modules": [
         {"name": "announcer", "inProcess": true, "launchFirst": true}, {"name": "greeter"}]})");
     // The default pipe file is written first, the one asked for last.
     ASSERT_TRUE(runLoopUntil(loop, [&] { return fn::File(dir + "/pipe").exists(); }));
@@ -79,6 +80,13 @@ TEST_F(HubAppTest, HostsItsModulesAndLeavesNoneBehindWhenStoppedOrKilled) {
     ASSERT_EQ(greet->waitForExit(), 0) << greet->err() << hub->err();
     EXPECT_EQ(greet->out(), "\"Bonjour, Ada!\"\n");
     EXPECT_EQ(fn::File(dir + "/lumaren/hub.pipe").readAll(), fn::File(dir + "/pipe").readAll());
+    // The hub chose the product, so the registry names it to people.
+    auto lookup = start("lumaren-ctl", {"--timeout", "0.2", "lookup", "Nothing"});
+    EXPECT_NE(lookup->waitForExit(), 0);
+    EXPECT_NE(
+        lookup->err().find("Object of class Nothing is not available. Try restarting Orbisant"),
+        fn::String::npos)
+        << lookup->err();
 
     // The greeter's loader process is the hub's only child.
     std::ifstream children(fmt::format("/proc/{}/task/{}/children", hub->pid(), hub->pid()));
@@ -101,6 +109,34 @@ TEST_F(HubAppTest, ABadConfigurationStopsTheHubWithTheFileNamed) {
   EXPECT_NE(hub->err().find("only in-process modules can be launched first"), fn::String::npos)
       << hub->err();
   EXPECT_NE(hub->err().find(dir + "/hub.json"), fn::String::npos) << hub->err();
+  auto unknown = start("lumaren-hub", {"--product", "Nope"});
+  EXPECT_EQ(unknown->waitForExit(), 2);
+}
+
+TEST_F(HubAppTest, ModulesRunUnderAHubThatIsTheFirstProcessOfItsNamespace) {
+  if (::geteuid() != 0)
+    GTEST_SKIP() << "needs root for a PID namespace";
+  fn::File(dir + "/hub.json")
+      .writeAll(fn::ByteArray(std::string_view(R"({"modules": [
+          {"name": "announcer", "inProcess": true, "launchFirst": true}, {"name": "greeter"}]})")),
+                0600);
+  fn::String self = fn::uv::executablePath();
+  // The hub is process 1 there, and so the parent of its module loaders, as in a container.
+  hub =
+      ChildProcess::start(loop, {.file = "/usr/bin/unshare",
+                                 .arguments = {"--pid", "--fork", "--kill-child",
+                                               self.substr(0, self.rfind('/') + 1) + "lumaren-hub",
+                                               "--config", dir + "/hub.json"},
+                                 .environment = {"XDG_RUNTIME_DIR=" + dir},
+                                 .capture = true});
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return fn::File(dir + "/lumaren/hub.pipe").exists(); }))
+      << hub->err();
+  auto greet =
+      start("lumaren-ctl", {"--timeout", "10", "call", "examples::Greeter", "greet", "\"Ada\""});
+  EXPECT_EQ(greet->waitForExit(), 0) << greet->err() << hub->err();
+  EXPECT_EQ(greet->out(), "\"Bonjour, Ada!\"\n");
+  hub->kill(SIGKILL);
+  hub->waitForExit();
 }
 
 }  // namespace

@@ -21,17 +21,19 @@ using testing::LogCapture;
 using testing::TemporaryRoot;
 
 // The child role "--identity": prints what this process's AppInfo says: the instance id (asked
-// twice) and the errors logged meanwhile, then the product and the system.
+// twice) and the errors logged meanwhile, then the product and the system, then the data
+// directory that was asked for before anything read the product, as an early singleton would.
 int reportIdentity(int, char**) {
   LogCapture log;
   try {
+    fn::String data = fn::PathManager::instance().getPath(fn::PathManager::USER_DATA);
     AppInfo& info = AppInfo::instance();
     fn::String id = info.instanceId();
     if (id != info.instanceId())
       id = "unstable";
-    fmt::print("{} {}\n{} {} {} {}\n", id, log.linesOf("fn.exception").size(),
+    fmt::print("{} {}\n{} {} {} {}\n{}\n", id, log.linesOf("fn.exception").size(),
                info.applicationShortName(), info.applicationPublicVersion(),
-               info.operatingSystemName(), info.operatingSystemVersion());
+               info.operatingSystemName(), info.operatingSystemVersion(), data);
   } catch (fn::Exception const& e) {
     fmt::print("{}: {}\n", e.className(), e.message());
   }
@@ -60,8 +62,11 @@ TEST(AppInfo, TheProductTravelsToChildProcessesThroughTheEnvironment) {
   AppInfo::initialize(AppInfo::App::ORBISANT);
   EXPECT_EQ(fn::PathManager::instance().applicationName(), "Orbisant");
 
-  // The child never calls initialize(); its files are the product's own.
-  EXPECT_NE(childIdentity(nullptr).find("\nOrbisant 3.0.0-alpha0 "), fn::String::npos);
+  // The child never calls initialize(); its files are the product's own, also those asked
+  // for before it looked at the product.
+  fn::String child = childIdentity(nullptr);
+  EXPECT_NE(child.find("\nOrbisant 3.0.0-alpha0 "), fn::String::npos) << child;
+  EXPECT_TRUE(child.endsWith("\n" + root.path() + "/data/Orbisant\n")) << child;
   EXPECT_TRUE(fn::File(root.path() + "/data/Orbisant/Instance.prefs").exists());
   utsname names{};
   ASSERT_EQ(::uname(&names), 0);
@@ -76,6 +81,13 @@ TEST(AppInfo, TheProductTravelsToChildProcessesThroughTheEnvironment) {
   EXPECT_EQ(childIdentity(nullptr),
             "IllegalStateException: The product is unknown: ManagerAppType is not set (call "
             "AppInfo::initialize in the first process)\n");
+
+  // A process that used another product's files cannot change its product any more.
+  fn::PathManager::instance().getPath(fn::PathManager::USER_DATA);
+  EXPECT_THROW(AppInfo::initialize(AppInfo::App::ORBISANT), fn::IllegalStateException);
+  AppInfo::initialize(AppInfo::App::LUMAREN);
+  EXPECT_EQ(AppInfo::appNamed("orbisant"), AppInfo::App::ORBISANT);
+  EXPECT_EQ(AppInfo::appNamed("Orbis"), std::nullopt);
 }
 
 TEST(AppInfo, TheInstanceIdIsCreatedOnceAndSharedByEveryProcess) {

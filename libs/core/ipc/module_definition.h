@@ -39,6 +39,9 @@ class Dispatcher;
 
 /// The name of the module loader executable, after the application name and a dot.
 inline constexpr char const* MODULE_LOADER_NAME = "ModuleLoader";
+/// The environment variable through which a module loader learns the process id of the hub
+/// that started it, so that it can tell whether the hub is still its parent.
+inline constexpr char const* HUB_PROCESS_ID_VARIABLE = "LUMAREN_HUB_PID";
 
 /// The signature of the symbol "moduleEntryPoint" that every module library exports. The module
 /// loader calls it with `separateProcess` true and returns its result as the process's exit
