@@ -1,5 +1,7 @@
 #include "hub/demo.h"
 
+#include <uv.h>
+
 #include <csignal>
 #include <cstdio>
 
@@ -153,9 +155,15 @@ int runDemo(fn::uv::Loop& loop, fn::Duration timeout) {
       console->greet("Ada")
           .then([&] { return console->browseInspector(); })
           .then([&] {
-            int pid = greeter->processInfo() ? greeter->processInfo()->pid : 0;
-            say(fmt::format("killing the greeter module (pid {}) with SIGKILL", pid));
-            ::kill(pid, SIGKILL);
+            // Without a process there is nothing to kill; a pid of 0 would be our own group.
+            auto process = greeter->processInfo();
+            if (!process || process->pid <= 0) {
+              say("the greeter module has no process to kill");
+              finish(1);
+              return;
+            }
+            say(fmt::format("killing the greeter module (pid {}) with SIGKILL", process->pid));
+            uv_kill(process->pid, SIGKILL);
           })
           .fail(fail);
     } else if (round == 2) {

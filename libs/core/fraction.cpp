@@ -1,5 +1,7 @@
 #include "core/fraction.h"
 
+#include <limits>
+
 #include "foundation/exception.h"
 #include "foundation/mpack.h"
 
@@ -39,7 +41,11 @@ int32_t Fraction::greatestCommonDivisor() const {
 }
 
 Fraction Fraction::reduce() const {
+  constexpr int32_t MIN = std::numeric_limits<int32_t>::min();
   int32_t divisor = greatestCommonDivisor();
+  // Both would trap: division by zero, and MIN / -1, whose quotient has no 32-bit form.
+  if (divisor == 0 || (divisor == -1 && (_numerator == MIN || _denominator == MIN)))
+    return *this;
   return Fraction(_numerator / divisor, _denominator / divisor);
 }
 

@@ -30,8 +30,9 @@ public:
   /// Euclid on (numerator, denominator) with signed remainders; the numerator itself when the
   /// denominator is below 1.
   int32_t greatestCommonDivisor() const;
-  /// Both terms divided by greatestCommonDivisor(). A zero divisor (0/0, 0/-3) is the
-  /// caller's fault and is not guarded.
+  /// Both terms divided by greatestCommonDivisor(). Fractions come from other processes and
+  /// from files, so one that cannot be divided (a zero divisor, as in 0/0 or 0/-3, or a
+  /// quotient beyond 32 bits, as in -1/-2147483648) is returned unchanged.
   Fraction reduce() const;
 
   void swap(Fraction& other) noexcept {

@@ -1,5 +1,7 @@
 #include "core/password_manager.h"
 
+#include <ranges>
+
 #include "foundation/exception.h"
 #include "foundation/path_manager.h"
 
@@ -8,6 +10,22 @@ namespace {
 
 fn::String servicePath(std::string_view service) {
   return fn::String("passwords." + fn::String(service));
+}
+
+// A member named like the tag of the preferences format would make the file read back as a
+// tagged value, or fail to read, and the next reader would replace the file with what it knows:
+// every secret would be gone. Such names are refused before anything is read or written.
+void checkNames(std::string_view service, std::string_view account) {
+  constexpr std::string_view TAG = "__type__";
+  bool reserved = account == TAG;
+  for (auto part : std::views::split(service, '.'))
+    reserved = reserved || std::string_view(part.begin(), part.end()) == TAG;
+  if (reserved) {
+    throw fn::IllegalArgumentException(
+        fmt::format("\"{}\" is reserved in the password file and cannot name a service or an "
+                    "account (service \"{}\", account \"{}\")",
+                    TAG, service, account));
+  }
 }
 
 }  // namespace
@@ -38,6 +56,7 @@ PasswordManagerGeneric::~PasswordManagerGeneric() = default;
 void PasswordManagerGeneric::setPassword(std::string_view service,
                                          std::string_view account,
                                          std::string_view password) {
+  checkNames(service, account);
   _preferences.reload();
   fn::Value& group = _preferences.root().mapForPath(servicePath(service));
   group[fn::Value(account)] = fn::Value(_encryption->encrypt(password));
@@ -47,6 +66,7 @@ void PasswordManagerGeneric::setPassword(std::string_view service,
 fn::String PasswordManagerGeneric::getPassword(std::string_view service,
                                                std::string_view account,
                                                bool& found) {
+  checkNames(service, account);
   try {
     _preferences.reload();
   } catch (fn::DataFormatException const&) {
@@ -66,6 +86,7 @@ fn::String PasswordManagerGeneric::getPassword(std::string_view service,
 }
 
 void PasswordManagerGeneric::removePassword(std::string_view service, std::string_view account) {
+  checkNames(service, account);
   _preferences.reload();
   fn::Value const& group = _preferences.root().valueForPathIfExists(servicePath(service));
   if (group.isMap() && group.contains(fn::Value(account)))

@@ -1,6 +1,8 @@
 #include "core/preferences.h"
 
+#include <chrono>
 #include <cstring>
+#include <filesystem>
 
 #include "core/fraction.h"
 #include "core/typed_byte_array.h"
@@ -17,6 +19,8 @@ namespace core {
 namespace {
 
 constexpr size_t BASE64_LINE_WIDTH = 72;
+// Temporary files of a save older than this are abandoned: no writer takes that long.
+constexpr auto ABANDONED_AFTER = std::chrono::minutes(1);
 constexpr size_t WRITE_BUFFER_SIZE = 8192;
 constexpr unsigned FILE_MODE = 0644;
 
@@ -92,6 +96,12 @@ public:
   }
 };
 
+// The members of a file, already wrapped in the braces it leaves out.
+fn::Value parseBraced(fn::String const& text, fn::String const& path) {
+  Deserializer deserializer;
+  return fn::json::deserialize(text, &deserializer, path);
+}
+
 // The pretty JSON of the root object starts with "{", CR LF and a tab, every line inside it
 // starts with one tab per level, and the last line is the closing brace. Dropping the first
 // four bytes and then the first byte after every line feed leaves the members without the
@@ -143,13 +153,33 @@ void Preferences::save() {
     fn::unhandledException();
     saveInternal();
   }
+  removeAbandonedTemporaries();
 }
 
 fn::Value Preferences::loadInternal() const {
   if (!fn::File(_path).exists())
     return fn::Value::map();
-  fn::FileInputStream file(_path);
-  return parse(fn::StreamReader(file).readEverything().view(), _path);
+  // The text is read once, straight between the braces it is parsed in; a file that is not a
+  // regular one (a FIFO would block, a device never end) or that is too large is refused.
+  fn::FileInputStream file(_path, true);
+  auto tooLarge = [this] {
+    return fn::withPath(fn::DataFormatException(fmt::format(
+                            "A preferences file may hold at most {} bytes", MAX_FILE_SIZE)),
+                        _path);
+  };
+  if (file.size() > MAX_FILE_SIZE)
+    throw tooLarge();
+  fn::String text;
+  text.reserve(static_cast<size_t>(file.size()) + 2);
+  text += '{';
+  char chunk[8192];
+  while (size_t n = file.read(chunk, sizeof chunk)) {
+    if (text.size() - 1 + n > MAX_FILE_SIZE)  // it grew meanwhile
+      throw tooLarge();
+    text.append(chunk, n);
+  }
+  text += '}';
+  return parseBraced(text, _path);
 }
 
 fn::Value Preferences::parse(std::string_view content, fn::String const& path) {
@@ -158,8 +188,28 @@ fn::Value Preferences::parse(std::string_view content, fn::String const& path) {
   text += '{';
   text += content;
   text += '}';
-  Deserializer deserializer;
-  return fn::json::deserialize(text, &deserializer, path);
+  return parseBraced(text, path);
+}
+
+// A writer killed during a save leaves its temporary file behind. Those of this path that are
+// clearly abandoned go; a younger one may belong to a save in progress in another process.
+void Preferences::removeAbandonedTemporaries() const {
+  namespace fs = std::filesystem;
+  fs::path target{std::string(_path)};
+  std::string prefix = target.filename().string() + "-";
+  constexpr size_t UUID_LENGTH = 36;
+  auto cutoff = fs::file_time_type::clock::now() - ABANDONED_AFTER;
+  std::error_code error;
+  for (fs::directory_iterator entry(target.parent_path(), error), end; !error && entry != end;
+       entry.increment(error)) {
+    std::string name = entry->path().filename().string();
+    if (name.size() != prefix.size() + UUID_LENGTH + 4 || !name.starts_with(prefix) ||
+        !name.ends_with(".tmp"))
+      continue;
+    std::error_code ignored;
+    if (entry->is_regular_file(ignored) && entry->last_write_time(ignored) < cutoff)
+      fs::remove(entry->path(), ignored);
+  }
 }
 
 void Preferences::write(fn::Value const& root, fn::OutputStream& stream) {

@@ -10,6 +10,7 @@
 //
 // Not thread-safe; use one object on one thread at a time.
 
+#include <cstdint>
 #include <string_view>
 
 #include "core/export.h"
@@ -33,13 +34,19 @@ public:
   fn::Value& root() { return _root; }
   fn::Value const& root() const { return _root; }
 
+  /// The largest file reload() reads: preferences are small, and a file is read whole.
+  static constexpr uint64_t MAX_FILE_SIZE = 16 * 1024 * 1024;
+
   /// Replaces the root with the file's content (an empty object when there is no file).
-  /// A read or parse failure propagates and leaves the root as it was.
+  /// A path that is not a regular file fails with FileException, a larger file than
+  /// MAX_FILE_SIZE with DataFormatException; like any read or parse failure, this propagates
+  /// and leaves the root as it was.
   void reload();
 
   /// Writes the root to a temporary file beside the target, forces it to disk and renames it
   /// over the target, so that readers, a crash or a power cut see either the old or the new
-  /// file. The result is read back; if that fails the file is written once more.
+  /// file. The result is read back; if that fails the file is written once more. Temporary
+  /// files of this path that writers killed more than a minute ago left behind are removed.
   void save();
 
   /// The tree that a file with `content` holds; `path` is attached to parse errors.
@@ -50,6 +57,7 @@ public:
 private:
   fn::Value loadInternal() const;
   void saveInternal() const;
+  void removeAbandonedTemporaries() const;
 
   fn::String _path;
   fn::Value _root;

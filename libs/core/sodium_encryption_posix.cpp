@@ -139,12 +139,29 @@ bool SodiumEncryption::readKeyFile() {
   struct stat info {};
   if (::fstat(fd.get(), &info) != 0)
     fail("fstat", _keyPath, errno);
-  if (!S_ISREG(info.st_mode) || info.st_uid != ::getuid() || (info.st_mode & 077) != 0)
+  // Refusing the key would make every stored secret unreadable and every new one empty: what
+  // can be mended is, the rest is reported with its reason at every use.
+  if (!S_ISREG(info.st_mode))
+    throw fn::withPath(fn::FileException("The password key file is not a regular file"), _keyPath);
+  if (info.st_uid != ::getuid()) {
+    throw fn::withPath(fn::FileException(fmt::format(
+                           "The password key file belongs to another user (uid {})", info.st_uid)),
+                       _keyPath);
+  }
+  if (info.st_size != static_cast<off_t>(KEY_SIZE)) {
     throw fn::withPath(
-        fn::FileException("The password key file must be the user's own and private (mode 0600)"),
+        fn::FileException(fmt::format("The password key file has the wrong size ({} bytes, not {})",
+                                      info.st_size, KEY_SIZE)),
         _keyPath);
-  if (info.st_size != static_cast<off_t>(KEY_SIZE))
-    throw fn::withPath(fn::FileException("The password key file has the wrong size"), _keyPath);
+  }
+  if ((info.st_mode & 077) != 0) {
+    if (::fchmod(fd.get(), 0600) != 0)
+      fail("fchmod", _keyPath, errno);
+    log_.log(fn::logging::WRN,
+             "The password key file {} could be read by others (mode {:04o}); it is private now "
+             "(0600)",
+             _keyPath, info.st_mode & 07777);
+  }
   size_t done = 0;
   while (done < KEY_SIZE) {
     ssize_t n = ::read(fd.get(), _key.data() + done, KEY_SIZE - done);

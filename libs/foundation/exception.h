@@ -65,6 +65,7 @@ private:
 
 FN_DECLARE_EXCEPTION(RuntimeException, Exception);
 FN_DECLARE_EXCEPTION(RangeException, RuntimeException);
+FN_DECLARE_EXCEPTION(IllegalArgumentException, RuntimeException);
 FN_DECLARE_EXCEPTION(DataFormatException, RuntimeException);
 FN_DECLARE_EXCEPTION(NullPointerException, RuntimeException);
 FN_DECLARE_EXCEPTION(IllegalStateException, RuntimeException);

@@ -13,6 +13,7 @@ ExceptionFactory::ExceptionFactory() {
   registerClass<Exception>();
   registerClass<RuntimeException>();
   registerClass<RangeException>();
+  registerClass<IllegalArgumentException>();
   registerClass<DataFormatException>();
   registerClass<NullPointerException>();
   registerClass<IllegalStateException>();

@@ -32,17 +32,23 @@ private:
 
 class FN_EXPORT FileInputStream : public InputStream {
 public:
-  explicit FileInputStream(String path);
+  /// Opens `path`. With `regularOnly`, anything but a regular file (a FIFO, a device, a
+  /// directory) is refused with FileException "Not a regular file", without waiting for a
+  /// writer to open a FIFO.
+  explicit FileInputStream(String path, bool regularOnly = false);
   ~FileInputStream() override;
   FileInputStream(FileInputStream const&) = delete;
   FileInputStream& operator=(FileInputStream const&) = delete;
 
   size_t read(void* bytes, size_t count) override;
   String const& path() const { return _path; }
+  /// The file's size when it was opened.
+  uint64_t size() const { return _size; }
 
 private:
   String _path;
   int _fd = -1;
+  uint64_t _size = 0;
 };
 
 }  // namespace fn

@@ -1,8 +1,10 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "foundation/exception.h"
 #include "foundation/file.h"
@@ -55,10 +57,23 @@ void FileOutputStream::sync() {
   }
 }
 
-FileInputStream::FileInputStream(String path) : _path(std::move(path)) {
-  _fd = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC);
+FileInputStream::FileInputStream(String path, bool regularOnly) : _path(std::move(path)) {
+  // Opening a FIFO for reading waits for a writer unless it is non-blocking; for a regular
+  // file the flag changes nothing.
+  _fd = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC | (regularOnly ? O_NONBLOCK : 0));
   if (_fd < 0)
     throwFileError("open", _path, errno);
+  struct stat info {};
+  if (::fstat(_fd, &info) != 0) {
+    int error = errno;
+    ::close(std::exchange(_fd, -1));
+    throwFileError("fstat", _path, error);
+  }
+  if (regularOnly && !S_ISREG(info.st_mode)) {
+    ::close(std::exchange(_fd, -1));
+    throw withPath(FileException("Not a regular file"), _path);
+  }
+  _size = static_cast<uint64_t>(info.st_size);
 }
 
 FileInputStream::~FileInputStream() {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <limits>
 #include <optional>
 
 #include "foundation/exception.h"
@@ -143,6 +144,13 @@ Timestamp Timestamp::fromRfc1123(std::string_view text) {
   // A differential says how far local time runs ahead of UTC, so it is taken off.
   auto instant = sys_days(date) + hours(*hour) + minutes(*minute) + seconds(*second) -
                  minutes(differentialMinutes);
+  // The clock counts in units far finer than seconds: years such as 9999 are beyond it, and
+  // converting them would overflow.
+  using Limits = std::numeric_limits<system_clock::rep>;
+  auto const latest = duration_cast<seconds>(system_clock::duration(Limits::max()));
+  auto const earliest = duration_cast<seconds>(system_clock::duration(Limits::min()));
+  if (instant.time_since_epoch() > latest || instant.time_since_epoch() < earliest)
+    throw withDetail(DataFormatException("RFC 1123 date out of range"), String(text));
   return Timestamp(time_point_cast<system_clock::duration>(instant));
 }
 

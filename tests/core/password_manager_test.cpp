@@ -96,8 +96,19 @@ TEST(PasswordManager, SecretsDoNotDecryptWithAnotherKeyOrFromBadText) {
     EXPECT_EQ(manager->getPassword("mail", account), "") << account;
   EXPECT_EQ(manager->getPassword("mail", "bob"), SECRET);
 
-  // A key file others can read is refused; a failed encryption stores the empty string.
+  // A key file others can read is made private again, with a warning, and goes on working.
   ASSERT_EQ(::chmod(root.file("key").c_str(), 0644), 0);
+  EXPECT_EQ(sodiumManager(root)->getPassword("mail", "bob"), SECRET);
+  struct stat key {};
+  ASSERT_EQ(::stat(root.file("key").c_str(), &key), 0);
+  EXPECT_EQ(key.st_mode & 0777, 0600u);
+  auto warnings = log.matching("could be read by others (mode 0644); it is private now (0600)");
+  ASSERT_EQ(warnings.size(), 1u);
+  EXPECT_EQ(warnings[0].priority, fn::logging::WRN);
+
+  // A key of the wrong size cannot be mended: every use says why, and a failed encryption
+  // stores the empty string.
+  fn::File(root.file("key")).writeAll(fn::ByteArray(16, 1));
   auto fresh = sodiumManager(root);
   EXPECT_EQ(fresh->getPassword("mail", "bob"), "");
   fresh->setPassword("mail", "carol", "secret");
@@ -108,12 +119,29 @@ TEST(PasswordManager, SecretsDoNotDecryptWithAnotherKeyOrFromBadText) {
   starts[0] = starts[6] = "Could not decrypt password: ";
   starts[7] = "Could not encrypt password: ";
   auto lines = log.linesOf("core.password");
+  std::erase_if(lines, [](auto const& line) { return line.priority != fn::logging::ERR; });
   ASSERT_EQ(lines.size(), starts.size());
   for (size_t i = 0; i < lines.size(); ++i)
-    EXPECT_TRUE(lines[i].text.starts_with(starts[i]) && lines[i].priority == fn::logging::ERR)
-        << lines[i].text;
+    EXPECT_TRUE(lines[i].text.starts_with(starts[i])) << lines[i].text;
   EXPECT_EQ(lines[1].text, "Could not decrypt password");
-  EXPECT_NE(lines[7].text.find("0600"), fn::String::npos);
+  for (size_t i : {6, 7})
+    EXPECT_NE(lines[i].text.find("has the wrong size (16 bytes, not 32)"), fn::String::npos);
+}
+
+TEST(PasswordManager, TheTagOfTheFileFormatNamesNoServiceOrAccount) {
+  TemporaryRoot root;
+  auto manager = sodiumManager(root);
+  manager->setPassword("mail", "bob", SECRET);
+  fn::String before(fn::File(root.file("Passwords.prefs")).readAll().view());
+  for (auto [service, account] :
+       {std::pair{"__type__", "bob"}, {"mail", "__type__"}, {"mail.__type__", "bob"}}) {
+    EXPECT_THROW(manager->setPassword(service, account, "x"), fn::IllegalArgumentException);
+    EXPECT_THROW(manager->getPassword(service, account), fn::IllegalArgumentException);
+    EXPECT_THROW(manager->removePassword(service, account), fn::IllegalArgumentException);
+  }
+  // Nothing was written: a fresh process still finds every secret.
+  EXPECT_EQ(fn::String(fn::File(root.file("Passwords.prefs")).readAll().view()), before);
+  EXPECT_EQ(sodiumManager(root)->getPassword("mail", "bob"), SECRET);
 }
 
 TEST(PasswordManager, ACorruptFileIsReplacedOnlyWhenReading) {

@@ -1,9 +1,11 @@
 #include "core/preferences.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <nlohmann/json.hpp>
 
 #include "child_process.h"
@@ -13,6 +15,7 @@
 #include "foundation/exception.h"
 #include "foundation/file.h"
 #include "foundation/timestamp.h"
+#include "foundation/uuid.h"
 #include "loop_runner.h"
 #include "test_support.h"
 
@@ -85,6 +88,8 @@ TEST(Preferences, MalformedFilesFailWithTheirErrorTextsAndKeepTheObject) {
       {R"("v": {"__type__": "buffer"})", "RangeException: Invalid boxed type", "__type__"},
       {R"("v": {"__type__": "buffer", "value": "not base64!"})", "DataFormatException", ""},
       {R"("v": {"__type__": "timestamp", "value": "yesterday"})", "DataFormatException", ""},
+      {R"("v": {"__type__": "timestamp", "value": "Fri, 31 Dec 9999 23:59:59 GMT"})",
+       "DataFormatException: RFC 1123 date out of range", "9999"},
       {"\"a\": [1,", "DataFormatException", ""},
       {"\"a\": 1}, {\"b\": 2", "DataFormatException", ""},
   };
@@ -100,6 +105,31 @@ TEST(Preferences, MalformedFilesFailWithTheirErrorTextsAndKeepTheObject) {
     }
   }
   EXPECT_EQ(preferences.root(), fn::Value::map({{"kept", 1}}));
+
+  // What is not a regular file, or too large to be preferences, is refused without waiting
+  // for a writer or reading it.
+  std::string file(path);
+  std::pair<std::function<void()>, std::string_view> const paths[] = {
+      {[&] { ::mkfifo(file.c_str(), 0600); }, "FileException: Not a regular file"},
+      {[&] { std::filesystem::create_symlink("/dev/zero", file); },
+       "FileException: Not a regular file"},
+      {[&] {
+         fn::File(path).writeAll({});
+         std::filesystem::resize_file(file, Preferences::MAX_FILE_SIZE + 1);
+       },
+       "DataFormatException: A preferences file may hold at most"},
+  };
+  for (auto const& [make, error] : paths) {
+    fn::File(path).remove();
+    make();
+    try {
+      preferences.reload();
+      ADD_FAILURE() << error;
+    } catch (fn::Exception const& e) {
+      EXPECT_TRUE((e.className() + ": " + e.message()).starts_with(error)) << e.toString();
+    }
+  }
+  fn::File(path).remove();
 
   // An empty MIME type means a plain buffer; an empty or missing file an empty object.
   fn::File(path).writeAll(fn::ByteArray(
@@ -146,6 +176,26 @@ TEST(Preferences, SavesThatFailOrDoNotReadBackLeaveOneFile) {
       << "a temporary file stayed behind";
   EXPECT_EQ(readText(preferences.path()), saved);
   EXPECT_THROW(Preferences(root.file("missing/Nowhere.prefs")).save(), fn::FileException);
+
+  // What killed writers left behind: this file's temporaries older than a minute go with the
+  // next save; a younger one (a save under way elsewhere) and another file's stay.
+  auto leftover = [&](fn::String const& target, std::chrono::seconds age) {
+    fn::String name =
+        target + "-" + fn::UUIDGenerator::defaultGenerator().createOne().toString() + ".tmp";
+    fn::File(name).writeAll(fn::ByteArray(std::string_view("partial")));
+    std::filesystem::last_write_time(std::string(name),
+                                     std::filesystem::file_time_type::clock::now() - age);
+    return std::string(name);
+  };
+  using std::chrono::seconds;
+  std::string old1 = leftover(preferences.path(), seconds(120)),
+              old2 = leftover(preferences.path(), seconds(3600)),
+              young = leftover(preferences.path(), seconds(5)),
+              others = leftover(root.file("Other.prefs"), seconds(3600));
+  preferences.root().asMap().erase(fn::Value("bad"));
+  preferences.save();
+  EXPECT_FALSE(std::filesystem::exists(old1) || std::filesystem::exists(old2));
+  EXPECT_TRUE(std::filesystem::exists(young) && std::filesystem::exists(others));
 }
 
 // The content of generation `n`: large enough that a save takes many writes.

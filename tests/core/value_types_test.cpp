@@ -43,11 +43,17 @@ TEST(Fraction, ComparisonsUseUnnormalisedWrappingCrossProducts) {
 }
 
 TEST(Fraction, ReductionValueAndTextForms) {
-  // A non-positive denominator starts from the numerator: 1 over (den / num).
+  // A non-positive denominator starts from the numerator: 1 over (den / num). What cannot be
+  // divided (by zero, or MIN by -1) stays as it is instead of trapping.
+  int32_t min = std::numeric_limits<int32_t>::min();
   for (auto [from, to] : {std::pair{Fraction(6, 4), "3/2"},
                           {Fraction(0, 5), "0/1"},
                           {Fraction(3, -6), "1/-2"},
-                          {Fraction(7, 0), "1/0"}})
+                          {Fraction(7, 0), "1/0"},
+                          {Fraction(0, 0), "0/0"},
+                          {Fraction(0, -3), "0/-3"},
+                          {Fraction(-1, min), "-1/-2147483648"},
+                          {Fraction(min, -1), "1/0"}})
     EXPECT_EQ(from.reduce().toString(), to) << from.toString();
   EXPECT_DOUBLE_EQ(Fraction(16, 9).asDouble(), 16.0 / 9.0);
   EXPECT_DOUBLE_EQ(Fraction(5, 0).asDouble(), 0.0);

@@ -100,6 +100,7 @@ void Worker::leave() {
 }
 
 ObjectId Worker::nextObjectId() {
+  FN_ASSERT_LOOP_THREAD();
   if (_workerId == NO_WORKER) {
     fn::debug::internal::assertionFailure(
         __FILE__, "nextObjectId", __LINE__,
@@ -109,6 +110,7 @@ ObjectId Worker::nextObjectId() {
 }
 
 void Worker::registerObjectInstance(ObjectInstance* instance) {
+  FN_ASSERT_LOOP_THREAD();
   _objects.registerInstance(instance);
 }
 
@@ -117,6 +119,7 @@ void Worker::unregisterObjectInstance(ObjectInstance* instance) {
 }
 
 void Worker::registerObjectReference(ObjectReference* reference) {
+  FN_ASSERT_LOOP_THREAD();
   _objects.registerReference(reference);
 }
 
@@ -184,6 +187,7 @@ void Worker::handleRecord(fn::Value const& record) {
 }
 
 void Worker::onMessage(fn::Value const& record) {
+  FN_ASSERT_LOOP_THREAD();
   if (_onRecord.hasConnections())
     _onRecord.emit(record);
   switch (record.at(key::TYPE).asInt()) {
@@ -250,6 +254,7 @@ void Worker::deliverObjectMessage(fn::Value const& record) {
 }
 
 bool Worker::wantsTermination() {
+  FN_ASSERT_LOOP_THREAD();
   return _connected && _idleTermination && _delegate.wantsIdleTermination(*this);
 }
 
@@ -264,6 +269,7 @@ void Worker::takeRegistry() {
 }
 
 bool Worker::canTerminate() {
+  FN_ASSERT_LOOP_THREAD();
   // The registry's own use of an instance does not keep a worker busy.
   auto registered = [this](ObjectId id) {
     return _registry && _registry->isInstanceRegistered(id);
@@ -272,6 +278,7 @@ bool Worker::canTerminate() {
 }
 
 void Worker::scheduleTermination() {
+  FN_ASSERT_LOOP_THREAD();
   _terminationTimer.invalidate();
   if (_terminating || !wantsTermination())
     return;
@@ -279,6 +286,7 @@ void Worker::scheduleTermination() {
 }
 
 void Worker::startTermination() {
+  FN_ASSERT_LOOP_THREAD();
   if (!canTerminate()) {
     scheduleTermination();
     return;

@@ -3,7 +3,9 @@
 // ipc::Worker: one process's endpoint of the object framework.
 //
 // Owned by the code that embeds it (a module, or the hub's dispatcher) and bound to the loop
-// thread it was created on; every public method checks that thread. It connects to the hub's
+// thread it was created on. Every public method that acts checks that thread (the accessors do
+// not), except the unregistering of instances and references, which their destructors call,
+// also while a process tears down. It connects to the hub's
 // pipe, says HELLO, learns its worker id, allocates object ids, keeps the objects it owns and
 // the references it holds, answers pings and runs the idle-termination handshake with its
 // delegate. Once connected it holds its reference to the registry (object 0); before it asks
