@@ -1,6 +1,6 @@
 #include "core/password_manager.h"
 
-#include <ranges>
+#include <algorithm>
 
 #include "foundation/exception.h"
 #include "foundation/path_manager.h"
@@ -18,8 +18,11 @@ fn::String servicePath(std::string_view service) {
 void checkNames(std::string_view service, std::string_view account) {
   constexpr std::string_view TAG = "__type__";
   bool reserved = account == TAG;
-  for (auto part : std::views::split(service, '.'))
-    reserved = reserved || std::string_view(part.begin(), part.end()) == TAG;
+  for (size_t start = 0; start <= service.size() && !reserved;) {
+    size_t end = std::min(service.find('.', start), service.size());
+    reserved = service.substr(start, end - start) == TAG;
+    start = end + 1;
+  }
   if (reserved) {
     throw fn::IllegalArgumentException(
         fmt::format("\"{}\" is reserved in the password file and cannot name a service or an "

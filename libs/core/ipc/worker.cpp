@@ -192,6 +192,9 @@ void Worker::onMessage(fn::Value const& record) {
     _onRecord.emit(record);
   switch (record.at(key::TYPE).asInt()) {
     case type::HELLO:
+      // The id is given once: another reply would renumber every object this worker made.
+      if (_connected)
+        throw fn::DataFormatException("A second HELLO reply");
       _workerId = record.at(key::WORKER_ID).to<uint16_t>();
       _connected = true;
       logWorker.log(fn::logging::DBG, "Worker {} connected with id {}", _displayName, _workerId);
@@ -216,6 +219,12 @@ void Worker::onMessage(fn::Value const& record) {
       if (!instance) {
         fn::debug::internal::assertionFailure(__FILE__, "onMessage", __LINE__, "instance");
         break;
+      }
+      // Each use is one retain of the instance: giving back more than were taken would free it
+      // under its holders.
+      if (count > instance->usageCount()) {
+        throw fn::DataFormatException(fmt::format("A release of {} uses of object {}, which has {}",
+                                                  count, id, instance->usageCount()));
       }
       for (int32_t i = 0; i < count; ++i)
         instance->decreaseUsageCount();
