@@ -177,7 +177,7 @@ void Worker::write(fn::Value const& record) {
 void Worker::handleRecord(fn::Value const& record) {
   try {
     onMessage(record);
-  } catch (std::exception const& e) {
+  } catch (...) {
     fn::Value const& source = record.get(key::SOURCE_WORKER_ID);
     std::string sender =
         source.isInteger() ? fmt::format("worker {}", source.toString()) : std::string("the hub");
