@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -74,6 +75,18 @@ size_t FileInputStream::read(void* bytes, size_t count) {
     if (errno != EINTR)
       throwFileError("read", _path, errno);
   }
+}
+
+int64_t FileInputStream::size() const {
+  struct stat info;
+  if (::fstat(_fd, &info) != 0)
+    throwFileError("fstat", _path, errno);
+  return info.st_size;
+}
+
+void FileInputStream::seek(int64_t offset) {
+  if (::lseek(_fd, offset, SEEK_SET) < 0)
+    throwFileError("lseek", _path, errno);
 }
 
 }  // namespace fn
