@@ -229,11 +229,15 @@ void DatabaseAccess::addMigrationStep(int from, MigrationStep step) {
 }
 
 bool DatabaseAccess::migrateByStep(int from, int to) {
-  if (from >= to)
+  if (_migrationSteps.empty())
     return false;
-  for (int step = from; step < to; ++step) {
-    if (!_migrationSteps.contains(step))
-      return false;
+  bool covered = from < to;
+  for (int step = from; covered && step < to; ++step)
+    covered = _migrationSteps.contains(step);
+  if (!covered) {
+    logDatabase.log(WRN, "No migration steps lead from {} to {} for {}, dropping the schema", from,
+                    to, _path);
+    return false;
   }
   for (int step = from; step < to; ++step) {
     // Each step is stored with its version, so that a migration cut short (a crash, a failed

@@ -153,7 +153,7 @@ TEST(DatabaseAccess, EmptyVersionTableCountsAsNewFile) {
 }
 
 TEST(DatabaseAccess, MigratesByDroppingEverythingOrByDeclaredSteps) {
-  enum Steps { None, Working, FailingSecond };
+  enum Steps { None, Working, FailingSecond, FromFourOnly };
   struct Case {
     char const* name;
     Steps steps;
@@ -164,6 +164,11 @@ TEST(DatabaseAccess, MigratesByDroppingEverythingOrByDeclaredSteps) {
   std::vector<Case> const cases = {
       {"no steps", None, 0, {"4 Dropping schema for PATH", "4 Initializing schema for PATH"}},
       {"steps", Working, 2, {}},
+      {"a step missing",
+       FromFourOnly,
+       0,
+       {"2 No migration steps lead from 3 to 5 for PATH, dropping the schema",
+        "4 Dropping schema for PATH", "4 Initializing schema for PATH"}},
       {"failing step",
        FailingSecond,
        0,
@@ -182,9 +187,11 @@ TEST(DatabaseAccess, MigratesByDroppingEverythingOrByDeclaredSteps) {
     }
     DatabaseLog log;
     Catalogue catalogue(5, file, ITEMS_V5);
-    if (c.steps != None) {
+    if (c.steps != None && c.steps != FromFourOnly) {
       catalogue.addMigrationStep(
           3, [](sqlite::Database& db) { db.execute("drop index items_title; drop table tags"); });
+    }
+    if (c.steps != None) {
       catalogue.addMigrationStep(4, [&c](sqlite::Database& db) {
         db.execute("alter table items add column rating integer not null default 0");
         if (c.steps == FailingSecond)
@@ -304,9 +311,11 @@ TEST(DatabaseAccess, MalformedFileIsRemovedAndRecreatedWithTheCurrentSchema) {
     EXPECT_EQ(e.message(), "database disk image is malformed");
     catalogue.handleException(e);
   }
-  EXPECT_TRUE(
-      log.contains("Unexpected exception: SQLiteException: database disk image is "
-                   "malformed"));
+  auto unexpected =
+      log.matching("Unexpected exception: SQLiteException: database disk image is malformed");
+  ASSERT_EQ(unexpected.size(), 1u);
+  EXPECT_EQ(unexpected[0].priority, 1);
+  EXPECT_NE(unexpected[0].text.find("[path " + path + "]"), fn::String::npos);
   auto deleting = log.matching("Database disk image " + path + " is malformed :( Deleting file");
   ASSERT_EQ(deleting.size(), 1u);
   EXPECT_EQ(deleting[0].priority, 1);
