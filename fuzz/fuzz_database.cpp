@@ -23,6 +23,7 @@ public:
       db.execute("alter table items add column rating integer default 0");
     });
   }
+  using DatabaseAccess::handleException;
 
 protected:
   void initSchema() override {
