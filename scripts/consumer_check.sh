@@ -2,8 +2,8 @@
 # consumer_check.sh [BUILD_DIR]: builds the project (BUILD_DIR, default build), installs it
 # into a temporary prefix, builds examples/consumer against that prefix alone and runs it.
 # Also compiles every installed header with only the package's usage requirements, and fails
-# when one includes a private dependency: libsodium and nlohmann-json are not among the
-# package's dependencies, and their headers in /usr/include would hide that from a compiler.
+# when one includes a private dependency: libsodium, nlohmann-json and SQLite are not among
+# the package's dependencies, and their headers in /usr/include would hide that from a compiler.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=${1:-build}
@@ -24,7 +24,7 @@ done
 "$prefix/bin/lumaren-ctl" --help >/dev/null
 
 echo "-- every installed header on its own usage requirements"
-if grep -rnE '#include\s*[<"](sodium|nlohmann)' "$prefix/include"; then
+if grep -rnE '#include\s*[<"](sodium|nlohmann|sqlite3)' "$prefix/include"; then
   echo "An installed header includes a private dependency; the package does not provide it."
   exit 1
 fi

@@ -16,4 +16,7 @@ int runWatch(Session& session, Options const& options);
 int runInspectors(Session& session, Options const& options);
 int runInspect(Session& session, Options const& options);
 
+/// Local commands, run without joining the hub.
+int runHash(Options const& options);
+
 }  // namespace ctl

@@ -68,6 +68,9 @@ int main(int argc, char** argv) {
   if (!fn::Environment::has("LUMAREN_LOG"))
     fn::logging::CategoryManager::instance().setThreshold("*", 0);
 
+  if (options.command == "hash")
+    return ctl::runHash(options);
+
   fn::uv::Loop loop;
   int status = ctl::EXIT_OK;
   try {

@@ -32,6 +32,8 @@ Commands:
   inspect KEY [ACTION_JSON] [--follow N]... [-i]
                                show what the inspector KEY answers to ACTION_JSON; --follow
                                takes the action of item N, -i reads item numbers from stdin
+  hash FILE...                 print the resource hash of each FILE, as sha1sum prints; this
+                               needs no hub, and exits with 1 if a file cannot be read
 
 Options:
   --pipe PATH         the hub's pipe
@@ -53,8 +55,8 @@ struct Command {
 };
 
 constexpr Command COMMANDS[] = {
-    {"lookup", 1, 1}, {"call", 2, 3},       {"post", 1, 2},
-    {"watch", 1, 1},  {"inspectors", 0, 0}, {"inspect", 1, 2},
+    {"lookup", 1, 1},     {"call", 2, 3},    {"post", 1, 2},        {"watch", 1, 1},
+    {"inspectors", 0, 0}, {"inspect", 1, 2}, {"hash", 1, SIZE_MAX},
 };
 
 [[noreturn]] void usageError(fn::String const& problem) {

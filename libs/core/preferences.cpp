@@ -167,10 +167,11 @@ fn::Value Preferences::loadInternal() const {
                             "A preferences file may hold at most {} bytes", MAX_FILE_SIZE)),
                         _path);
   };
-  if (file.size() > MAX_FILE_SIZE)
+  auto size = static_cast<uint64_t>(file.size());
+  if (size > MAX_FILE_SIZE)
     throw tooLarge();
   fn::String text;
-  text.reserve(static_cast<size_t>(file.size()) + 2);
+  text.reserve(static_cast<size_t>(size) + 2);
   text += '{';
   char chunk[8192];
   while (size_t n = file.read(chunk, sizeof chunk)) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -10,6 +11,9 @@
 #include "foundation/string.h"
 
 namespace fn {
+
+/// Bytes borrowed for the length of a call; a ByteArray converts to it.
+using ByteView = std::span<uint8_t const>;
 
 /// A growable run of bytes.
 class FN_EXPORT ByteArray : public std::vector<uint8_t> {

@@ -2,6 +2,8 @@
 
 // Streams over files on disk. Failures throw FileException with the path and errno attached.
 
+#include <cstdint>
+
 #include "foundation/export.h"
 #include "foundation/stream.h"
 #include "foundation/string.h"
@@ -42,13 +44,14 @@ public:
 
   size_t read(void* bytes, size_t count) override;
   String const& path() const { return _path; }
-  /// The file's size when it was opened.
-  uint64_t size() const { return _size; }
+  /// The file's length in bytes.
+  int64_t size() const;
+  /// Moves the read position to `offset` bytes from the start.
+  void seek(int64_t offset);
 
 private:
   String _path;
   int _fd = -1;
-  uint64_t _size = 0;
 };
 
 }  // namespace fn

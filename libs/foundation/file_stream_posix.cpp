@@ -63,17 +63,18 @@ FileInputStream::FileInputStream(String path, bool regularOnly) : _path(std::mov
   _fd = ::open(_path.c_str(), O_RDONLY | O_CLOEXEC | (regularOnly ? O_NONBLOCK : 0));
   if (_fd < 0)
     throwFileError("open", _path, errno);
+  if (!regularOnly)
+    return;
   struct stat info {};
   if (::fstat(_fd, &info) != 0) {
     int error = errno;
     ::close(std::exchange(_fd, -1));
     throwFileError("fstat", _path, error);
   }
-  if (regularOnly && !S_ISREG(info.st_mode)) {
+  if (!S_ISREG(info.st_mode)) {
     ::close(std::exchange(_fd, -1));
     throw withPath(FileException("Not a regular file"), _path);
   }
-  _size = static_cast<uint64_t>(info.st_size);
 }
 
 FileInputStream::~FileInputStream() {
@@ -89,6 +90,18 @@ size_t FileInputStream::read(void* bytes, size_t count) {
     if (errno != EINTR)
       throwFileError("read", _path, errno);
   }
+}
+
+int64_t FileInputStream::size() const {
+  struct stat info;
+  if (::fstat(_fd, &info) != 0)
+    throwFileError("fstat", _path, errno);
+  return info.st_size;
+}
+
+void FileInputStream::seek(int64_t offset) {
+  if (::lseek(_fd, offset, SEEK_SET) < 0)
+    throwFileError("lseek", _path, errno);
 }
 
 }  // namespace fn

@@ -243,3 +243,24 @@ TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
   EXPECT_EQ(circling.err,
             "lumaren-ctl: the inspector " + circle + " redirected more than 16 times in a row\n");
 }
+
+TEST_F(CtlTest, HashPrintsALinePerFileLikeSha1sumWithoutAHub) {
+  fn::String dir = fn::String(::testing::TempDir());
+  fn::String hello = dir + "ctl-hash-hello", missing = dir + "ctl-hash-missing";
+  fn::File(hello).writeAll(fn::ByteArray(std::string_view("hello")));
+  // SHA-1 of the length as 8 little-endian bytes and the content, from Python's hashlib.
+  fn::String const HELLO = "77d8d459c5fab783862eecb74ad4a53afd04c45d";
+
+  auto good = ctl({"--pipe", "/nonexistent/pipe", "hash", hello, hello});
+  EXPECT_EQ(good.status, 0) << good.err;
+  EXPECT_EQ(good.out, HELLO + "  " + hello + "\n" + HELLO + "  " + hello + "\n");
+  auto bad = ctl({"--pipe", "/nonexistent/pipe", "hash", missing, hello});
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_EQ(bad.out, HELLO + "  " + hello + "\n");
+  EXPECT_TRUE(
+      bad.err.startsWith("lumaren-ctl: FileException: open failed: No such file or "
+                         "directory [path " +
+                         missing + "]"))
+      << bad.err;
+  fn::File(hello).remove();
+}

@@ -1,0 +1,106 @@
+#include "core/resource_hash.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "foundation/exception.h"
+#include "test_support.h"
+
+namespace core {
+namespace {
+
+using testing::TemporaryRoot;
+
+// The sampling written again in Python, with hashlib's SHA-1.
+constexpr char const* REFERENCE = R"(
+import hashlib, os, sys
+path = sys.argv[1]
+size = os.path.getsize(path)
+sha = hashlib.sha1(size.to_bytes(8, 'little'))
+with open(path, 'rb') as f:
+    if size < 5 * 65536:
+        sha.update(f.read())
+    else:
+        step = size // 5
+        for i in range(5):
+            f.seek(i * step)
+            sha.update(f.read(65536))
+        tail = min(step - 65536, 65536)
+        if tail > 0:
+            f.seek(size - tail)
+            sha.update(f.read(tail))
+print(sha.hexdigest())
+)";
+
+fn::String referenceHash(fn::String const& path) {
+  fn::String command = fmt::format("python3 -c \"$LUMAREN_SAMPLER\" '{}'", path);
+  setenv("LUMAREN_SAMPLER", REFERENCE, 1);
+  std::FILE* pipe = ::popen(command.c_str(), "r");
+  char line[64] = {};
+  bool read = pipe && std::fgets(line, sizeof line, pipe);
+  if (pipe)
+    ::pclose(pipe);
+  EXPECT_TRUE(read) << command;
+  return fn::String(line).trim();
+}
+
+/// A file of `size` bytes, sparse but for its offset written as text every `every` bytes, so
+/// that each sample differs from the others; `mark` is written at `markAt`.
+void makeFile(fn::String const& path,
+              int64_t size,
+              int64_t every = 4096,
+              int64_t markAt = -1,
+              std::string_view mark = {}) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::ftruncate(fd, size), 0);
+  for (int64_t at = 0; at + 16 <= size; at += every) {
+    ASSERT_EQ(::pwrite(fd, fmt::format("{:16}", at).data(), 16, at), 16);
+  }
+  if (markAt >= 0) {
+    ASSERT_EQ(::pwrite(fd, mark.data(), mark.size(), markAt), ssize_t(mark.size()));
+  }
+  ::close(fd);
+}
+
+TEST(ResourceHash, MatchesTheSampledSha1OfAnIndependentReader) {
+  TemporaryRoot root;
+  fn::String path = root.file("media");
+  // Sizes: empty, just under the limit (hashed whole), at the limit (five samples, no tail), a
+  // short tail, a full tail, and a sparse 10 GiB file (a text at the start of each sample).
+  constexpr int64_t MiB = 1 << 20, GiB = int64_t(1) << 30;
+  for (int64_t size : std::vector<int64_t>{0, 327679, 327680, 400000, MiB, 10 * GiB}) {
+    makeFile(path, size, size > MiB ? 16 * MiB : 4096, size - 100, "the end");
+    fn::String hash = ResourceHash::forFile(path);
+    EXPECT_EQ(hash, referenceHash(path)) << size;
+    EXPECT_EQ(hash.size(), 40u);
+  }
+  // An empty file hashes its size alone: eight zero bytes.
+  makeFile(path, 0);
+  EXPECT_EQ(ResourceHash::forFile(path), "05fe405753166f125559e7c9ac558654f107c7e9");
+}
+
+TEST(ResourceHash, LargeFilesDifferingOnlyBetweenSamplesShareTheHash) {
+  TemporaryRoot root;
+  int64_t const size = 100 << 20;  // samples every 20 MiB
+  makeFile(root.file("a"), size, 1 << 20, size / 5 + 70000, "A");
+  makeFile(root.file("b"), size, 1 << 20, size / 5 + 70000, "B");
+  makeFile(root.file("c"), size + 1, 1 << 20);
+  EXPECT_EQ(ResourceHash::forFile(root.file("a")), ResourceHash::forFile(root.file("b")));
+  EXPECT_NE(ResourceHash::forFile(root.file("a")), ResourceHash::forFile(root.file("c")));
+
+  for (auto const& path : {root.file("missing"), root.path()}) {
+    try {
+      ResourceHash::forFile(path);
+      ADD_FAILURE() << path;
+    } catch (fn::FileException const& e) {
+      EXPECT_EQ(e.info().path, path);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace core
