@@ -32,6 +32,10 @@ Commands:
   inspect KEY [ACTION_JSON] [--follow N]... [-i]
                                show what the inspector KEY answers to ACTION_JSON; --follow
                                takes the action of item N, -i reads item numbers from stdin
+  command JSON                 hand the command JSON to the running instance of this user
+                               through the command pipe (no hub pipe needed)
+  network-signature [--watch]  print the signature of the network this machine is on, and
+                               with --watch every change of it until Ctrl-C
 
 Options:
   --pipe PATH         the hub's pipe
@@ -53,8 +57,8 @@ struct Command {
 };
 
 constexpr Command COMMANDS[] = {
-    {"lookup", 1, 1}, {"call", 2, 3},       {"post", 1, 2},
-    {"watch", 1, 1},  {"inspectors", 0, 0}, {"inspect", 1, 2},
+    {"lookup", 1, 1},     {"call", 2, 3},    {"post", 1, 2},    {"watch", 1, 1},
+    {"inspectors", 0, 0}, {"inspect", 1, 2}, {"command", 1, 1}, {"network-signature", 0, 0},
 };
 
 [[noreturn]] void usageError(fn::String const& problem) {
@@ -94,6 +98,7 @@ void checkApplies(Options const& options) {
   only(options.count.has_value(), "--count", "watch");
   only(!options.follow.empty(), "--follow", "inspect");
   only(options.interactive, "--interactive", "inspect");
+  only(options.watch, "--watch", "network-signature");
 }
 
 }  // namespace
@@ -130,6 +135,8 @@ Options parseOptions(int argc, char const* const* argv) {
       options.count = parseCount(arg, value(), 1);
     } else if (arg == "--follow") {
       options.follow.push_back(parseCount(arg, value(), 1));
+    } else if (arg == "--watch") {
+      options.watch = true;
     } else if (arg == "-i" || arg == "--interactive") {
       options.interactive = true;
     } else {

@@ -11,6 +11,9 @@
 //                      pinged every third of it and reported not responding after a whole
 //                      time-out without an answer
 //   --demo             run the self-demonstration with the example modules and exit
+//
+// One hub runs per user (hub/single_instance.h): a second start hands its command line to the
+// running hub and exits 0. The demonstration runs its own private system whatever else runs.
 
 #include <csignal>
 #include <cstdio>
@@ -21,11 +24,13 @@
 #include "core/ipc/module.h"
 #include "core/ipc/module_manager.h"
 #include "core/ipc/pipe_path.h"
+#include "core/process_lock.h"
 #include "foundation/file.h"
 #include "foundation/logging/category.h"
 #include "hub/config.h"
 #include "hub/demo.h"
 #include "hub/signals.h"
+#include "hub/single_instance.h"
 
 namespace {
 
@@ -48,6 +53,7 @@ int runHub(fn::uv::Loop& loop, hub::HubConfig const& config, fn::String const& p
   for (auto const& file : pipeFiles)
     fn::File(file).writeAll(fn::ByteArray(dispatcher.pipePath() + "\n"), 0600);
   logHub.log(fn::logging::INF, "Hub listening on {}", dispatcher.pipePath());
+  hub::CommandRelay commands(dispatcher.worker());
 
   ipc::ModuleManager manager(dispatcher, hub::definitionsOf(config));
   auto fatal = manager.onFatalError().connect(
@@ -119,6 +125,9 @@ int main(int argc, char** argv) {
       config.timeout = *timeout;
     if (demo)
       return hub::runDemo(loop, config.timeout);
+    core::ProcessLock lock(hub::LOCK_NAME);
+    if (!lock.exclusive())
+      return hub::handOffToRunningHub(loop, argc, argv);
     return runHub(loop, config, pipeFile);
   } catch (fn::Exception const& e) {
     std::fprintf(stderr, "lumaren-hub: %s\n", e.toString().c_str());
