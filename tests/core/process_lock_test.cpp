@@ -38,9 +38,9 @@ protected:
   std::unique_ptr<ChildProcess> holder(fn::String& said) {
     auto child = ChildProcess::start(
         loop, {.file = fn::uv::executablePath(), .arguments = {"--hold"}, .capture = true});
-    EXPECT_TRUE(testing_support::runLoopUntil(
-        loop, [&] { return child->out().find('\n') != fn::String::npos || child->exited(); }))
-        << child->err();
+    EXPECT_TRUE(testing_support::runLoopUntil(loop, [&] {
+      return child->out().find('\n') != fn::String::npos || child->exited();
+    })) << child->err();
     said = child->out().trim();
     return child;
   }
@@ -64,9 +64,9 @@ TEST_F(ProcessLockTest, TheFirstHolderIsExclusiveUntilItDiesInAnyWay) {
     EXPECT_TRUE(ProcessLock(ROLE).exclusive());
   }
   // The lock is the user's own.
-  EXPECT_TRUE(fn::File(runtime.directory() + "/" + ROLE + "-" + fn::Environment::userName() +
-                       ".lock")
-                  .exists());
+  EXPECT_TRUE(
+      fn::File(runtime.directory() + "/" + ROLE + "-" + fn::Environment::userName() + ".lock")
+          .exists());
 }
 
 TEST_F(ProcessLockTest, ACopyKeepsTheLockAlive) {
