@@ -103,4 +103,47 @@ TEST_F(HubAppTest, ABadConfigurationStopsTheHubWithTheFileNamed) {
   EXPECT_NE(hub->err().find(dir + "/hub.json"), fn::String::npos) << hub->err();
 }
 
+TEST_F(HubAppTest, ASecondHubHandsItsCommandLineToTheFirstWhoseModulesHearIt) {
+  fn::String commands = dir + "/commands";
+  fn::File(dir + "/hub.json").writeAll(fn::ByteArray(R"({"modules": [{"name": "TestModule"}]})"));
+  fn::String self = fn::uv::executablePath();
+  fn::String bin = self.substr(0, self.rfind('/') + 1);
+  hub = ChildProcess::start(
+      loop, {.file = bin + "lumaren-hub",
+             .arguments = {"--config", dir + "/hub.json"},
+             .environment = {"XDG_RUNTIME_DIR=" + dir, "LUMAREN_TEST_MODULE_COMMANDS=" + commands},
+             .capture = true});
+  // Once its service is found, the module listens to commands.
+  auto found = start("lumaren-ctl", {"--timeout", "20", "lookup", "TestModuleService"});
+  ASSERT_EQ(found->waitForExit(fn::Duration::seconds(30)), 0) << found->err() << hub->err();
+
+  auto second = start("lumaren-hub", {"--timeout", "7"});
+  EXPECT_EQ(second->waitForExit(), 0) << second->err();
+  EXPECT_EQ(second->out(),
+            "lumaren-hub: a hub of this user is running already; handed the command line to "
+            "it\n");
+  auto command = start("lumaren-ctl", {"command", R"({"open": "movie.mkv"})"});
+  EXPECT_EQ(command->waitForExit(), 0) << command->err();
+
+  auto heard = [&] {
+    return fn::File(commands).exists() ? fn::String(fn::File(commands).readAll().view())
+                                       : fn::String();
+  };
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return heard().find("movie.mkv") != fn::String::npos; }))
+      << heard() << hub->err();
+  EXPECT_TRUE(heard().startsWith(
+      fmt::format(R"({{"arguments": ["--timeout", "7"], "workingDirectory": "{}"}})",
+                  std::filesystem::current_path().string())))
+      << heard();
+  EXPECT_FALSE(hub->exited());
+
+  // Without a running hub the tool says so.
+  hub->kill(SIGTERM);
+  hub->waitForExit();
+  auto nobody = start("lumaren-ctl", {"command", "1"});
+  EXPECT_EQ(nobody->waitForExit(), 4);
+  EXPECT_NE(nobody->err().find("no running instance takes commands"), fn::String::npos)
+      << nobody->err();
+}
+
 }  // namespace
