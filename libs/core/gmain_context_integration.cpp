@@ -59,6 +59,7 @@ GMainContextIntegration::GMainContextIntegration(fn::uv::Loop& loop)
   _wakeup = fn::uv::Async::create(loop, [] {});
   _checkWatcher = fn::uv::CheckWatcher::create(loop, [this] { doCheck(); });
   _checkWatcher->start();
+  _checkSoon = fn::uv::IdleWatcher::create(loop, [] {});
 }
 
 GMainContextIntegration::~GMainContextIntegration() {
@@ -66,6 +67,7 @@ GMainContextIntegration::~GMainContextIntegration() {
   _pollDone->close();
   _wakeup->close();
   _checkWatcher->close();
+  _checkSoon->close();
   // A pool thread blocked in g_poll returns at once; it still holds the poll state and the
   // (closed) async, so it touches nothing freed.
   g_main_context_wakeup(_context);
@@ -95,6 +97,19 @@ void GMainContextIntegration::doPrepare() {
   }
   g_main_context_release(_context);
 
+  // A source that is ready already (an idle source, a timeout due) makes GLib's time-out 0:
+  // that poll cannot block, so it runs here instead of on a borrowed thread, and the check
+  // step follows in this same iteration without the hand-over between threads.
+  if (poll.timeout == 0) {
+    g_main_context_acquire(_context);
+    g_poll(poll.fds, static_cast<guint>(poll.fdCount), 0);
+    g_main_context_release(_context);
+    _polling = false;
+    _checkPending = true;
+    _checkSoon->start();
+    return;
+  }
+
   fn::ThreadPool::defaultPool().schedule([context = _context, state = _poll, done = _pollDone] {
     g_main_context_acquire(context);
     g_poll(state->fds, static_cast<guint>(state->fdCount), state->timeout);
@@ -114,6 +129,7 @@ void GMainContextIntegration::pollFinished() {
 
 void GMainContextIntegration::doCheck() {
   _checkPending = false;
+  _checkSoon->stop();
   if (_polling || _poll->fdCount < 1)
     return;
   PollState& poll = *_poll;

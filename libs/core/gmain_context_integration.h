@@ -7,8 +7,9 @@
 // Each cycle, GLib's prepare and query steps run on the loop thread just before the loop waits;
 // a thread borrowed from fn::ThreadPool::defaultPool() then blocks in g_poll on GLib's
 // descriptors with GLib's own time-out, while the loop goes on with its own events; when the
-// poll returns, the check and dispatch steps run back on the loop thread. GLib callbacks
-// therefore always run on the loop thread. Sources added from other threads wake the poll
+// poll returns, the check and dispatch steps run back on the loop thread. When GLib has a
+// source ready already (time-out 0) the poll cannot block and runs on the loop thread itself. GLib
+// callbacks therefore always run on the loop thread. Sources added from other threads wake the poll
 // through GLib's own wake-up descriptor.
 //
 // Process-wide and reference counted: init() and quit() come in pairs, on the loop thread; the
@@ -57,6 +58,9 @@ private:
   fn::AutoPtr<fn::uv::Async> _pollDone;
   fn::AutoPtr<fn::uv::Async> _wakeup;
   fn::AutoPtr<fn::uv::CheckWatcher> _checkWatcher;
+  // Active while a result polled on the loop thread waits for the check step: the loop then
+  // goes through its poll phase without blocking.
+  fn::AutoPtr<fn::uv::IdleWatcher> _checkSoon;
   bool _polling = false;
   bool _checkPending = false;
   int _maxPriority = 0;

@@ -1,8 +1,9 @@
 #pragma once
 
-// fn::uv::Watcher<H>: a libuv prepare (uv_prepare_t) or check (uv_check_t) handle whose
-// callback runs once per loop iteration, before the loop waits for I/O (prepare) or right after
-// (check). An active watcher keeps the loop running.
+// fn::uv::Watcher<H>: a libuv prepare (uv_prepare_t), check (uv_check_t) or idle (uv_idle_t)
+// handle whose callback runs once per loop iteration, before the loop waits for I/O (prepare),
+// right after (check), or before prepare (idle; while one is active the loop does not block).
+// An active watcher keeps the loop running.
 //
 // Loop thread only. The object keeps itself alive from creation until libuv's close callback;
 // the owner must call close(), which is idempotent, and no callback runs after it.
@@ -31,6 +32,13 @@ struct WatcherTraits<uv_check_t> {
   static int init(uv_loop_t* loop, uv_check_t* h) { return uv_check_init(loop, h); }
   static int start(uv_check_t* h, uv_check_cb cb) { return uv_check_start(h, cb); }
   static int stop(uv_check_t* h) { return uv_check_stop(h); }
+};
+
+template <>
+struct WatcherTraits<uv_idle_t> {
+  static int init(uv_loop_t* loop, uv_idle_t* h) { return uv_idle_init(loop, h); }
+  static int start(uv_idle_t* h, uv_idle_cb cb) { return uv_idle_start(h, cb); }
+  static int stop(uv_idle_t* h) { return uv_idle_stop(h); }
 };
 
 template <typename Handle>
@@ -77,5 +85,6 @@ private:
 
 using PrepareWatcher = Watcher<uv_prepare_t>;
 using CheckWatcher = Watcher<uv_check_t>;
+using IdleWatcher = Watcher<uv_idle_t>;
 
 }  // namespace fn::uv
