@@ -113,6 +113,8 @@ TEST_F(HubAppTest, ASecondHubHandsItsCommandLineToTheFirstWhoseModulesHearIt) {
              .arguments = {"--config", dir + "/hub.json"},
              .environment = {"XDG_RUNTIME_DIR=" + dir, "LUMAREN_TEST_MODULE_COMMANDS=" + commands},
              .capture = true});
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return fn::File(dir + "/lumaren/hub.pipe").exists(); }))
+      << hub->err();
   // Once its service is found, the module listens to commands.
   auto found = start("lumaren-ctl", {"--timeout", "20", "lookup", "TestModuleService"});
   ASSERT_EQ(found->waitForExit(fn::Duration::seconds(30)), 0) << found->err() << hub->err();
