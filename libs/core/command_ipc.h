@@ -9,10 +9,12 @@
 // The pipe is a local socket "lumaren-command-ipc.<user>" in the user's private runtime
 // directory, so instances of different users never see each other.
 //
-// Loop-bound: created, bound, stopped and destroyed on the main thread, whose loop serves the
-// connections; onCommand fires there, once per command, in the order a client sent them.
-// A connection that sends a malformed frame (or one over MAX_COMMAND_SIZE) is closed; other
-// connections go on. stop() and destruction close the listening socket and every connection.
+// Reference counted: hold the server in an fn::AutoPtr (fn::makeAuto<CommandIPC>()), since its
+// connections find it through a weak reference. Loop-bound: created, bound, stopped and
+// destroyed on the main thread, whose loop serves the connections; onCommand fires there,
+// once per command, in the order a client sent them. A connection that sends a malformed frame (or
+// one over MAX_COMMAND_SIZE) is closed; other connections go on. stop() and destruction close the
+// listening socket and every connection.
 
 #include <set>
 
