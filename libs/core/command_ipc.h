@@ -12,9 +12,9 @@
 // Reference counted: hold the server in an fn::AutoPtr (fn::makeAuto<CommandIPC>()), since its
 // connections find it through a weak reference. Loop-bound: created, bound, stopped and
 // destroyed on the main thread, whose loop serves the connections; onCommand fires there,
-// once per command, in the order a client sent them. A connection that sends a malformed frame (or
-// one over MAX_COMMAND_SIZE) is closed; other connections go on. stop() and destruction close the
-// listening socket and every connection.
+// once per command, in the order a client sent them. A connection that sends a malformed
+// frame (or one over MAX_COMMAND_SIZE) is closed; other connections go on. stop() and
+// destruction close the listening socket and every connection.
 
 #include <set>
 
