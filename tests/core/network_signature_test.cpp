@@ -31,7 +31,11 @@ constexpr char const* PRELUDE = R"(set -e
 gw() { nsenter -t "$GW" -n "$@"; }
 # veth NAME MAC: an adapter here whose peer NAMEp, with hardware address MAC, is in the
 # gateways' namespace.
-veth() { ip link add "$1" type veth peer name "$1p" netns "$GW"; gw ip link set "$1p" address "$2" up; ip link set "$1" up; }
+veth() {
+  ip link add "$1" type veth peer name "$1p" netns "$GW"
+  gw ip link set "$1p" address "$2" up
+  ip link set "$1" up
+}
 )";
 
 fn::String netNamespace(pid_t pid) {
