@@ -118,6 +118,13 @@ int main(int argc, char** argv) {
   }
   try {
     fn::uv::Loop& loop = fn::uv::Loop::defaultLoop();
+    // Before the configuration is read: a second start hands over whatever it was given.
+    std::optional<core::ProcessLock> lock;
+    if (!demo) {
+      lock.emplace(hub::LOCK_NAME);
+      if (!lock->exclusive())
+        return hub::handOffToRunningHub(loop, argc, argv);
+    }
     hub::HubConfig config;
     if (!configFile.empty())
       config = hub::loadConfig(configFile);
@@ -125,9 +132,6 @@ int main(int argc, char** argv) {
       config.timeout = *timeout;
     if (demo)
       return hub::runDemo(loop, config.timeout);
-    core::ProcessLock lock(hub::LOCK_NAME);
-    if (!lock.exclusive())
-      return hub::handOffToRunningHub(loop, argc, argv);
     return runHub(loop, config, pipeFile);
   } catch (fn::Exception const& e) {
     std::fprintf(stderr, "lumaren-hub: %s\n", e.toString().c_str());

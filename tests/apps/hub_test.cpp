@@ -119,7 +119,8 @@ TEST_F(HubAppTest, ASecondHubHandsItsCommandLineToTheFirstWhoseModulesHearIt) {
   auto found = start("lumaren-ctl", {"--timeout", "20", "lookup", "TestModuleService"});
   ASSERT_EQ(found->waitForExit(fn::Duration::seconds(30)), 0) << found->err() << hub->err();
 
-  auto second = start("lumaren-hub", {"--timeout", "7"});
+  // Its configuration is not even read: the running hub gets the command line as it is.
+  auto second = start("lumaren-hub", {"--timeout", "7", "--config", dir + "/missing.json"});
   EXPECT_EQ(second->waitForExit(), 0) << second->err();
   EXPECT_EQ(second->out(),
             "lumaren-hub: a hub of this user is running already; handed the command line to "
@@ -134,8 +135,9 @@ TEST_F(HubAppTest, ASecondHubHandsItsCommandLineToTheFirstWhoseModulesHearIt) {
   ASSERT_TRUE(runLoopUntil(loop, [&] { return heard().find("movie.mkv") != fn::String::npos; }))
       << heard() << hub->err();
   EXPECT_TRUE(heard().startsWith(
-      fmt::format(R"({{"arguments": ["--timeout", "7"], "workingDirectory": "{}"}})",
-                  std::filesystem::current_path().string())))
+      fmt::format(R"({{"arguments": ["--timeout", "7", "--config", "{}/missing.json"], )"
+                  R"("workingDirectory": "{}"}})",
+                  dir, std::filesystem::current_path().string())))
       << heard();
   EXPECT_FALSE(hub->exited());
 
