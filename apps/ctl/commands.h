@@ -16,6 +16,9 @@ int runWatch(Session& session, Options const& options);
 int runInspectors(Session& session, Options const& options);
 int runInspect(Session& session, Options const& options);
 
+// Commands that need no hub; they run on `loop`, the default loop.
+int runCommandPipe(fn::uv::Loop& loop, Options const& options);
+int runNetworkSignature(fn::uv::Loop& loop, Options const& options);
 /// Local commands, run without joining the hub.
 int runHash(Options const& options);
 

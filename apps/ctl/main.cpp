@@ -37,6 +37,22 @@ int runCommand(ctl::Session& session, ctl::Options const& options) {
   throw ctl::Failure(ctl::EXIT_USAGE, "unknown command \"" + options.command + "\"");
 }
 
+/// Commands that need no hub run on the default loop, which the services they use live on;
+/// -1 when `options` names none of them.
+int runStandalone(ctl::Options const& options) {
+  using Runner = int (*)(fn::uv::Loop&, ctl::Options const&);
+  static constexpr std::pair<std::string_view, Runner> RUNNERS[] = {
+      {"command", ctl::runCommandPipe},
+      {"network-signature", ctl::runNetworkSignature},
+      {"hash", [](fn::uv::Loop&, ctl::Options const& options) { return ctl::runHash(options); }},
+  };
+  for (auto const& [name, run] : RUNNERS) {
+    if (name == options.command)
+      return run(fn::uv::Loop::defaultLoop(), options);
+  }
+  return -1;
+}
+
 void reportFailure(ctl::Failure const& failure) {
   ctl::printLine(stderr, "lumaren-ctl: " + fn::String(failure.what()));
 }
@@ -68,8 +84,16 @@ int main(int argc, char** argv) {
   if (!fn::Environment::has("LUMAREN_LOG"))
     fn::logging::CategoryManager::instance().setThreshold("*", 0);
 
-  if (options.command == "hash")
-    return ctl::runHash(options);
+  try {
+    if (int status = runStandalone(options); status >= 0)
+      return status;
+  } catch (ctl::Failure const& failure) {
+    reportFailure(failure);
+    return failure.code();
+  } catch (fn::Exception const& e) {
+    ctl::printLine(stderr, "lumaren-ctl: " + e.toString());
+    return ctl::EXIT_CALL_FAILED;
+  }
 
   fn::uv::Loop loop;
   int status = ctl::EXIT_OK;

@@ -34,6 +34,10 @@ Commands:
                                takes the action of item N, -i reads item numbers from stdin
   hash FILE...                 print the resource hash of each FILE, as sha1sum prints; this
                                needs no hub, and exits with 1 if a file cannot be read
+  command JSON                 hand the command JSON to the running instance of this user
+                               through the command pipe (no hub pipe needed)
+  network-signature [--watch]  print the signature of the network this machine is on, and
+                               with --watch every change of it until Ctrl-C
 
 Options:
   --pipe PATH         the hub's pipe
@@ -55,8 +59,9 @@ struct Command {
 };
 
 constexpr Command COMMANDS[] = {
-    {"lookup", 1, 1},     {"call", 2, 3},    {"post", 1, 2},        {"watch", 1, 1},
-    {"inspectors", 0, 0}, {"inspect", 1, 2}, {"hash", 1, SIZE_MAX},
+    {"lookup", 1, 1},     {"call", 2, 3},    {"post", 1, 2},    {"watch", 1, 1},
+    {"inspectors", 0, 0}, {"inspect", 1, 2}, {"command", 1, 1}, {"network-signature", 0, 0},
+    {"hash", 1, SIZE_MAX},
 };
 
 [[noreturn]] void usageError(fn::String const& problem) {
@@ -96,6 +101,7 @@ void checkApplies(Options const& options) {
   only(options.count.has_value(), "--count", "watch");
   only(!options.follow.empty(), "--follow", "inspect");
   only(options.interactive, "--interactive", "inspect");
+  only(options.watch, "--watch", "network-signature");
 }
 
 }  // namespace
@@ -132,6 +138,8 @@ Options parseOptions(int argc, char const* const* argv) {
       options.count = parseCount(arg, value(), 1);
     } else if (arg == "--follow") {
       options.follow.push_back(parseCount(arg, value(), 1));
+    } else if (arg == "--watch") {
+      options.watch = true;
     } else if (arg == "-i" || arg == "--interactive") {
       options.interactive = true;
     } else {

@@ -25,6 +25,7 @@ struct Options {
   /// Item numbers to follow, in order.
   std::vector<size_t> follow;
   bool interactive = false;
+  bool watch = false;
 };
 
 /// Reads the command line. Failure(EXIT_USAGE) for an unknown command or option, a missing or

@@ -13,6 +13,9 @@
 //                      pinged every third of it and reported not responding after a whole
 //                      time-out without an answer
 //   --demo             run the self-demonstration with the example modules and exit
+//
+// One hub runs per user (hub/single_instance.h): a second start hands its command line to the
+// running hub and exits 0. The demonstration runs its own private system whatever else runs.
 
 #include <csignal>
 #include <cstdio>
@@ -24,11 +27,13 @@
 #include "core/ipc/module.h"
 #include "core/ipc/module_manager.h"
 #include "core/ipc/pipe_path.h"
+#include "core/process_lock.h"
 #include "foundation/file.h"
 #include "foundation/logging/category.h"
 #include "hub/config.h"
 #include "hub/demo.h"
 #include "hub/signals.h"
+#include "hub/single_instance.h"
 
 namespace {
 
@@ -53,6 +58,7 @@ int runHub(fn::uv::Loop& loop, hub::HubConfig const& config, fn::String const& p
   for (auto const& file : pipeFiles)
     fn::File(file).writeAll(fn::ByteArray(dispatcher.pipePath() + "\n"), 0600);
   logHub.log(fn::logging::INF, "Hub listening on {}", dispatcher.pipePath());
+  hub::CommandRelay commands(dispatcher.worker());
 
   ipc::ModuleManager manager(dispatcher, hub::definitionsOf(config));
   auto fatal = manager.onFatalError().connect(
@@ -124,6 +130,13 @@ int main(int argc, char** argv) {
   }
   try {
     fn::uv::Loop& loop = fn::uv::Loop::defaultLoop();
+    // Before the configuration is read: a second start hands over whatever it was given.
+    std::optional<core::ProcessLock> lock;
+    if (!demo) {
+      lock.emplace(hub::LOCK_NAME);
+      if (!lock->exclusive())
+        return hub::handOffToRunningHub(loop, argc, argv);
+    }
     hub::HubConfig config;
     if (!configFile.empty())
       config = hub::loadConfig(configFile);

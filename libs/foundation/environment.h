@@ -13,6 +13,9 @@ public:
   static String get(char const* name, String const& fallback = {});
   static void set(char const* name, String const& value);
   static void unset(char const* name);
+  /// The login name of the user the process runs as (the account database's entry for the
+  /// real user id, else $USER, else the numeric id), for names that must differ per user.
+  static String userName();
 };
 
 }  // namespace fn

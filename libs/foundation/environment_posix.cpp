@@ -1,5 +1,9 @@
+#include <pwd.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
+#include <vector>
 
 #include "foundation/environment.h"
 #include "foundation/exception.h"
@@ -22,6 +26,18 @@ void Environment::set(char const* name, String const& value) {
 
 void Environment::unset(char const* name) {
   ::unsetenv(name);
+}
+
+String Environment::userName() {
+  std::vector<char> buffer(4096);
+  passwd entry{};
+  passwd* found = nullptr;
+  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
+      found->pw_name && *found->pw_name)
+    return String(found->pw_name);
+  if (String user = get("USER"); !user.empty())
+    return user;
+  return String::number(::getuid());
 }
 
 }  // namespace fn

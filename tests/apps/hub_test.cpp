@@ -139,4 +139,51 @@ TEST_F(HubAppTest, ModulesRunUnderAHubThatIsTheFirstProcessOfItsNamespace) {
   hub->waitForExit();
 }
 
+TEST_F(HubAppTest, ASecondHubHandsItsCommandLineToTheFirstWhoseModulesHearIt) {
+  fn::String commands = dir + "/commands";
+  fn::File(dir + "/hub.json").writeAll(fn::ByteArray(R"({"modules": [{"name": "TestModule"}]})"));
+  fn::String self = fn::uv::executablePath();
+  fn::String bin = self.substr(0, self.rfind('/') + 1);
+  hub = ChildProcess::start(
+      loop, {.file = bin + "lumaren-hub",
+             .arguments = {"--config", dir + "/hub.json"},
+             .environment = {"XDG_RUNTIME_DIR=" + dir, "LUMAREN_TEST_MODULE_COMMANDS=" + commands},
+             .capture = true});
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return fn::File(dir + "/lumaren/hub.pipe").exists(); }))
+      << hub->err();
+  // Once its service is found, the module listens to commands.
+  auto found = start("lumaren-ctl", {"--timeout", "20", "lookup", "TestModuleService"});
+  ASSERT_EQ(found->waitForExit(fn::Duration::seconds(30)), 0) << found->err() << hub->err();
+
+  // Its configuration is not even read: the running hub gets the command line as it is.
+  auto second = start("lumaren-hub", {"--timeout", "7", "--config", dir + "/missing.json"});
+  EXPECT_EQ(second->waitForExit(), 0) << second->err();
+  EXPECT_EQ(second->out(),
+            "lumaren-hub: a hub of this user is running already; handed the command line to "
+            "it\n");
+  auto command = start("lumaren-ctl", {"command", R"({"open": "movie.mkv"})"});
+  EXPECT_EQ(command->waitForExit(), 0) << command->err();
+
+  auto heard = [&] {
+    return fn::File(commands).exists() ? fn::String(fn::File(commands).readAll().view())
+                                       : fn::String();
+  };
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return heard().find("movie.mkv") != fn::String::npos; }))
+      << heard() << hub->err();
+  EXPECT_TRUE(heard().startsWith(
+      fmt::format(R"({{"arguments": ["--timeout", "7", "--config", "{}/missing.json"], )"
+                  R"("workingDirectory": "{}"}})",
+                  dir, std::filesystem::current_path().string())))
+      << heard();
+  EXPECT_FALSE(hub->exited());
+
+  // Without a running hub the tool says so.
+  hub->kill(SIGTERM);
+  hub->waitForExit();
+  auto nobody = start("lumaren-ctl", {"command", "1"});
+  EXPECT_EQ(nobody->waitForExit(), 4);
+  EXPECT_NE(nobody->err().find("no running instance takes commands"), fn::String::npos)
+      << nobody->err();
+}
+
 }  // namespace

@@ -38,6 +38,33 @@ private:
   fn::String _path;
 };
 
+/// A fresh per-user runtime directory (sockets, locks) for this process and the children it
+/// starts; removed afterwards.
+class TemporaryRuntimeDirectory {
+public:
+  TemporaryRuntimeDirectory() {
+    char pattern[] = "/tmp/lumaren-runtime-test-XXXXXX";
+    _path = ::mkdtemp(pattern) ? pattern : "";
+    EXPECT_FALSE(_path.empty());
+    _previous = fn::Environment::get("XDG_RUNTIME_DIR");
+    fn::Environment::set("XDG_RUNTIME_DIR", _path);
+  }
+  ~TemporaryRuntimeDirectory() {
+    if (_previous.empty())
+      fn::Environment::unset("XDG_RUNTIME_DIR");
+    else
+      fn::Environment::set("XDG_RUNTIME_DIR", _previous);
+    std::error_code ignored;
+    std::filesystem::remove_all(std::string(_path), ignored);
+  }
+  /// The directory the services use inside it.
+  fn::String directory() const { return _path + "/lumaren"; }
+
+private:
+  fn::String _path;
+  fn::String _previous;
+};
+
 using testing_support::LogCapture;
 
 }  // namespace core::testing

@@ -75,6 +75,13 @@ protected:
                                          {"separateProcess", initData().separateProcess()},
                                          {"mode", _mode}});
     auto const& bus = ipc::MessageBus::processBus();
+    // Listening before the service is registered: a test that found the service knows that
+    // commands reach the module.
+    if (fn::String file = setting("COMMANDS"); !file.empty()) {
+      _commands = bus->listen("lumaren.command", [file](fn::String const&, fn::Value const& body) {
+        std::ofstream(file, std::ios::app) << body.toString() << '\n';
+      });
+    }
     bus->post(CONNECTED, identity);
     _service = fn::AutoPtr<Service>(new Service(worker(), identity));
     worker().registry()->registerObject(_service, 0);
@@ -115,6 +122,7 @@ private:
   fn::Value _identity;
   bool _terminating = false;
   fn::Handle _quit;
+  fn::Handle _commands;
   fn::AutoPtr<Service> _service;
 };
 

@@ -19,6 +19,8 @@
 // with its tag. Otherwise it connects, posts CONNECTED on the bus and registers its service.
 // <prefix>LAUNCHES: a file to which every launch appends "<pid> <mode>\n" first thing (the
 // pid is the hub's for an in-process module).
+// <prefix>COMMANDS: a file to which the module appends the body of every "lumaren.command" bus
+// message it hears (the hub's relayed commands), one line each in the value's text form.
 //
 // The service ("<copy>Service" in the registry, priority 0) answers these methods:
 //   "whoAmI"  {"module": copy name, "tag", "pid", "separateProcess", "mode"}

@@ -1,12 +1,6 @@
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-
 #include "core/ipc/pipe_path.h"
-#include "foundation/environment.h"
 #include "foundation/exception.h"
+#include "foundation/runtime_directory.h"
 #include "foundation/uuid.h"
 
 namespace ipc {
@@ -18,22 +12,7 @@ constexpr size_t MAX_SOCKET_PATH = 107;
 }  // namespace
 
 fn::String runtimeDirectory() {
-  fn::String base = fn::Environment::get("XDG_RUNTIME_DIR");
-  fn::String directory =
-      base.empty() ? fn::String(fmt::format("/tmp/lumaren-{}", getuid())) : base + "/lumaren";
-  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST)
-    throw fn::withErrno(
-        fn::withPath(fn::IOException("Cannot create the runtime directory"), directory), errno);
-  // Another user may have planted the directory (in /tmp anyone can): refuse to use it.
-  struct stat info;
-  if (::lstat(directory.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != getuid())
-    throw fn::withPath(fn::IOException("The runtime directory is not a directory of this user"),
-                       directory);
-  if ((info.st_mode & 077) != 0 && ::chmod(directory.c_str(), 0700) != 0)
-    throw fn::withErrno(
-        fn::withPath(fn::IOException("Cannot make the runtime directory private"), directory),
-        errno);
-  return directory;
+  return fn::runtimeDirectory();
 }
 
 fn::String makePipePath() {

@@ -1,0 +1,7 @@
+#include "core/firewall_configurator.h"
+
+namespace core {
+
+FirewallConfigurator::~FirewallConfigurator() = default;
+
+}  // namespace core

@@ -1,0 +1,89 @@
+#include "core/process_lock.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <optional>
+
+#include "child_process.h"
+#include "child_role.h"
+#include "foundation/environment.h"
+#include "foundation/file.h"
+#include "loop_runner.h"
+#include "test_support.h"
+
+namespace core {
+namespace {
+
+using testing_support::ChildProcess;
+
+constexpr char const* ROLE = "lumaren-test-role";
+
+// The child role "--hold": takes the lock, says whether it came first, and holds it until it
+// is killed.
+int holdLock(int, char**) {
+  ProcessLock lock(ROLE);
+  std::printf("%s\n", lock.exclusive() ? "exclusive" : "not exclusive");
+  std::fflush(stdout);
+  for (;;)
+    ::pause();
+}
+
+[[maybe_unused]] bool const holdRole = testing_support::registerChildRole("--hold", &holdLock);
+
+class ProcessLockTest : public ::testing::Test {
+protected:
+  /// A child that took the lock, once it said what it got.
+  std::unique_ptr<ChildProcess> holder(fn::String& said) {
+    auto child = ChildProcess::start(
+        loop, {.file = fn::uv::executablePath(), .arguments = {"--hold"}, .capture = true});
+    EXPECT_TRUE(testing_support::runLoopUntil(loop, [&] {
+      return child->out().find('\n') != fn::String::npos || child->exited();
+    })) << child->err();
+    said = child->out().trim();
+    return child;
+  }
+
+  testing::TemporaryRuntimeDirectory runtime;
+  fn::uv::Loop loop;
+};
+
+TEST_F(ProcessLockTest, TheFirstHolderIsExclusiveUntilItDiesInAnyWay) {
+  fn::String said;
+  for (int signal : {SIGTERM, SIGKILL}) {
+    SCOPED_TRACE(signal);
+    auto first = holder(said);
+    EXPECT_EQ(said, "exclusive");
+    EXPECT_FALSE(ProcessLock(ROLE).exclusive());
+    auto second = holder(said);
+    EXPECT_EQ(said, "not exclusive");
+    first->kill(signal);
+    first->waitForExit();
+    // The second never held the lock, so the name is free again.
+    EXPECT_TRUE(ProcessLock(ROLE).exclusive());
+  }
+  // The lock is the user's own.
+  EXPECT_TRUE(
+      fn::File(runtime.directory() + "/" + ROLE + "-" + fn::Environment::userName() + ".lock")
+          .exists());
+}
+
+TEST_F(ProcessLockTest, ACopyKeepsTheLockAlive) {
+  std::optional<ProcessLock> original(std::in_place, ROLE);
+  ASSERT_TRUE(original->exclusive());
+  ProcessLock copy = *original;
+  original.reset();
+  EXPECT_TRUE(copy.exclusive());
+  fn::String said;
+  auto other = holder(said);
+  EXPECT_EQ(said, "not exclusive");
+
+  // A child process does not inherit the lock: once the copy goes, the name is free although
+  // the child still runs.
+  copy = ProcessLock("another-role");
+  EXPECT_TRUE(ProcessLock(ROLE).exclusive());
+}
+
+}  // namespace
+}  // namespace core
