@@ -13,6 +13,8 @@ public:
   static String get(char const* name, String const& fallback = {});
   static void set(char const* name, String const& value);
   static void unset(char const* name);
+  /// The name the user logged in with; empty when the system does not know one.
+  static String userName();
 };
 
 }  // namespace fn

@@ -1,3 +1,6 @@
+#include <pwd.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 
@@ -22,6 +25,17 @@ void Environment::set(char const* name, String const& value) {
 
 void Environment::unset(char const* name) {
   ::unsetenv(name);
+}
+
+String Environment::userName() {
+  // The account, not $USER: a variable anybody can set must not choose whose profile runs.
+  passwd entry{};
+  passwd* found = nullptr;
+  char buffer[4096];
+  if (::getpwuid_r(::getuid(), &entry, buffer, sizeof buffer, &found) == 0 && found &&
+      found->pw_name)
+    return String(found->pw_name);
+  return get("USER");
 }
 
 }  // namespace fn

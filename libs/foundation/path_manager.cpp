@@ -55,11 +55,11 @@ void PathManager::setApplicationDirectory(String directory, bool hasBinDirectory
 String PathManager::getPath(int location, std::string_view name, bool create) const {
   String directory = location == APPLICATION ? applicationDirectory()
                                              : platformDirectory(location, applicationName());
+  String path = name.empty() ? directory : String(directory + "/" + String(name));
+  // A name may carry folders of its own ("logging_profiles/x"): those are created too.
   if (create)
-    File(directory).createDirectories(0700);
-  if (name.empty())
-    return directory;
-  return String(directory + "/" + String(name));
+    File(name.empty() ? directory : File(path).directory()).createDirectories(0700);
+  return path;
 }
 
 }  // namespace fn
