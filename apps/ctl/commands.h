@@ -15,5 +15,8 @@ int runPost(Session& session, Options const& options);
 int runWatch(Session& session, Options const& options);
 int runInspectors(Session& session, Options const& options);
 int runInspect(Session& session, Options const& options);
+int runLog(Session& session, Options const& options);
+/// Only `log verbose` joins the hub; the other log actions work on this process alone.
+bool logNeedsHub(Options const& options);
 
 }  // namespace ctl

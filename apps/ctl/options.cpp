@@ -32,6 +32,12 @@ Commands:
   inspect KEY [ACTION_JSON] [--follow N]... [-i]
                                show what the inspector KEY answers to ACTION_JSON; --follow
                                takes the action of item N, -i reads item numbers from stdin
+  log verbose on|off           allow or stop the verbose logging profiles of every process
+  log archive                  pack the log files into a ZIP archive and print its path
+  log write [--category NAME] [--priority N] [--tag TAG] TEXT...
+                               log one message through this process's logging profiles
+                               (category ctl, priority 4 unless given)
+  log profiles                 list this process's active logging profiles and their files
 
 Options:
   --pipe PATH         the hub's pipe
@@ -53,8 +59,8 @@ struct Command {
 };
 
 constexpr Command COMMANDS[] = {
-    {"lookup", 1, 1}, {"call", 2, 3},       {"post", 1, 2},
-    {"watch", 1, 1},  {"inspectors", 0, 0}, {"inspect", 1, 2},
+    {"lookup", 1, 1},     {"call", 2, 3},    {"post", 1, 2},       {"watch", 1, 1},
+    {"inspectors", 0, 0}, {"inspect", 1, 2}, {"log", 1, SIZE_MAX},
 };
 
 [[noreturn]] void usageError(fn::String const& problem) {
@@ -94,6 +100,8 @@ void checkApplies(Options const& options) {
   only(options.count.has_value(), "--count", "watch");
   only(!options.follow.empty(), "--follow", "inspect");
   only(options.interactive, "--interactive", "inspect");
+  only(!options.category.empty() || !options.tag.empty() || options.priority != 4,
+       "--category, --priority and --tag", "log");
 }
 
 }  // namespace
@@ -132,6 +140,15 @@ Options parseOptions(int argc, char const* const* argv) {
       options.follow.push_back(parseCount(arg, value(), 1));
     } else if (arg == "-i" || arg == "--interactive") {
       options.interactive = true;
+    } else if (arg == "--category") {
+      options.category = value();
+    } else if (arg == "--priority") {
+      uint64_t priority = parseCount(arg, value(), 1);
+      if (priority > 7)
+        usageError("--priority wants a number from 1 (ERR) to 7 (TRC)");
+      options.priority = static_cast<int>(priority);
+    } else if (arg == "--tag") {
+      options.tag = value();
     } else {
       usageError(fmt::format("unknown option {}", arg));
     }

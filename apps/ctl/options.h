@@ -25,6 +25,10 @@ struct Options {
   /// Item numbers to follow, in order.
   std::vector<size_t> follow;
   bool interactive = false;
+  /// log write: the category, priority and tag of the message.
+  fn::String category;
+  int priority = 4;
+  fn::String tag;
 };
 
 /// Reads the command line. Failure(EXIT_USAGE) for an unknown command or option, a missing or

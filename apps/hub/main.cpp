@@ -18,9 +18,11 @@
 #include <optional>
 
 #include "core/ipc/dispatcher.h"
+#include "core/ipc/message_bus.h"
 #include "core/ipc/module.h"
 #include "core/ipc/module_manager.h"
 #include "core/ipc/pipe_path.h"
+#include "core/logging_profile_sink.h"
 #include "foundation/file.h"
 #include "foundation/logging/category.h"
 #include "hub/config.h"
@@ -38,6 +40,19 @@ void usage() {
              stderr);
 }
 
+/// Makes the bus of the hub's own worker the process's bus, once that worker has connected,
+/// so that the hub's own logging profiles follow verbose logging like every other process.
+void adoptMessageBus(fn::uv::Loop& loop, ipc::Dispatcher& dispatcher) {
+  bool gaveUp = false;
+  fn::Handle limit = loop.schedule(fn::Duration::seconds(10), [&] { gaveUp = true; });
+  loop.runUntil([&] { return gaveUp || dispatcher.messageBus(); });
+  if (dispatcher.messageBus())
+    ipc::MessageBus::setProcessBus(
+        dispatcher.messageBus()->localReference().cast<ipc::MessageBus>());
+  else
+    logHub.log(fn::logging::ERR, "The hub's own worker did not connect; no message bus here");
+}
+
 int runHub(fn::uv::Loop& loop, hub::HubConfig const& config, fn::String const& pipeFile) {
   ipc::Dispatcher dispatcher(loop, config.timeout);
   dispatcher.bind();
@@ -48,6 +63,7 @@ int runHub(fn::uv::Loop& loop, hub::HubConfig const& config, fn::String const& p
   for (auto const& file : pipeFiles)
     fn::File(file).writeAll(fn::ByteArray(dispatcher.pipePath() + "\n"), 0600);
   logHub.log(fn::logging::INF, "Hub listening on {}", dispatcher.pipePath());
+  adoptMessageBus(loop, dispatcher);
 
   ipc::ModuleManager manager(dispatcher, hub::definitionsOf(config));
   auto fatal = manager.onFatalError().connect(
@@ -67,6 +83,7 @@ int runHub(fn::uv::Loop& loop, hub::HubConfig const& config, fn::String const& p
   // Modules that did not quit in the grace period are killed, in-process ones end with the hub.
   manager.stop();
   ipc::Module::destroyInProcessModules();
+  ipc::MessageBus::setProcessBus(nullptr);
   // A hub started after this one may have written its own path there meanwhile.
   fn::ByteArray ours(dispatcher.pipePath() + "\n");
   for (auto const& file : pipeFiles) {
@@ -112,6 +129,7 @@ int main(int argc, char** argv) {
   }
   try {
     fn::uv::Loop& loop = fn::uv::Loop::defaultLoop();
+    core::initLoggingProfiles("hub");
     hub::HubConfig config;
     if (!configFile.empty())
       config = hub::loadConfig(configFile);

@@ -60,6 +60,10 @@ public:
   std::string_view text() const { return _text; }
 
   void setTime(Timestamp time) { _time = time; }
+  void setSource(char const* file, int line) {
+    _file = file;
+    _line = line;
+  }
   void setThreadNumber(unsigned number) { _threadNumber = number; }
 
 private:
