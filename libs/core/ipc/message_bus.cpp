@@ -69,18 +69,18 @@ fn::AutoPtr<MessageBus> const& MessageBus::processBus() {
   return theProcessBus();
 }
 
-void MessageBus::setProcessBus(fn::AutoPtr<MessageBus> bus) {
+fn::Promise<void> MessageBus::setProcessBus(fn::AutoPtr<MessageBus> bus) {
   FN_ASSERT_LOOP_THREAD();
   fn::MessageBus& process = fn::MessageBus::instance();
   theProcessBus() = std::move(bus);
   fn::AutoPtr<MessageBus> const& current = theProcessBus();
   process.setUpstream(current.get());
   if (!current)
-    return;
+    return fn::Promise<void>::resolved();
   // Only the process-wide bus hears these: the bus's own listeners fetch for themselves.
   // The hub handles the posts of setUpstream() first, so the answer already holds them.
   fn::WeakReference<MessageBus> weak(current);
-  current->callMethod("getStickyMessages", fn::Value())
+  return current->callMethod("getStickyMessages", fn::Value())
       .then(
           [weak](fn::Value const& result) {
             auto self = weak.lock();

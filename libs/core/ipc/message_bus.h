@@ -48,8 +48,9 @@ public:
   /// Makes `bus` the process's bus (null: none) and the upstream of fn::MessageBus::instance(),
   /// which from then on posts through it and hears what it hears. The process-wide bus then
   /// fetches the sticky messages the hub keeps, so that a state set before this process
-  /// started reaches its listeners.
-  static void setProcessBus(fn::AutoPtr<MessageBus> bus);
+  /// started reaches its listeners; the promise settles once they were handed to it (also
+  /// when the fetch failed, which is logged).
+  static fn::Promise<void> setProcessBus(fn::AutoPtr<MessageBus> bus);
 
 protected:
   void onEvent(fn::String const& name, fn::Value const& argument) override;
