@@ -154,20 +154,35 @@ FormattedSink::FormattedSink(fn::AutoPtr<fn::LogTarget> const& target) : _target
   FN_ASSERT(target);
 }
 
-std::vector<std::pair<std::string_view, bool>> FormattedSink::splitLines(std::string_view text) {
-  std::vector<std::pair<std::string_view, bool>> pieces;
+namespace {
+
+/// Calls `piece(text, continuation)` for each piece of `text` (see FormattedSink::splitLines).
+template <typename F>
+void forEachPiece(std::string_view text, F&& piece) {
   bool wrapped = false;
+  bool pending = false;
+  std::string_view last;
+  bool lastWrapped = false;
+  // Each piece is handed on once the next is known, so that a last empty one can be left out.
+  auto emit = [&](std::string_view next, bool continuation) {
+    if (pending)
+      piece(last, lastWrapped);
+    last = next;
+    lastWrapped = continuation;
+    pending = true;
+  };
   while (!text.empty()) {
-    size_t limit = wrapped ? LINE_LIMIT - WRAP_INDENT : LINE_LIMIT;
+    size_t limit = wrapped ? FormattedSink::LINE_LIMIT - WRAP_INDENT : FormattedSink::LINE_LIMIT;
     size_t lineFeed = text.substr(0, std::min(text.size(), limit)).find('\n');
     if (lineFeed != std::string_view::npos) {
-      pieces.emplace_back(text.substr(0, lineFeed), wrapped);
+      emit(text.substr(0, lineFeed), wrapped);
       text.remove_prefix(lineFeed + 1);
       wrapped = false;
       continue;
     }
     if (text.size() <= limit) {
-      pieces.emplace_back(text, wrapped);
+      emit(text, wrapped);
+      text = {};
       break;
     }
     size_t cut = limit;
@@ -179,13 +194,27 @@ std::vector<std::pair<std::string_view, bool>> FormattedSink::splitLines(std::st
         break;
       }
     }
-    pieces.emplace_back(text.substr(0, cut), wrapped);
+    emit(text.substr(0, cut), wrapped);
     text.remove_prefix(cut);
     wrapped = true;
   }
   // A message that ends in a line feed gives no blank line.
-  if (!pieces.empty() && pieces.back().first.empty())
-    pieces.pop_back();
+  if (pending && !last.empty())
+    piece(last, lastWrapped);
+}
+
+void appendTwoDigits(fmt::memory_buffer& out, int value) {
+  out.push_back(static_cast<char>('0' + value / 10 % 10));
+  out.push_back(static_cast<char>('0' + value % 10));
+}
+
+}  // namespace
+
+std::vector<std::pair<std::string_view, bool>> FormattedSink::splitLines(std::string_view text) {
+  std::vector<std::pair<std::string_view, bool>> pieces;
+  forEachPiece(text, [&](std::string_view piece, bool continuation) {
+    pieces.emplace_back(piece, continuation);
+  });
   return pieces;
 }
 
@@ -204,25 +233,35 @@ void FormattedSink::logMessage(fn::logging::Category const&, fn::logging::Messag
     _target->write(std::string_view(marker.data(), marker.size()), false);
   }
 
-  auto pieces = splitLines(message.text());
-  if (pieces.empty()) {
-    _target->write({}, urgent(message));
-    return;
-  }
+  // Built by hand: this runs for every message that a file profile keeps.
   fmt::memory_buffer line;
-  auto out = std::back_inserter(line);
-  fmt::format_to(out, "{:02}:{:02}:{:02} {} {:02x} {}:{}", local.hour(), local.minute(),
-                 local.second(), priorityCode(message.priority()), message.threadNumber(),
-                 sourceName(message.file()), message.line());
+  appendTwoDigits(line, local.hour());
+  line.push_back(':');
+  appendTwoDigits(line, local.minute());
+  line.push_back(':');
+  appendTwoDigits(line, local.second());
+  line.push_back(' ');
+  line.append(priorityCode(message.priority()));
+  line.push_back(' ');
+  unsigned thread = message.threadNumber();
+  if (thread < 0x10)
+    line.push_back('0');
+  fmt::format_to(std::back_inserter(line), "{:x}", thread);
+  line.push_back(' ');
+  line.append(sourceName(message.file()));
+  line.push_back(':');
+  line.append(std::string_view(fmt::format_int(message.line()).c_str()));
   size_t header = line.size();
   line.push_back(' ');
   if (line.size() % 2)
     line.push_back(' ');
-  while (line.size() < std::max<size_t>(TEXT_COLUMN - 1, header + 1))
-    fmt::format_to(out, "- ");
+  while (line.size() < std::max<size_t>(TEXT_COLUMN - 1, header + 1)) {
+    line.push_back('-');
+    line.push_back(' ');
+  }
   size_t column = line.size();
   bool first = true;
-  for (auto const& [piece, continuation] : pieces) {
+  forEachPiece(message.text(), [&](std::string_view piece, bool continuation) {
     for (size_t blank = 0; !first && blank < column; ++blank)
       line.push_back(' ');
     if (continuation)
@@ -230,7 +269,10 @@ void FormattedSink::logMessage(fn::logging::Category const&, fn::logging::Messag
     line.append(piece);
     line.append(std::string_view("\r\n"));
     first = false;
-  }
+  });
+  // A message without text writes nothing, not even its header.
+  if (first)
+    line.clear();
   _target->write(std::string_view(line.data(), line.size()), urgent(message));
 }
 
