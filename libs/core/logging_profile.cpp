@@ -70,7 +70,7 @@ void LoggingProfile::log(fn::logging::Category const& category,
   if (!_allowedTags.empty() && !contains(_allowedTags, tag))
     return;
   Priority threshold = _rootThreshold;
-  for (auto const* at = &category; at; at = at->parent()) {
+  for (auto const* at = _thresholdMap.empty() ? nullptr : &category; at; at = at->parent()) {
     if (auto found = _thresholdMap.find(at->name()); found != _thresholdMap.end()) {
       threshold = found->second;
       break;
@@ -243,10 +243,12 @@ void FormattedSink::logMessage(fn::logging::Category const&, fn::logging::Messag
   line.push_back(' ');
   line.append(priorityCode(message.priority()));
   line.push_back(' ');
-  unsigned thread = message.threadNumber();
-  if (thread < 0x10)
-    line.push_back('0');
-  fmt::format_to(std::back_inserter(line), "{:x}", thread);
+  char hex[2 * sizeof(unsigned)];
+  size_t digits = 0;
+  for (unsigned thread = message.threadNumber(); thread || digits < 2; thread >>= 4)
+    hex[digits++] = "0123456789abcdef"[thread & 0xf];
+  while (digits)
+    line.push_back(hex[--digits]);
   line.push_back(' ');
   line.append(sourceName(message.file()));
   line.push_back(':');
