@@ -94,27 +94,28 @@ protected:
 TEST_F(LogFileTargetTest, RotationKeepsTheCountOfFilesNewestFirst) {
   auto target = makeAuto<LogFileTarget>(dir + "/p.log");
   target->setSizeLimit(10);
-  target->setFileCountLimit(3);
-  for (char c = 'a'; c <= 'f'; ++c)
+  target->setFileCountLimit(9);
+  for (char c = 'a'; c <= 'l'; ++c)
     target->write(String(6, c) + "\n", true);
-  // An urgent text is in the file when write() returns.
-  EXPECT_EQ(read("p.log"), "ffffff\n");
-  EXPECT_EQ(read("p.log.1"), "eeeeee\n");
-  EXPECT_EQ(read("p.log.2"), "dddddd\n");
-  std::vector<String> names;
+  // An urgent text is in the file when write() returns; the oldest three are gone.
+  std::vector<String> expected{"p.log llllll\n"};
+  for (char c = 'k'; c >= 'd'; --c)
+    expected.push_back(fmt::format("p.log.{} {}\n", 'l' - c, String(6, c)));
+  std::vector<String> found;
   for (DirectoryIterator entry(dir), end; entry != end; ++entry)
-    names.push_back(entry.name());
-  std::sort(names.begin(), names.end());
-  EXPECT_EQ(names, (std::vector<String>{"p.log", "p.log.1", "p.log.2"}));
+    found.push_back(entry.name() + " " + read(entry.name()));
+  std::sort(found.begin(), found.end());
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(found, expected);
 
   // A later run appends; text that is not urgent arrives within about a second.
   target.reset();
   auto again = makeAuto<LogFileTarget>(dir + "/p.log");
   again->write("g", false);
-  EXPECT_EQ(read("p.log"), "ffffff\n");
-  for (int i = 0; i < 200 && read("p.log") != "ffffff\ng"; ++i)
+  EXPECT_EQ(read("p.log"), "llllll\n");
+  for (int i = 0; i < 200 && read("p.log") != "llllll\ng"; ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_EQ(read("p.log"), "ffffff\ng");
+  EXPECT_EQ(read("p.log"), "llllll\ng");
 
   // A file that cannot be opened costs its text and one line on standard error, no more.
   auto blocked = makeAuto<LogFileTarget>(dir + "/p.log/inside");
