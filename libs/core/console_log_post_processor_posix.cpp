@@ -56,7 +56,16 @@ void ConsoleLogPostProcessor::init() {
     _pipe[0] = fds[0];
     _pipe[1] = fds[1];
     ::dup2(_pipe[1], STDERR_FILENO);
-    std::thread(&ConsoleLogPostProcessor::runStandardError).detach();
+    try {
+      std::thread(&ConsoleLogPostProcessor::runStandardError).detach();
+    } catch (...) {
+      // Nobody would drain the pipe: standard error goes back where it was.
+      ::dup2(saved, STDERR_FILENO);
+      ::close(fds[0]);
+      ::close(fds[1]);
+      ::close(saved);
+      throw;
+    }
     std::atexit(&ConsoleLogPostProcessor::restoreAtExit);
   });
 }
