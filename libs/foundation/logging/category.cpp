@@ -21,11 +21,11 @@ unsigned currentThreadNumber() {
 Message::Message(int priority,
                  std::string_view text,
                  std::string_view tag,
-                 std::source_location const& location)
+                 SourceLocation const& location)
     : _priority(priority),
       _time(Timestamp::now()),
-      _file(location.file_name()),
-      _line(static_cast<int>(location.line())),
+      _file(location.file),
+      _line(location.line),
       _tag(tag),
       _threadNumber(currentThreadNumber()),
       _text(text) {}
@@ -53,7 +53,7 @@ void Category::write(Message const& message) const {
 
 void Category::logFormatted(int priority,
                             std::string_view tag,
-                            std::source_location const& location,
+                            SourceLocation const& location,
                             fmt::string_view format,
                             fmt::format_args args) const {
   // Most messages fit the inline buffer, so formatting allocates nothing.

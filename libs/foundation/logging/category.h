@@ -17,7 +17,6 @@
 
 #include <atomic>
 #include <mutex>
-#include <source_location>
 #include <string_view>
 #include <type_traits>
 #include <vector>
@@ -39,6 +38,18 @@ FN_EXPORT unsigned currentThreadNumber();
 
 class Category;
 
+/// Where a log call was written. The default arguments are taken where current() is called
+/// as a default argument itself, that is at the logging call (GCC and Clang both do this; not
+/// every standard library's std::source_location works with Clang yet).
+struct SourceLocation {
+  static constexpr SourceLocation current(char const* file = __builtin_FILE(),
+                                          int line = __builtin_LINE()) {
+    return {file, line};
+  }
+  char const* file = "";
+  int line = 0;
+};
+
 /// One log message as sinks see it; it lives for the duration of the logging call, so a sink
 /// that keeps anything copies it.
 class FN_EXPORT Message {
@@ -48,7 +59,7 @@ public:
   Message(int priority,
           std::string_view text,
           std::string_view tag = {},
-          std::source_location const& location = std::source_location::current());
+          SourceLocation const& location = SourceLocation::current());
 
   int priority() const { return _priority; }
   Timestamp const& time() const { return _time; }
@@ -81,11 +92,11 @@ template <typename... Args>
 struct FormatAt {
   template <typename S>
   requires std::is_convertible_v<S const&, std::string_view>
-  consteval FormatAt(S const& text, std::source_location where = std::source_location::current())
+  consteval FormatAt(S const& text, SourceLocation where = SourceLocation::current())
       : format(text),
         location(where) {}
   fmt::format_string<Args...> format;
-  std::source_location location;
+  SourceLocation location;
 };
 
 class FN_EXPORT Sink : public RefCountedObject {
@@ -139,7 +150,7 @@ private:
   Category(Interned, std::string_view name);
   void logFormatted(int priority,
                     std::string_view tag,
-                    std::source_location const& location,
+                    SourceLocation const& location,
                     fmt::string_view format,
                     fmt::format_args args) const;
 
