@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config clang clang-format libclang-rt-14-dev
   libuv1-dev libglib2.0-dev zlib1g-dev libminizip-dev libsqlite3-dev libfmt-dev
-  nlohmann-json3-dev libsodium-dev libgtest-dev libgmock-dev libbenchmark-dev
+  nlohmann-json3-dev libsodium-dev libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   python3 python3-msgpack
   dbus-daemon iproute2 util-linux
 )

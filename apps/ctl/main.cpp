@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "commands.h"
+#include "core/logging_profile_sink.h"
 #include "failure.h"
 #include "foundation/environment.h"
 #include "foundation/logging/category.h"
@@ -29,6 +30,7 @@ int runCommand(ctl::Session& session, ctl::Options const& options) {
       {"watch", ctl::runWatch},
       {"inspectors", ctl::runInspectors},
       {"inspect", ctl::runInspect},
+      {"log", ctl::runLog},
   };
   for (auto const& entry : RUNNERS) {
     if (entry.name == options.command)
@@ -96,9 +98,12 @@ int main(int argc, char** argv) {
   }
 
   fn::uv::Loop loop;
+  core::initLoggingProfiles("lumaren-ctl");
   int status = ctl::EXIT_OK;
   try {
-    ctl::Session session(loop, ctl::resolvePipePath(options), options.timeout);
+    bool needsHub = options.command != "log" || ctl::logNeedsHub(options);
+    ctl::Session session(loop, needsHub ? ctl::resolvePipePath(options) : fn::String(),
+                         options.timeout);
     status = runCommand(session, options);
   } catch (ctl::Failure const& failure) {
     reportFailure(failure);

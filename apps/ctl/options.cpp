@@ -38,6 +38,12 @@ Commands:
                                through the command pipe (no hub pipe needed)
   network-signature [--watch]  print the signature of the network this machine is on, and
                                with --watch every change of it until Ctrl-C
+  log verbose on|off           allow or stop the verbose logging profiles of every process
+  log archive                  pack the log files into a ZIP archive and print its path
+  log write [--category NAME] [--priority N] [--tag TAG] TEXT...
+                               log one message through this process's logging profiles
+                               (category ctl, priority 4 unless given)
+  log profiles                 list this process's active logging profiles and their files
 
 Options:
   --pipe PATH         the hub's pipe
@@ -61,7 +67,7 @@ struct Command {
 constexpr Command COMMANDS[] = {
     {"lookup", 1, 1},     {"call", 2, 3},    {"post", 1, 2},    {"watch", 1, 1},
     {"inspectors", 0, 0}, {"inspect", 1, 2}, {"command", 1, 1}, {"network-signature", 0, 0},
-    {"hash", 1, SIZE_MAX},
+    {"hash", 1, SIZE_MAX}, {"log", 1, SIZE_MAX},
 };
 
 [[noreturn]] void usageError(fn::String const& problem) {
@@ -102,6 +108,8 @@ void checkApplies(Options const& options) {
   only(!options.follow.empty(), "--follow", "inspect");
   only(options.interactive, "--interactive", "inspect");
   only(options.watch, "--watch", "network-signature");
+  only(!options.category.empty() || !options.tag.empty() || options.priority != 4,
+       "--category, --priority and --tag", "log");
 }
 
 }  // namespace
@@ -142,6 +150,15 @@ Options parseOptions(int argc, char const* const* argv) {
       options.watch = true;
     } else if (arg == "-i" || arg == "--interactive") {
       options.interactive = true;
+    } else if (arg == "--category") {
+      options.category = value();
+    } else if (arg == "--priority") {
+      uint64_t priority = parseCount(arg, value(), 1);
+      if (priority > 7)
+        usageError("--priority wants a number from 1 (ERR) to 7 (TRC)");
+      options.priority = static_cast<int>(priority);
+    } else if (arg == "--tag") {
+      options.tag = value();
     } else {
       usageError(fmt::format("unknown option {}", arg));
     }

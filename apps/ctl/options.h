@@ -26,6 +26,10 @@ struct Options {
   std::vector<size_t> follow;
   bool interactive = false;
   bool watch = false;
+  /// log write: the category, priority and tag of the message.
+  fn::String category;
+  int priority = 4;
+  fn::String tag;
 };
 
 /// Reads the command line. Failure(EXIT_USAGE) for an unknown command or option, a missing or

@@ -24,9 +24,11 @@
 
 #include "core/app_info.h"
 #include "core/ipc/dispatcher.h"
+#include "core/ipc/message_bus.h"
 #include "core/ipc/module.h"
 #include "core/ipc/module_manager.h"
 #include "core/ipc/pipe_path.h"
+#include "core/logging_profile_sink.h"
 #include "core/process_lock.h"
 #include "foundation/file.h"
 #include "foundation/logging/category.h"
@@ -48,6 +50,19 @@ void usage() {
       stderr);
 }
 
+/// Makes the bus of the hub's own worker the process's bus, once that worker has connected,
+/// so that the hub's own logging profiles follow verbose logging like every other process.
+void adoptMessageBus(fn::uv::Loop& loop, ipc::Dispatcher& dispatcher) {
+  bool gaveUp = false;
+  fn::Handle limit = loop.schedule(fn::Duration::seconds(10), [&] { gaveUp = true; });
+  loop.runUntil([&] { return gaveUp || dispatcher.messageBus(); });
+  if (dispatcher.messageBus())
+    ipc::MessageBus::setProcessBus(
+        dispatcher.messageBus()->localReference().cast<ipc::MessageBus>());
+  else
+    logHub.log(fn::logging::ERR, "The hub's own worker did not connect; no message bus here");
+}
+
 int runHub(fn::uv::Loop& loop, hub::HubConfig const& config, fn::String const& pipeFile) {
   ipc::Dispatcher dispatcher(loop, config.timeout);
   dispatcher.bind();
@@ -58,6 +73,7 @@ int runHub(fn::uv::Loop& loop, hub::HubConfig const& config, fn::String const& p
   for (auto const& file : pipeFiles)
     fn::File(file).writeAll(fn::ByteArray(dispatcher.pipePath() + "\n"), 0600);
   logHub.log(fn::logging::INF, "Hub listening on {}", dispatcher.pipePath());
+  adoptMessageBus(loop, dispatcher);
   hub::CommandRelay commands(dispatcher.worker());
 
   ipc::ModuleManager manager(dispatcher, hub::definitionsOf(config));
@@ -78,6 +94,7 @@ int runHub(fn::uv::Loop& loop, hub::HubConfig const& config, fn::String const& p
   // Modules that did not quit in the grace period are killed, in-process ones end with the hub.
   manager.stop();
   ipc::Module::destroyInProcessModules();
+  ipc::MessageBus::setProcessBus(nullptr);
   // A hub started after this one may have written its own path there meanwhile.
   fn::ByteArray ours(dispatcher.pipePath() + "\n");
   for (auto const& file : pipeFiles) {
@@ -147,6 +164,7 @@ int main(int argc, char** argv) {
     // The hub is the first process of the application: it chooses the product before anything
     // uses a file, and every process it starts inherits the choice.
     core::AppInfo::initialize(config.product);
+    core::initLoggingProfiles("hub");
     if (demo)
       return hub::runDemo(loop, config.timeout);
     return runHub(loop, config, pipeFile);

@@ -11,10 +11,13 @@
 
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 
 #include "core/ipc/module_definition.h"
+#include "core/logging_profile_sink.h"
 #include "foundation/environment.h"
 #include "foundation/shared_library.h"
+#include "foundation/uv/loop.h"
 #include "parent_death.h"
 
 namespace {
@@ -36,6 +39,9 @@ int main(int argc, char** argv) {
   }
   // A hub that goes away must end the module through its lost connection, not SIGPIPE.
   ::signal(SIGPIPE, SIG_IGN);
+  // The module's log files are named after its library: "greeter" for .../greeter.so.
+  fn::uv::Loop::defaultLoop();
+  core::initLoggingProfiles(std::filesystem::path(argv[1]).stem().string());
   fn::SharedLibrary library;
   ipc::ModuleEntryPoint entry = nullptr;
   try {

@@ -13,8 +13,10 @@ namespace fn {
 /// Writes straight to a file (no buffering of its own: wrap it in a BufferedOutputStream).
 class FN_EXPORT FileOutputStream : public OutputStream {
 public:
-  /// Creates `path` with `mode` (subject to the umask), or truncates it when it exists.
-  explicit FileOutputStream(String path, unsigned mode = 0644);
+  enum class Open { TRUNCATE, APPEND };
+  /// Creates `path` with `mode` (subject to the umask); an existing file is truncated, or
+  /// with APPEND written on at its end.
+  explicit FileOutputStream(String path, unsigned mode = 0644, Open open = Open::TRUNCATE);
   /// Closes without reporting errors; call close() to learn about them.
   ~FileOutputStream() override;
   FileOutputStream(FileOutputStream const&) = delete;
@@ -25,6 +27,8 @@ public:
   void close() override;
   /// Waits until the bytes written so far are on the storage device.
   void sync();
+  /// The file's size on disk now.
+  uint64_t size() const;
   String const& path() const { return _path; }
 
 private:

@@ -12,8 +12,9 @@
 
 namespace fn {
 
-FileOutputStream::FileOutputStream(String path, unsigned mode) : _path(std::move(path)) {
-  _fd = ::open(_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+FileOutputStream::FileOutputStream(String path, unsigned mode, Open open) : _path(std::move(path)) {
+  int flags = open == Open::APPEND ? O_APPEND : O_TRUNC;
+  _fd = ::open(_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | flags, mode);
   if (_fd < 0)
     throwFileError("open", _path, errno);
 }
@@ -55,6 +56,13 @@ void FileOutputStream::sync() {
     if (errno != EINTR)
       throwFileError("fsync", _path, errno);
   }
+}
+
+uint64_t FileOutputStream::size() const {
+  struct stat info {};
+  if (_fd < 0 || ::fstat(_fd, &info) != 0)
+    throwFileError("fstat", _path, _fd < 0 ? EBADF : errno);
+  return static_cast<uint64_t>(info.st_size);
 }
 
 FileInputStream::FileInputStream(String path, bool regularOnly) : _path(std::move(path)) {

@@ -22,9 +22,30 @@ MessageBus::~MessageBus() {
   }
 }
 
+MessageBus& MessageBus::instance() {
+  // Never destroyed: listeners may be registered by statics of other libraries.
+  static MessageBus* bus = new MessageBus();
+  return *bus;
+}
+
 void MessageBus::sendMessage(String const& name, Value&& body, bool sticky) {
   FN_ASSERT_LOOP_THREAD();
+  if (_upstream) {
+    _upstream->sendMessage(name, std::move(body), sticky);
+    return;
+  }
+  if (sticky)
+    _postedSticky[name] = body;
   receiveMessage(name, body, sticky);
+}
+
+void MessageBus::setUpstream(MessageBus* upstream) {
+  FN_ASSERT_LOOP_THREAD();
+  _upstream = upstream;
+  if (!_upstream)
+    return;
+  for (auto& [name, body] : std::exchange(_postedSticky, {}))
+    _upstream->sendMessage(name, std::move(body), true);
 }
 
 Handle MessageBus::listen(String const& name, Listener listener) {

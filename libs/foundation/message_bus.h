@@ -10,6 +10,12 @@
 //
 // sendMessage() is virtual so that a bus can carry messages elsewhere first (the IPC bus sends
 // them through the hub) and hand them back to receiveMessage() when they come home.
+//
+// instance() is the process's own bus, there from the start of the process, so that code can
+// post and listen before the process has joined its hub. Once it has, the IPC layer makes the
+// cross-process bus its upstream: posts then travel through it, and what it hears is handed
+// on here. Sticky messages posted before that are posted again through the upstream, so a
+// state set early still reaches every process.
 
 #include <functional>
 #include <map>
@@ -29,6 +35,9 @@ public:
 
   MessageBus();
   virtual ~MessageBus();
+
+  /// The process's bus; created on first use, never destroyed. Loop thread only.
+  static MessageBus& instance();
   MessageBus(MessageBus const&) = delete;
   MessageBus& operator=(MessageBus const&) = delete;
 
@@ -47,12 +56,22 @@ public:
   /// Delivers to this process's listeners and remembers sticky messages.
   void receiveMessage(String const& name, Value const& body, bool sticky);
 
+  /// Sends through `upstream` from now on (null: delivers here again), first posting through
+  /// it the sticky messages that were posted here while there was none. The upstream's owner
+  /// hands what the upstream receives to receiveMessage() here, and resets the upstream
+  /// before it goes.
+  void setUpstream(MessageBus* upstream);
+  MessageBus* upstream() const { return _upstream; }
+
 private:
   struct Subscription;
   void deliver(AutoPtr<Subscription> const& subscription, String const& name, Value const& body);
 
   std::map<String, std::vector<AutoPtr<Subscription>>> _listeners;
   std::map<String, Value> _sticky;
+  MessageBus* _upstream = nullptr;
+  /// Sticky messages posted here while there was no upstream.
+  std::map<String, Value> _postedSticky;
 };
 
 }  // namespace fn

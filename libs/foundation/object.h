@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <functional>
 #include <utility>
+#include <vector>
 
 #include "foundation/export.h"
 #include "foundation/string.h"
@@ -129,6 +130,10 @@ public:
 private:
   T* _p = nullptr;
 };
+
+/// A list of shared objects.
+template <typename T>
+using ObjectVector = std::vector<AutoPtr<T>>;
 
 template <typename T, typename... Args>
 AutoPtr<T> makeAuto(Args&&... args) {

@@ -83,11 +83,11 @@ String PathManager::getPath(int location, std::string_view name, bool create) co
     if (!_nameInUse)
       _nameInUse = std::move(applicationName);
   }
+  String path = name.empty() ? directory : String(directory + "/" + String(name));
+  // A name may carry folders of its own ("logging_profiles/x"): those are created too.
   if (create)
-    File(directory).createDirectories(0700);
-  if (name.empty())
-    return directory;
-  return String(directory + "/" + String(name));
+    File(name.empty() ? directory : File(path).directory()).createDirectories(0700);
+  return path;
 }
 
 }  // namespace fn

@@ -22,12 +22,13 @@ public:
   enum Location : int {
     /// The application's installation directory (see hasBinDirectory()).
     APPLICATION = 1,
-    /// Files the user works with (documents).
+    /// Files the user works with and sees (documents, log archives).
     USER_FILES = 3,
     /// Per-user application data shared by every process of the application.
     USER_DATA = 7,
-    /// The logging profiles, inside the per-user data.
-    LOGGING_PROFILES = 8,
+    /// The application's data that configures it, such as the folder "logging_profiles".
+    APPLICATION_DATA = 8,
+    /// The log files.
     LOGS = 9,
   };
 
@@ -61,8 +62,8 @@ public:
   void setApplicationDirectory(String directory, bool hasBinDirectory);
 
   /// The directory of `location` followed by "/" and `name` (the directory alone when `name`
-  /// is empty). With `create` the directory and its parents are created first, readable by
-  /// the user only. RangeException for an unknown location.
+  /// is empty). With `create` the directory that holds the result and its parents are
+  /// created first, readable by the user only. RangeException for an unknown location.
   String getPath(int location, std::string_view name = {}, bool create = false) const;
 
 private:

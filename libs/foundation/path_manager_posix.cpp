@@ -37,11 +37,10 @@ String PathManager::platformDirectory(int location, String const& applicationNam
   switch (location) {
     case USER_FILES:
       return String(base("XDG_DOCUMENTS_DIR", "Documents", "documents") + "/" + applicationName);
+    // One data directory on this platform; Windows keeps configuration elsewhere.
     case USER_DATA:
+    case APPLICATION_DATA:
       return String(base("XDG_DATA_HOME", ".local/share", "data") + "/" + applicationName);
-    case LOGGING_PROFILES:
-      return String(base("XDG_DATA_HOME", ".local/share", "data") + "/" + applicationName +
-                    "/logging_profiles");
     case LOGS:
       return String(base("XDG_STATE_HOME", ".local/state", "state") + "/" + applicationName +
                     "/logs");

@@ -6,6 +6,7 @@
 
 #include "foundation/byte_array.h"
 #include "foundation/export.h"
+#include "foundation/string.h"
 
 namespace fn {
 
@@ -62,6 +63,20 @@ private:
   uint8_t const* _at;
 };
 
+/// Reads a stream it borrows in blocks of `size` bytes, for readers that take little at a
+/// time.
+class FN_EXPORT BufferedInputStream : public InputStream {
+public:
+  BufferedInputStream(InputStream& stream, size_t size);
+  size_t read(void* bytes, size_t count) override;
+
+private:
+  InputStream& _stream;
+  ByteArray _buffer;
+  size_t _at = 0;
+  size_t _end = 0;
+};
+
 /// Helpers over any InputStream.
 class FN_EXPORT StreamReader {
 public:
@@ -69,6 +84,10 @@ public:
   ByteArray readEverything();
   /// Exactly `count` bytes, or an IOException.
   ByteArray readExactly(size_t count);
+  /// The next line into `line`, without its "\n" or "\r\n"; false at the end of the stream
+  /// when nothing was left. Bytes of a line beyond `maxLength` are skipped, so a stream
+  /// without line feeds cannot make the reader hold more than that.
+  bool readLine(String& line, size_t maxLength = 1 << 20);
 
 private:
   InputStream& _stream;

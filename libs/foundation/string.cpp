@@ -15,6 +15,20 @@ std::optional<int64_t> String::toInt(int base) const {
   return result;
 }
 
+bool String::toBool() const {
+  String value = trim().toLowerCase();
+  return value == "true" || value == "yes" || value == "on" || value == "1";
+}
+
+String String::toLowerCase() const {
+  String lower(*this);
+  for (char& c : lower) {
+    if (c >= 'A' && c <= 'Z')
+      c = static_cast<char>(c - 'A' + 'a');
+  }
+  return lower;
+}
+
 std::vector<String> String::split(std::string_view separator) const {
   std::vector<String> pieces;
   std::string_view rest(*this);

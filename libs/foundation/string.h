@@ -32,6 +32,12 @@ public:
   /// Parses the whole text as an integer in `base`; nullopt when it is not one.
   std::optional<int64_t> toInt(int base = 10) const;
 
+  /// True for "true", "yes", "on" and "1" in any case, around blanks; false for anything else.
+  bool toBool() const;
+
+  /// With ASCII capitals made small; other bytes stay as they are.
+  String toLowerCase() const;
+
   /// Splits at every occurrence of `separator`; an empty text gives one empty piece.
   std::vector<String> split(std::string_view separator) const;
 

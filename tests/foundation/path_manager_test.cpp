@@ -32,7 +32,7 @@ TEST(PathManager, LocationsLiveUnderTheApplicationNameAndTheTestRoot) {
   EXPECT_EQ(paths.getPath(PathManager::USER_FILES, "a"), root + "/documents/Orbisant/a");
   EXPECT_EQ(paths.getPath(PathManager::LOGS, "hub.log"), root + "/state/Orbisant/logs/hub.log");
   EXPECT_FALSE(File(root + "/data").exists());
-  String created = paths.getPath(PathManager::LOGGING_PROFILES, "p.json", true);
+  String created = paths.getPath(PathManager::APPLICATION_DATA, "logging_profiles/p.json", true);
   EXPECT_EQ(created, root + "/data/Orbisant/logging_profiles/p.json");
   EXPECT_FALSE(File(created).exists());
   EXPECT_TRUE(File(root + "/data/Orbisant/logging_profiles").isDirectory());

@@ -2,7 +2,6 @@
 
 // Records every log line while it lives, so tests can check the texts users rely on.
 
-#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -18,10 +17,10 @@ public:
     fn::String text;
   };
 
-  LogCapture() : _sink(std::make_shared<Sink>()) {
-    fn::logging::CategoryManager::instance().addSink(_sink);
+  LogCapture() : _sink(fn::makeAuto<Sink>()) {
+    fn::logging::CategoryManager::instance().registerSink(_sink);
   }
-  ~LogCapture() { fn::logging::CategoryManager::instance().removeSink(_sink.get()); }
+  ~LogCapture() { fn::logging::CategoryManager::instance().unregisterSink(_sink.get()); }
 
   std::vector<Line> lines() const {
     std::lock_guard lock(_sink->mutex);
@@ -48,14 +47,15 @@ private:
   }
 
   struct Sink : fn::logging::Sink {
-    void write(fn::logging::Message const& message) override {
+    void logMessage(fn::logging::Category const& category,
+                    fn::logging::Message const& message) override {
       std::lock_guard lock(mutex);
-      lines.push_back(Line{message.category.name(), message.priority, fn::String(message.text)});
+      lines.push_back(Line{category.name(), message.priority(), fn::String(message.text())});
     }
     mutable std::mutex mutex;
     std::vector<Line> lines;
   };
-  std::shared_ptr<Sink> _sink;
+  fn::AutoPtr<Sink> _sink;
 };
 
 }  // namespace testing_support

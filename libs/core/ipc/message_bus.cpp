@@ -41,7 +41,10 @@ void MessageBus::onEvent(fn::String const& name, fn::Value const& argument) {
     logBus.log(fn::logging::WRN, "Dropping a bus message without a namespace");
     return;
   }
-  receiveMessage(space.asString(), argument.get("body"), sticky.isBool() && sticky.asBool());
+  bool isSticky = sticky.isBool() && sticky.asBool();
+  receiveMessage(space.asString(), argument.get("body"), isSticky);
+  if (theProcessBus().get() == this)
+    fn::MessageBus::instance().receiveMessage(space.asString(), argument.get("body"), isSticky);
 }
 
 fn::Promise<void> MessageBus::getStickyMessages() {
@@ -66,8 +69,38 @@ fn::AutoPtr<MessageBus> const& MessageBus::processBus() {
   return theProcessBus();
 }
 
-void MessageBus::setProcessBus(fn::AutoPtr<MessageBus> bus) {
+fn::Promise<void> MessageBus::setProcessBus(fn::AutoPtr<MessageBus> bus) {
+  FN_ASSERT_LOOP_THREAD();
+  fn::MessageBus& process = fn::MessageBus::instance();
   theProcessBus() = std::move(bus);
+  fn::AutoPtr<MessageBus> const& current = theProcessBus();
+  process.setUpstream(current.get());
+  if (!current)
+    return fn::Promise<void>::resolved();
+  // Only the process-wide bus hears these: the bus's own listeners fetch for themselves.
+  // The hub handles the posts of setUpstream() first, so the answer already holds them.
+  fn::WeakReference<MessageBus> weak(current);
+  return current->callMethod("getStickyMessages", fn::Value())
+      .then(
+          [weak](fn::Value const& result) {
+            auto self = weak.lock();
+            if (!self || theProcessBus() != self || !result.isArray())
+              return;
+            for (auto const& message : result.asArray()) {
+              fn::Value const& space = message.get("namespace");
+              if (space.isString())
+                fn::MessageBus::instance().receiveMessage(space.asString(), message.get("body"),
+                                                          true);
+            }
+          },
+          [weak](std::exception_ptr error) {
+            // Losing the hub meanwhile says it all already.
+            auto self = weak.lock();
+            if (!self || theProcessBus() != self || !self->worker() || !self->worker()->connected())
+              return;
+            logBus.log(fn::logging::WRN, "The process could not fetch the sticky bus messages: {}",
+                       fn::describeException(error));
+          });
 }
 
 MessageBusImpl::MessageBusImpl(Worker& worker) : CallableObjectInstance(worker) {}

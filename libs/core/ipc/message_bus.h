@@ -42,16 +42,18 @@ public:
                                                      fn::Duration timeout = DEFAULT_LOOKUP_TIMEOUT);
 
   /// The bus of this process: set once the first module of the process found it (see
-  /// ipc::Module), null before that and again once that module's worker is gone. Loop thread
-  /// only.
+  /// ipc::Module), or by the hub for its own worker; null before that and again once that
+  /// worker is gone. Loop thread only.
   static fn::AutoPtr<MessageBus> const& processBus();
+  /// Makes `bus` the process's bus (null: none) and the upstream of fn::MessageBus::instance(),
+  /// which from then on posts through it and hears what it hears. The process-wide bus then
+  /// fetches the sticky messages the hub keeps, so that a state set before this process
+  /// started reaches its listeners; the promise settles once they were handed to it (also
+  /// when the fetch failed, which is logged).
+  static fn::Promise<void> setProcessBus(fn::AutoPtr<MessageBus> bus);
 
 protected:
   void onEvent(fn::String const& name, fn::Value const& argument) override;
-
-private:
-  friend class Module;
-  static void setProcessBus(fn::AutoPtr<MessageBus> bus);
 };
 
 class CORE_EXPORT MessageBusImpl : public CallableObjectInstance {

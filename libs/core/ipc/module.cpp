@@ -144,13 +144,21 @@ void Module::lookUpMessageBus() {
 }
 
 void Module::messageBusFound(fn::AutoPtr<MessageBus> bus) {
-  MessageBus::setProcessBus(std::move(bus));
-  auto waiting = std::exchange(_messageBusInitializedCallbacks, {});
-  for (auto& waiter : waiting) {
-    // One module's onConnected() may destroy another.
-    if (!waiter.module.expired())
-      waiter.callback();
-  }
+  // The waiting modules start once the process's bus holds the state the hub kept, so that
+  // what they do first (logging included) already follows it.
+  MessageBus::setProcessBus(std::move(bus)).then([] {
+    // The module holding the bus went meanwhile: the next waiting one looks it up again.
+    if (!MessageBus::processBus()) {
+      resumeMessageBusLookup();
+      return;
+    }
+    auto waiting = std::exchange(_messageBusInitializedCallbacks, {});
+    for (auto& waiter : waiting) {
+      // One module's onConnected() may destroy another.
+      if (!waiter.module.expired())
+        waiter.callback();
+    }
+  });
 }
 
 void Module::resumeMessageBusLookup() {

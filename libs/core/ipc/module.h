@@ -4,12 +4,13 @@
 //
 // A module owns its worker and is its delegate. It connects at once; when connected, it makes
 // sure the process has the message bus (the first module of a process looks it up in the
-// registry, MessageBus::processBus() holds it from then on) and only then calls
-// onConnected(). A module in a process of its own may terminate when idle and stops its loop
-// when the hub goes away, so no module process outlives its hub; if the bus cannot be found it
-// logs why and ends too. A module inside the hub's process just stays when its worker loses
-// the hub: the hub is ending anyway. The termination handshake becomes the questions
-// wantsIdleTermination() and canTerminate().
+// registry, MessageBus::processBus() holds it from then on, and fn::MessageBus::instance()
+// has received the sticky messages the hub keeps) and only then calls onConnected(). A module
+// in a process of its own may terminate when idle and stops its loop when the hub goes away,
+// so no module process outlives its hub; if the bus cannot be found it logs why and ends too. A
+// module inside the hub's process just stays when its worker loses the hub: the hub is ending
+// anyway. The termination handshake becomes the questions wantsIdleTermination() and
+// canTerminate().
 //
 // Loop-bound: construct, run and destroy on the thread of fn::uv::Loop::defaultLoop(), the
 // loop every module runs on. Destroying a module destroys its worker, so the objects the
