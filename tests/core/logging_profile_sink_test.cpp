@@ -174,9 +174,10 @@ protected:
     if (switches)
       arguments.push_back("switch");
     auto child = ChildProcess::startRole(loop, arguments);
-    if (name != "switcher")
+    if (name != "switcher") {
       EXPECT_TRUE(
           runLoopUntil(loop, [&] { return std::count(ready.begin(), ready.end(), name) > 0; }));
+    }
     return child;
   }
   /// Asks every listening module to log line `line` and waits for `count` of them to say so.
