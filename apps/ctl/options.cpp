@@ -65,8 +65,8 @@ struct Command {
 };
 
 constexpr Command COMMANDS[] = {
-    {"lookup", 1, 1},     {"call", 2, 3},    {"post", 1, 2},    {"watch", 1, 1},
-    {"inspectors", 0, 0}, {"inspect", 1, 2}, {"command", 1, 1}, {"network-signature", 0, 0},
+    {"lookup", 1, 1},      {"call", 2, 3},       {"post", 1, 2},    {"watch", 1, 1},
+    {"inspectors", 0, 0},  {"inspect", 1, 2},    {"command", 1, 1}, {"network-signature", 0, 0},
     {"hash", 1, SIZE_MAX}, {"log", 1, SIZE_MAX},
 };
 
