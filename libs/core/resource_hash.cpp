@@ -1,35 +1,16 @@
 #include "core/resource_hash.h"
 
-#include <glib.h>
-
 #include <cerrno>
 #include <memory>
 #include <vector>
 
+#include "core/sha1.h"
 #include "foundation/exception.h"
 #include "foundation/file.h"
 #include "foundation/file_stream.h"
 
 namespace core {
 namespace {
-
-class Sha1 {
-public:
-  Sha1() : _checksum(g_checksum_new(G_CHECKSUM_SHA1), &g_checksum_free) {}
-
-  void update(uint8_t const* bytes, size_t count) {
-    // GLib takes a signed length; feed huge buffers in parts.
-    constexpr size_t PART = size_t(1) << 30;
-    for (size_t done = 0; done < count; done += PART)
-      g_checksum_update(_checksum.get(), bytes + done,
-                        static_cast<gssize>(std::min(PART, count - done)));
-  }
-  /// Lower-case hexadecimal.
-  fn::String hex() const { return g_checksum_get_string(_checksum.get()); }
-
-private:
-  std::unique_ptr<GChecksum, decltype(&g_checksum_free)> _checksum;
-};
 
 // The algorithm reads a fixed amount at fixed places and feeds the whole buffer whatever came
 // back: the threshold keeps every sample inside the file. A read that fails or comes back

@@ -9,6 +9,8 @@
 // close-on-exec, so child processes never inherit the lock. A non-exclusive mutex holds no lock:
 // on this platform it only records that the name was taken.
 
+#include <cstdint>
+
 #include "foundation/exception.h"
 #include "foundation/export.h"
 #include "foundation/string.h"
@@ -31,7 +33,8 @@ public:
 
 private:
   String _name;
-  int _fd = -1;
+  // The lock file's descriptor, or on Windows the mutex's handle.
+  std::intptr_t _native = -1;
 };
 
 }  // namespace fn

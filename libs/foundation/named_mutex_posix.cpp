@@ -23,16 +23,15 @@ String lockFileName(String name) {
 
 NamedMutex::NamedMutex(String const& name, bool exclusive) : _name(name) {
   String path = lockFileName(name);
-  _fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (_fd < 0)
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd < 0)
     throw withErrno(withPath(IOException("Cannot open the lock file"), path), errno);
-  if (!exclusive)
+  if (!exclusive || ::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+    _native = fd;
     return;
-  if (::flock(_fd, LOCK_EX | LOCK_NB) == 0)
-    return;
+  }
   int error = errno;
-  ::close(_fd);
-  _fd = -1;
+  ::close(fd);
   if (error == EWOULDBLOCK)
     throw withPath(NamedMutexAlreadyExistsException("The named mutex exists already"), path);
   throw withErrno(withPath(IOException("Cannot lock the lock file"), path), error);
@@ -41,8 +40,8 @@ NamedMutex::NamedMutex(String const& name, bool exclusive) : _name(name) {
 NamedMutex::~NamedMutex() {
   // Closing the descriptor drops the lock; the file stays, since removing it could race with a
   // new holder that just opened it.
-  if (_fd >= 0)
-    ::close(_fd);
+  if (_native >= 0)
+    ::close(static_cast<int>(_native));
 }
 
 }  // namespace fn

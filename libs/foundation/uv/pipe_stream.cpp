@@ -13,10 +13,6 @@ AutoPtr<PipeStream> PipeStream::create(Loop& loop) {
   return AutoPtr<PipeStream>(new PipeStream(loop));
 }
 
-Status PipeStream::bind(String const& path) {
-  return Status("bind " + path, uv_pipe_bind(&_pipe, path.c_str()));
-}
-
 Status PipeStream::open(int fd) {
   return Status("open", uv_pipe_open(&_pipe, fd));
 }

@@ -5,6 +5,11 @@
 
 namespace fn::uv {
 
+// The socket lives in the user's private runtime directory, which keeps other users out.
+Status PipeStream::bind(String const& path) {
+  return Status("bind " + path, uv_pipe_bind(&_pipe, path.c_str()));
+}
+
 std::optional<uint32_t> PipeStream::peerUserId() const {
   int fd = fileno();
   if (fd < 0)
