@@ -5,8 +5,6 @@
 
 #include "foundation/uv/loop.h"
 
-extern char** environ;
-
 namespace fn::uv {
 
 AutoPtr<Process> Process::spawn(Loop& loop, Options const& options, ExitCallback onExit) {
@@ -21,14 +19,25 @@ AutoPtr<Process> Process::spawn(Loop& loop, Options const& options, ExitCallback
 
   // The entries given replace inherited ones of the same name: with both, the child would see
   // whichever its lookup meets first.
+  // The inherited environment comes from libuv, in UTF-8 on every platform (Windows keeps it in
+  // UTF-16, which the C library's narrow copy would not render faithfully).
   auto nameOf = [](std::string_view entry) { return entry.substr(0, entry.find('=')); };
-  std::vector<char*> env;
-  for (char** e = environ; *e; ++e) {
+  uv_env_item_t* inherited = nullptr;
+  int inheritedCount = 0;
+  if (int status = uv_os_environ(&inherited, &inheritedCount); status != 0)
+    Status("environment", status).throwOnError();
+  std::vector<String> entries;
+  for (int i = 0; i < inheritedCount; ++i) {
+    String entry = String(inherited[i].name) + "=" + inherited[i].value;
     bool replaced = std::ranges::any_of(
-        options.environment, [&](String const& entry) { return nameOf(entry) == nameOf(*e); });
+        options.environment, [&](String const& given) { return nameOf(given) == nameOf(entry); });
     if (!replaced)
-      env.push_back(*e);
+      entries.push_back(std::move(entry));
   }
+  uv_os_free_environ(inherited, inheritedCount);
+  std::vector<char*> env;
+  for (auto& entry : entries)
+    env.push_back(entry.data());
   for (auto const& entry : options.environment)
     env.push_back(const_cast<char*>(entry.c_str()));
   env.push_back(nullptr);
