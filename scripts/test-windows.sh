@@ -6,11 +6,11 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh --windows
 deps=$(bash scripts/windows/build_deps.sh | tail -1)
-bash scripts/build.sh build-win -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/mingw-w64-x86_64.cmake \
-  -DLUMAREN_WIN_DEPS="$deps"
-# One Wine prefix for the whole run, kept outside the clone; its server stays up between tests
-# and goes with the run.
+# One Wine prefix for the whole run, kept outside the clone. Its server stays up from the build
+# (which lists each suite's cases by running it) to the last test, and goes with the run.
 export WINEPREFIX=${WINEPREFIX:-/var/cache/lumaren-mingw/wine} WINEDEBUG=-all
 bash scripts/windows/wine_prefix.sh
 trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
+bash scripts/build.sh build-win -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/mingw-w64-x86_64.cmake \
+  -DLUMAREN_WIN_DEPS="$deps"
 ctest --test-dir build-win --output-on-failure -j2 "$@"
