@@ -208,7 +208,7 @@ TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
   registry->registerInspector("circle", fn::AutoPtr<core::Inspector>(new CircleInspector))
       .then([&](unsigned registered) { id = registered; });
   ASSERT_TRUE(
-      runLoopUntil(loop, [&] { return id && hub().inspectorRegistry()->inspectorCount() == 2; }));
+      runLoopUntil(loop, [&] { return id && hub().inspectorRegistry()->inspectorCount() == 3; }));
   fn::String circle = registry->keyOf(*id);
   fn::String tuner = fn::ByteArray(fn::String("tuner")).SHA256().base64();
 
@@ -216,7 +216,8 @@ TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
   EXPECT_EQ(listed.status, 0) << listed.err;
   auto lines = listed.out.trim().split("\n");
   EXPECT_EQ(std::set(lines.begin(), lines.end()),
-            (std::set<fn::String>{circle + "  circle", tuner + "  tuner"}));
+            (std::set<fn::String>{circle + "  circle", tuner + "  tuner",
+                                  fn::ByteArray(fn::String("Hub")).SHA256().base64() + "  Hub"}));
 
   // The module's "elsewhere" redirects to "details", which is asked with the action of the
   // view the redirect was followed from (null here).

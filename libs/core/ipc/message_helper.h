@@ -20,6 +20,9 @@ namespace ipc {
 
 /// The largest frame body accepted by default: 64 MiB.
 inline constexpr size_t DEFAULT_MAX_FRAME_SIZE = 64 * 1024 * 1024;
+/// The most bytes queued for writing to one peer by default: 64 MiB. A peer that stops
+/// reading is cut off beyond it rather than let the writer's memory grow without bound.
+inline constexpr size_t DEFAULT_MAX_QUEUED_BYTES = 64 * 1024 * 1024;
 
 class CORE_EXPORT MessageWriter {
 public:

@@ -45,6 +45,7 @@ Worker::Worker(Delegate& delegate,
 
 Worker::~Worker() {
   _terminationTimer.invalidate();
+  _overflowTimer.invalidate();
   _objects.abandonAll();
   if (_stream)
     _stream->close();
@@ -74,6 +75,7 @@ void Worker::connectionEnded(fn::uv::Status const& status) {
   _ended = true;
   _reader.stop();
   _terminationTimer.invalidate();
+  _overflowTimer.invalidate();
   if (_stream)
     _stream->close();
   logWorker.log(fn::logging::INF, "Worker {} ({}) lost the hub: {}", _displayName, _workerId,
@@ -159,17 +161,37 @@ void Worker::sendMessageToWorker(uint16_t target, ObjectId objectId, fn::Value c
     if (auto instance = _objects.instance(id.asUInt()))
       instance->increateUsageCount();
   }
-  if (!_stream || _ended)
+  if (!_stream || _ended || _overflowed)
     return;
   _stream->writeWith([&](fn::ByteArray& out) {
     MessageWriter::encodeObjectMessage(out, objectId, target, bytes, objects);
   });
+  checkQueue();
 }
 
 void Worker::write(fn::Value const& record) {
-  if (!_stream || _ended)
+  if (!_stream || _ended || _overflowed)
     return;
   MessageWriter::write(*_stream, record);
+  checkQueue();
+}
+
+void Worker::checkQueue() {
+  size_t queued = _stream->pendingBytes();
+  if (queued <= _options.maxQueuedBytes)
+    return;
+  _overflowed = true;
+  logWorker.log(fn::logging::ERR,
+                "Worker {} ({}) leaves the hub, which is not reading: {} bytes queued for it, "
+                "over the limit of {}",
+                _displayName, _workerId, queued, _options.maxQueuedBytes);
+  // Ended from a task of its own: the write that overflowed may be deep inside an object's
+  // call, which must not see every reference die under it.
+  _overflowTimer = _loop.schedule(fn::Duration(), [this] {
+    if (_stream)
+      _stream->abort();
+    connectionEnded(fn::uv::Status("write queue over the limit", UV_ENOBUFS));
+  });
 }
 
 // Whatever a peer put in a record, only that record is lost: the reader's framing is untouched

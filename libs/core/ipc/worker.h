@@ -60,6 +60,9 @@ public:
   struct Options {
     fn::Duration idleTimeout = IDLE_TERMINATION_TIMEOUT;
     size_t maxFrameSize = DEFAULT_MAX_FRAME_SIZE;
+    /// With more bytes than this queued for the hub, the hub has stopped reading: the worker
+    /// leaves it rather than grow without bound.
+    size_t maxQueuedBytes = DEFAULT_MAX_QUEUED_BYTES;
   };
 
   Worker(Delegate& delegate,
@@ -131,10 +134,12 @@ private:
   void connectionEnded(fn::uv::Status const& status);
   void deliverObjectMessage(fn::Value const& record);
   void write(fn::Value const& record);
+  void checkQueue();
   void takeRegistry();
   void terminationHandshakeDone(bool hidden);
 
   fn::Handle _terminationTimer;
+  fn::Handle _overflowTimer;
   bool _terminating = false;
   Delegate& _delegate;
   fn::RunLoop& _loop;
@@ -145,6 +150,7 @@ private:
   bool _idleTermination;
   bool _connected = false;
   bool _ended = false;
+  bool _overflowed = false;
   Options _options;
   fn::AutoPtr<fn::uv::PipeStream> _stream;
   MessageReader _reader;

@@ -16,6 +16,17 @@ std::optional<uint32_t> PipeStream::peerUserId() const {
   return credentials.uid;
 }
 
+std::optional<int64_t> PipeStream::peerProcessId() const {
+  int fd = fileno();
+  if (fd < 0)
+    return std::nullopt;
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
+    return std::nullopt;
+  return credentials.pid;
+}
+
 }  // namespace fn::uv
 
 namespace fn::uv {
