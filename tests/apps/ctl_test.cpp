@@ -265,3 +265,61 @@ TEST_F(CtlTest, HashPrintsALinePerFileLikeSha1sumWithoutAHub) {
       << bad.err;
   fn::File(hello).remove();
 }
+
+TEST_F(CtlTest, WorkersListAndMonitorShowTheRunningHub) {
+  service = startTestModule(loop, "svc", hub().pipePath(), {"register=3"});
+  ASSERT_TRUE(
+      runLoopUntil(loop, [this] { return hub().registry()->entryCount("TestService") == 1; }));
+  auto workers = ctl({"workers"});
+  EXPECT_EQ(workers.status, 0) << workers.err;
+  std::map<std::string, Json> byName;
+  for (auto const& line : workers.out.trim().split("\n")) {
+    Json worker = json(line);
+    byName[worker["name"]] = worker;
+  }
+  ASSERT_EQ(byName.size(), 3u) << workers.out;  // the hub's own, the service, the tool itself
+  Json svc = byName.at("svc");
+  EXPECT_EQ(svc["pid"], service->pid());
+  EXPECT_GT(svc["recordsIn"], 0);
+  EXPECT_GT(svc["bytesOut"], 0);
+  EXPECT_EQ(svc["queued"], 0);
+  EXPECT_EQ(byName.at("DispatcherWorker")["id"], 0);
+  EXPECT_GT(byName.at("lumaren-ctl")["pid"], 0);
+  int svcId = svc["id"];
+
+  auto listed = ctl({"list"});
+  EXPECT_EQ(listed.status, 0) << listed.err;
+  std::map<std::string, Json> entries;
+  for (auto const& line : listed.out.trim().split("\n")) {
+    Json entry = json(line);
+    entries[entry["class"]] = entry;
+  }
+  EXPECT_EQ(entries.at("TestService")["priority"], 3);
+  EXPECT_EQ(entries.at("TestService")["owner"], svcId);
+  EXPECT_EQ(entries.at("TestService")["ownerName"], "svc");
+  EXPECT_EQ(entries.at("TestService")["hidden"], false);
+  EXPECT_EQ(entries.at("ipc::HubMonitor")["owner"], 0);
+
+  // A monitor of the service's records sees a call reach it, and the answer leave it.
+  auto monitor = startCtl({"monitor", "--worker", fmt::format("{}", svcId)});
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return monitor->err().contains("monitoring"); }))
+      << monitor->err();
+  EXPECT_EQ(ctl({"call", "TestService", "echo", "\"ping-me\""}).status, 0);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return monitor->out().contains("ping-me"); }));
+  auto lines = monitor->out().split("\n");
+  auto answer = std::find_if(lines.begin(), lines.end(), [&](fn::String const& line) {
+    return line.startsWith(fmt::format("from svc ({}) ", svcId)) &&
+           line.contains("\"1-TYPE\": \"4-MESSAGE\"") && line.contains("ping-me");
+  });
+  EXPECT_NE(answer, lines.end()) << monitor->out();
+  monitor->kill(SIGINT);
+  EXPECT_EQ(monitor->waitForExit(), 0) << monitor->err();
+  // The service goes: the next listings no longer have it, nor its entry.
+  service.reset();
+  ASSERT_TRUE(
+      runLoopUntil(loop, [this] { return hub().registry()->entryCount("TestService") == 0; }));
+  auto after = ctl({"workers"});
+  EXPECT_EQ(after.out.trim().split("\n").size(), 2u) << after.out;
+  EXPECT_FALSE(after.out.contains("\"svc\"")) << after.out;
+  EXPECT_FALSE(ctl({"list"}).out.contains("TestService"));
+}

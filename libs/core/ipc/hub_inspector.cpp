@@ -5,10 +5,20 @@
 #include "core/ipc/message_bus.h"
 #include "core/ipc/payload.h"
 #include "core/ipc/registry.h"
+#include "foundation/json.h"
+#include "foundation/stream.h"
 
 namespace ipc {
 
 namespace {
+
+// One line of JSON, so that tools can read the items as they are printed.
+fn::String jsonLine(fn::Value const& value) {
+  fn::ByteArray bytes;
+  fn::ByteArrayOutputStream out(bytes);
+  fn::json::serialize(value, out);
+  return fn::String(bytes.view());
+}
 
 fn::String timeText(int64_t millisecondsSinceEpoch) {
   std::chrono::sys_time<std::chrono::milliseconds> at{
@@ -33,7 +43,7 @@ core::InspectionResult workers(Dispatcher& dispatcher) {
         {"queued", static_cast<uint64_t>(status.bytesQueued)},
         {"usesHeld", status.usesHeld},
     });
-    writer.append(fields.toString());
+    writer.append(jsonLine(fields));
   }
   return result;
 }
@@ -48,13 +58,12 @@ core::InspectionResult registryEntries(Dispatcher& dispatcher) {
   core::InspectionResultWriter writer(result);
   for (auto const& entry : dispatcher.registry()->entries()) {
     uint16_t owner = ownerOf(entry.objectId);
-    writer.append(fn::Value::map({{"class", entry.className},
-                                  {"object", entry.objectId},
-                                  {"priority", entry.priority},
-                                  {"hidden", entry.hidden},
-                                  {"owner", owner},
-                                  {"ownerName", names[owner]}})
-                      .toString());
+    writer.append(jsonLine(fn::Value::map({{"class", entry.className},
+                                           {"object", entry.objectId},
+                                           {"priority", entry.priority},
+                                           {"hidden", entry.hidden},
+                                           {"owner", owner},
+                                           {"ownerName", names[owner]}})));
   }
   return result;
 }
