@@ -312,8 +312,11 @@ TEST_F(CtlTest, WorkersListAndMonitorShowTheRunningHub) {
            line.contains("\"1-TYPE\": \"4-MESSAGE\"") && line.contains("ping-me");
   });
   EXPECT_NE(answer, lines.end()) << monitor->out();
+  EXPECT_TRUE(hub().monitored());
   monitor->kill(SIGINT);
   EXPECT_EQ(monitor->waitForExit(), 0) << monitor->err();
+  // Gone with its tool: the hub routes without it again.
+  EXPECT_TRUE(runLoopUntil(loop, [&] { return !hub().monitored(); }));
   // The service goes: the next listings no longer have it, nor its entry.
   service.reset();
   ASSERT_TRUE(

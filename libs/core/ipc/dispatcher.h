@@ -118,6 +118,7 @@ public:
   /// Sets (or with null removes) the one monitor. While none is set, routing pays one test of
   /// a pointer per record; while one is, every record is decoded so that it can see it.
   void setMonitor(Monitor* monitor) { _monitor = monitor; }
+  bool monitored() const { return _monitor != nullptr; }
 
 private:
   class WorkerConnection;
