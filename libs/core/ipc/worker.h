@@ -20,6 +20,7 @@
 #include "core/ipc/message.h"
 #include "core/ipc/message_helper.h"
 #include "core/ipc/object.h"
+#include "core/ipc/raw_message.h"
 #include "core/ipc/worker_object_manager.h"
 #include "foundation/duration.h"
 #include "foundation/handle.h"
@@ -133,6 +134,9 @@ private:
   void connected(fn::uv::Status const& status);
   void connectionEnded(fn::uv::Status const& status);
   void deliverObjectMessage(fn::Value const& record);
+  bool deliverRawMessage(uint8_t const* body, size_t length);
+  void deliver(ObjectId id, uint16_t source, fn::ByteView payload, fn::Value const& objects);
+  void reportBadRecord(std::optional<uint16_t> source);
   void write(fn::Value const& record);
   void checkQueue();
   void takeRegistry();
@@ -154,6 +158,7 @@ private:
   Options _options;
   fn::AutoPtr<fn::uv::PipeStream> _stream;
   MessageReader _reader;
+  RawMessage _rawMessage;
   WorkerObjectManager _objects;
   // Released after _lifetime expired, so the reference (and the hub's registry it holds) is
   // freed at once instead of in a task the loop may never run.
