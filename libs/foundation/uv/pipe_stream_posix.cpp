@@ -5,26 +5,28 @@
 
 namespace fn::uv {
 
-std::optional<uint32_t> PipeStream::peerUserId() const {
-  int fd = fileno();
+namespace {
+
+std::optional<ucred> peerCredentials(int fd) {
   if (fd < 0)
     return std::nullopt;
   ucred credentials{};
   socklen_t size = sizeof credentials;
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
     return std::nullopt;
-  return credentials.uid;
+  return credentials;
+}
+
+}  // namespace
+
+std::optional<uint32_t> PipeStream::peerUserId() const {
+  auto credentials = peerCredentials(fileno());
+  return credentials ? std::optional<uint32_t>(credentials->uid) : std::nullopt;
 }
 
 std::optional<int64_t> PipeStream::peerProcessId() const {
-  int fd = fileno();
-  if (fd < 0)
-    return std::nullopt;
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
-    return std::nullopt;
-  return credentials.pid;
+  auto credentials = peerCredentials(fileno());
+  return credentials ? std::optional<int64_t>(credentials->pid) : std::nullopt;
 }
 
 }  // namespace fn::uv
