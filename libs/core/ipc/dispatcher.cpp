@@ -352,11 +352,18 @@ void Dispatcher::releaseInstance(ObjectId objectId) {
                                           fn::debug::internal::formatValues(objectId));
     return;
   }
-  if (auto owner = _workers.find(ownerOf(objectId)); owner != _workers.end()) {
-    send(owner->second, fn::Value::map({{key::TYPE, type::INSTANCE_RELEASE},
-                                        {key::OBJECT_ID, objectId},
-                                        {key::USAGE_COUNT, count}}));
-  }
+  auto owner = _workers.find(ownerOf(objectId));
+  if (owner == _workers.end())
+    return;
+  // A dying holder may release a million objects at once: no record value for each.
+  Connection const& connection = owner->second;
+  if (connection->ended || connection->overflowed)
+    return;
+  connection->stream->writeWith([&](fn::ByteArray& out) {
+    connection->bytesOut += MessageWriter::encodeInstanceRelease(out, objectId, count) + 4;
+  });
+  ++connection->recordsOut;
+  checkQueue(connection);
 }
 
 void Dispatcher::onWorkerEOS(Connection const& connection) {

@@ -37,6 +37,9 @@ public:
                                   uint16_t target,
                                   fn::ByteArray const& payload,
                                   fn::Value const& objects);
+  /// Appends the frame of an INSTANCE_RELEASE record {TYPE, OBJECT_ID, USAGE_COUNT} without
+  /// building the record; returns the body length.
+  static size_t encodeInstanceRelease(fn::ByteArray& out, uint64_t objectId, uint32_t count);
   /// Writes the frame of `record` to `stream`; returns the body length.
   static size_t write(fn::uv::Stream& stream,
                       fn::Value const& record,
