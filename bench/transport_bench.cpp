@@ -3,9 +3,11 @@
 // relayed by a minimal libuv relay (the floor). Each figure is taken unpinned and with every
 // process on CPU 0, which removes the cross-CPU wake-up cost and shows the software's own.
 // The "call" rows measure a remote method call over the same route: callMethod in A,
-// onMethodCall and sendResult in B, the promise fulfilled and its continuation run in A.
+// onMethodCall and sendResult in B, the promise fulfilled and its continuation run in A. The
+// "D-Bus" rows measure the same call between two sd-bus peers through a private dbus-daemon.
+// Then the cost of the hub's monitor hook, and the scale runs (scale_runs.h).
 //
-//   lumaren-bench [--quick] [--only messages|calls]
+//   lumaren-bench [--quick] [--only messages|calls|dbus|monitor|scale]
 
 #include <fcntl.h>
 #include <sched.h>
@@ -19,61 +21,22 @@
 #include <cstring>
 #include <thread>
 
+#include "bench_support.h"
 #include "core/ipc/callable_object.h"
 #include "core/ipc/dispatcher.h"
+#include "core/ipc/hub_inspector.h"
 #include "core/ipc/object.h"
+#include "core/ipc/registry.h"
 #include "core/ipc/worker.h"
+#include "dbus_peers.h"
 #include "foundation/file.h"
 #include "foundation/logging/category.h"
 #include "foundation/uv/process.h"
+#include "scale_runs.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-constexpr int WINDOW = 256;
-
-struct Figures {
-  double medianMicros = 0;
-  double roundTripsPerSecond = 0;
-};
-
-struct Settings {
-  int latencyRounds = 5000;
-  int throughputRounds = 300000;
-};
-
-fn::String tempPath(char const* name) {
-  return fn::String(fmt::format("/tmp/lumaren-bench-{}-{}", getpid(), name));
-}
-
-void waitForFile(fn::String const& path) {
-  for (int i = 0; i < 500 && !fn::File(path).exists(); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-}
-
-pid_t spawnSelf(std::vector<fn::String> args) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    fn::String self = fn::uv::executablePath();
-    std::vector<char*> argv{self.data()};
-    for (auto& a : args)
-      argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execv(self.c_str(), argv.data());
-    _exit(127);
-  }
-  return pid;
-}
-
-void finish(pid_t pid) {
-  kill(pid, SIGTERM);
-  waitpid(pid, nullptr, 0);
-}
-
-double median(std::vector<double> samples) {
-  std::sort(samples.begin(), samples.end());
-  return samples[samples.size() / 2];
-}
+using namespace bench;
 
 // ---- the framework: ipc::Worker, ObjectInstance and ObjectReference through a Dispatcher ----
 
@@ -215,6 +178,24 @@ Figures measureCall(Settings const& settings) {
   return figures;
 }
 
+/// Round trips per second with WINDOW messages in flight.
+double messageThroughput(fn::uv::Loop& loop, Caller& caller, int rounds) {
+  fn::Value message = fn::Value::map({{"data", "hello, world"}, {"seq", 1}});
+  int done = 0, issued = 0;
+  caller.onReply = [&] {
+    ++done;
+    if (issued < rounds) {
+      ++issued;
+      caller.sendMessage(message);
+    }
+  };
+  auto start = Clock::now();
+  for (; issued < WINDOW; ++issued)
+    caller.sendMessage(message);
+  loop.runUntil([&] { return done == rounds; });
+  return done / std::chrono::duration<double>(Clock::now() - start).count();
+}
+
 Figures measureFramework(Settings const& settings) {
   Route route("echo");
   fn::uv::Loop& loop = route.loop;
@@ -240,21 +221,45 @@ Figures measureFramework(Settings const& settings) {
   samples.erase(samples.begin(), samples.begin() + 100);  // warm-up
   figures.medianMicros = median(samples);
 
-  // Throughput: WINDOW messages in flight.
-  int done = 0, issued = 0;
-  caller->onReply = [&] {
-    ++done;
-    if (issued < settings.throughputRounds) {
-      ++issued;
-      caller->sendMessage(message);
-    }
-  };
-  auto start = Clock::now();
-  for (; issued < WINDOW; ++issued)
-    caller->sendMessage(message);
-  loop.runUntil([&] { return done == settings.throughputRounds; });
-  figures.roundTripsPerSecond = done / std::chrono::duration<double>(Clock::now() - start).count();
+  figures.roundTripsPerSecond = messageThroughput(loop, *caller, settings.throughputRounds);
+  caller.reset();
+  return figures;
+}
 
+// Message round trips per second with the hub's monitor hook never used, with a monitor
+// attached (one whose filter matches nothing, so only the hook's own cost shows), and after
+// that monitor left again.
+struct MonitorFigures {
+  double before = 0, attached = 0, after = 0;
+};
+
+MonitorFigures measureMonitorHook(Settings const& settings) {
+  Route route("echo");
+  fn::uv::Loop& loop = route.loop;
+  ipc::ObjectReferenceInitializer init{route.worker.get(), (0u << 16) + 1, nullptr, "Echo"};
+  fn::AutoPtr<Caller> caller(new Caller(init));
+  MonitorFigures figures;
+  figures.before = messageThroughput(loop, *caller, settings.throughputRounds);
+  {
+    ipc::Worker::ClientDelegate delegate;
+    ipc::Worker watcher(delegate, loop, route.worker->pipePath(), "monitor", "", false);
+    watcher.connect();
+    loop.runUntil([&] { return watcher.connected(); });
+    fn::AutoPtr<ipc::HubMonitor> monitor;
+    ipc::lookupInstance<ipc::HubMonitor>(watcher).then(
+        [&](fn::AutoPtr<ipc::HubMonitor> found) { monitor = found; });
+    loop.runUntil([&] { return monitor.get() != nullptr; });
+    bool attached = false;
+    monitor->attach(std::nullopt, ~uint64_t(0) >> 1).then([&](fn::Value) { attached = true; });
+    loop.runUntil([&] { return attached; });
+    figures.attached = messageThroughput(loop, *caller, settings.throughputRounds);
+    monitor.reset();
+    watcher.stop();
+  }
+  // The hub notices the monitor's departure at once; give it a moment all the same.
+  auto until = Clock::now() + std::chrono::milliseconds(200);
+  loop.runUntil([&] { return Clock::now() > until; });
+  figures.after = messageThroughput(loop, *caller, settings.throughputRounds);
   caller.reset();
   return figures;
 }
@@ -282,19 +287,6 @@ int runRelay(fn::String const& path) {
   });
   loop.run();
   return 0;
-}
-
-int connectTo(fn::String const& path) {
-  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  for (int i = 0; i < 500; ++i) {
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
-      return fd;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return -1;
 }
 
 int runBareEcho(fn::String const& path) {
@@ -393,7 +385,38 @@ void pinTo(int cpu) {
   sched_setaffinity(0, sizeof set, &set);
 }
 
+void printMonitorHook(Settings const& settings) {
+  MonitorFigures monitor = measureMonitorHook(settings);
+  fmt::print(
+      "\nmessage rt/s, unpinned: {:.0f} with no monitor ever attached, {:.0f} with a "
+      "monitor attached (matching nothing), {:.0f} after it left\n",
+      monitor.before, monitor.attached, monitor.after);
+}
+
+void printScale(Settings const& settings) {
+  ScaleFigures scale = measureScale(settings.idleWorkers, settings.references);
+  fmt::print("\nhub memory (resident, from /proc):\n");
+  fmt::print("  {} idle workers connected: {:.0f} bytes each\n", scale.workers,
+             scale.bytesPerIdleWorker);
+  fmt::print("  {} live references held by one worker: {:.1f} bytes each\n", scale.references,
+             scale.bytesPerReference);
+  fmt::print("  releasing them when their holder dies: {:.3f} s\n", scale.releaseSeconds);
+  fmt::print(
+      "  a worker that stops reading, sent {} MiB: hub {:.1f} MiB before, {:.1f} MiB "
+      "after it was cut off\n",
+      scale.sentToSleeper >> 20, scale.residentBeforeSleeper / 1048576.0,
+      scale.residentAfterSleeper / 1048576.0);
+}
+
 int drive(Settings const& settings, std::string_view only) {
+  if (only == "scale") {
+    printScale(settings);
+    return 0;
+  }
+  if (only == "monitor") {
+    printMonitorHook(settings);
+    return 0;
+  }
   size_t frameSize = frameSizeOfMessage();
   fmt::print("round trip of a {}-byte framed object message, A -> hub -> B -> hub -> A\n",
              frameSize);
@@ -401,9 +424,11 @@ int drive(Settings const& settings, std::string_view only) {
              "median floor", "ratio", "rt/s core", "rt/s floor", "share");
   for (int cpu : {-1, 0}) {
     pinTo(cpu);  // children inherit the affinity
-    if (only == "calls" || only == "messages") {
+    if (only == "calls" || only == "messages" || only == "dbus") {
       // For profiling one path at a time.
-      Figures one = only == "calls" ? measureCall(settings) : measureFramework(settings);
+      Figures one = only == "calls"  ? measureCall(settings)
+                    : only == "dbus" ? measureDbus(settings)
+                                     : measureFramework(settings);
       fmt::print("{:<14} {:>11.1f} us {:>31.0f}\n", cpu < 0 ? "unpinned" : "cpu 0",
                  one.medianMicros, one.roundTripsPerSecond);
       continue;
@@ -411,6 +436,7 @@ int drive(Settings const& settings, std::string_view only) {
     Figures core = measureFramework(settings);
     Figures floor = measureFloor(settings, frameSize);
     Figures call = measureCall(settings);
+    Figures dbus = measureDbus(settings);
     auto row = [&](std::string_view label, Figures const& figures) {
       fmt::print("{:<14} {:>11.1f} us {:>11.1f} us {:>7.2f}x {:>16.0f} {:>16.0f} {:>7.0f}%\n",
                  label, figures.medianMicros, floor.medianMicros,
@@ -418,10 +444,20 @@ int drive(Settings const& settings, std::string_view only) {
                  floor.roundTripsPerSecond,
                  100 * figures.roundTripsPerSecond / floor.roundTripsPerSecond);
     };
-    row(cpu < 0 ? "unpinned" : "cpu 0", core);
-    row(cpu < 0 ? "unpinned call" : "cpu 0 call", call);
+    std::string where = cpu < 0 ? "unpinned" : "cpu 0";
+    row(where, core);
+    row(where + " call", call);
+    row(where + " D-Bus", dbus);
+    fmt::print("{:<14} calls per second {:.1f}x D-Bus's, call latency {:.2f}x D-Bus's\n", "",
+               call.roundTripsPerSecond / dbus.roundTripsPerSecond,
+               call.medianMicros / dbus.medianMicros);
     std::fflush(stdout);
   }
+  if (!only.empty())
+    return 0;
+  pinTo(-1);
+  printMonitorHook(settings);
+  printScale(settings);
   return 0;
 }
 
@@ -448,8 +484,10 @@ int main(int argc, char** argv) {
     return runRelay(option("--path"));
   if (role == "bare-echo")
     return runBareEcho(option("--path"));
+  if (role == "dbus-server")
+    return runDbusServer(option("--address"));
   Settings settings;
   if (std::find(args.begin(), args.end(), "--quick") != args.end())
-    settings = Settings{500, 20000};
+    settings = Settings{500, 20000, 200, 100000};
   return drive(settings, option("--only"));
 }

@@ -7,7 +7,7 @@ packages=(
   libuv1-dev libglib2.0-dev zlib1g-dev libminizip-dev libsqlite3-dev libfmt-dev
   nlohmann-json3-dev libsodium-dev libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
   python3 python3-msgpack
-  dbus-daemon iproute2 util-linux
+  dbus-daemon iproute2 util-linux libsystemd-dev
 )
 # --windows: the cross compilers, Wine, and what scripts/windows/build_deps.sh needs to fetch
 # and build Debian's sources (a deb-src entry for the same archive as the binary packages).

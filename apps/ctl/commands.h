@@ -15,6 +15,9 @@ int runPost(Session& session, Options const& options);
 int runWatch(Session& session, Options const& options);
 int runInspectors(Session& session, Options const& options);
 int runInspect(Session& session, Options const& options);
+int runWorkers(Session& session, Options const& options);
+int runList(Session& session, Options const& options);
+int runMonitor(Session& session, Options const& options);
 int runLog(Session& session, Options const& options);
 /// Only `log verbose` joins the hub; the other log actions work on this process alone.
 bool logNeedsHub(Options const& options);

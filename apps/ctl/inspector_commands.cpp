@@ -138,6 +138,35 @@ int runInspectors(Session& session, Options const&) {
   return EXIT_OK;
 }
 
+namespace {
+
+/// The items of one view of the hub's own inspector, one line each.
+int printHubView(Session& session, char const* view) {
+  session.connect();
+  auto registry = lookupInspectorRegistry(session);
+  // The hub registers its inspector before anybody can connect, so it has the name's key.
+  fn::String key = fn::ByteArray(fn::String("Hub")).SHA256().base64();
+  auto inspector = session.await(registry->getInspector(key), session.timeout(),
+                                 noAnswer(session, "the inspector registry"));
+  if (!inspector)
+    throw Failure(EXIT_NOT_FOUND, "the hub has no inspector (an older hub?)");
+  auto result = session.await(inspector->inspect(fn::Value(view), fn::Value()), session.timeout(),
+                              noAnswer(session, "the hub's inspector"));
+  for (auto const& item : result.items)
+    printLine(stdout, item.text);
+  return EXIT_OK;
+}
+
+}  // namespace
+
+int runWorkers(Session& session, Options const&) {
+  return printHubView(session, "workers");
+}
+
+int runList(Session& session, Options const&) {
+  return printHubView(session, "registry");
+}
+
 int runInspect(Session& session, Options const& options) {
   fn::String const& key = options.arguments.at(0);
   fn::Value action;

@@ -30,6 +30,9 @@ int runCommand(ctl::Session& session, ctl::Options const& options) {
       {"watch", ctl::runWatch},
       {"inspectors", ctl::runInspectors},
       {"inspect", ctl::runInspect},
+      {"workers", ctl::runWorkers},
+      {"list", ctl::runList},
+      {"monitor", ctl::runMonitor},
       {"log", ctl::runLog},
   };
   for (auto const& entry : RUNNERS) {

@@ -29,6 +29,12 @@ Commands:
   watch NAMESPACE [--count N]  print the messages of NAMESPACE, the kept sticky one first,
                                one JSON line each, until N messages or Ctrl-C
   inspectors                   list the registered inspectors: key and name
+  workers                      list the workers connected to the hub, one JSON line each
+  list                         list the registry's entries, one JSON line each
+  monitor [--worker ID] [--object ID]
+                               print each record the hub receives, live, one line each,
+                               from or to worker ID or concerning object ID when given,
+                               until Ctrl-C
   inspect KEY [ACTION_JSON] [--follow N]... [-i]
                                show what the inspector KEY answers to ACTION_JSON; --follow
                                takes the action of item N, -i reads item numbers from stdin
@@ -67,7 +73,8 @@ struct Command {
 constexpr Command COMMANDS[] = {
     {"lookup", 1, 1},      {"call", 2, 3},       {"post", 1, 2},    {"watch", 1, 1},
     {"inspectors", 0, 0},  {"inspect", 1, 2},    {"command", 1, 1}, {"network-signature", 0, 0},
-    {"hash", 1, SIZE_MAX}, {"log", 1, SIZE_MAX},
+    {"hash", 1, SIZE_MAX}, {"log", 1, SIZE_MAX}, {"workers", 0, 0}, {"list", 0, 0},
+    {"monitor", 0, 0},
 };
 
 [[noreturn]] void usageError(fn::String const& problem) {
@@ -108,6 +115,7 @@ void checkApplies(Options const& options) {
   only(!options.follow.empty(), "--follow", "inspect");
   only(options.interactive, "--interactive", "inspect");
   only(options.watch, "--watch", "network-signature");
+  only(options.worker || options.object, "--worker and --object", "monitor");
   only(!options.category.empty() || !options.tag.empty() || options.priority != 4,
        "--category, --priority and --tag", "log");
 }
@@ -146,6 +154,12 @@ Options parseOptions(int argc, char const* const* argv) {
       options.count = parseCount(arg, value(), 1);
     } else if (arg == "--follow") {
       options.follow.push_back(parseCount(arg, value(), 1));
+    } else if (arg == "--worker") {
+      options.worker = parseCount(arg, value(), 0);
+      if (*options.worker >= 0xFFFF)
+        usageError("--worker wants a worker id below 65535");
+    } else if (arg == "--object") {
+      options.object = parseCount(arg, value(), 0);
     } else if (arg == "--watch") {
       options.watch = true;
     } else if (arg == "-i" || arg == "--interactive") {

@@ -26,6 +26,9 @@ struct Options {
   std::vector<size_t> follow;
   bool interactive = false;
   bool watch = false;
+  /// monitor: only records from or to this worker, or concerning this object.
+  std::optional<uint64_t> worker;
+  std::optional<uint64_t> object;
   /// log write: the category, priority and tag of the message.
   fn::String category;
   int priority = 4;

@@ -208,7 +208,7 @@ TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
   registry->registerInspector("circle", fn::AutoPtr<core::Inspector>(new CircleInspector))
       .then([&](unsigned registered) { id = registered; });
   ASSERT_TRUE(
-      runLoopUntil(loop, [&] { return id && hub().inspectorRegistry()->inspectorCount() == 2; }));
+      runLoopUntil(loop, [&] { return id && hub().inspectorRegistry()->inspectorCount() == 3; }));
   fn::String circle = registry->keyOf(*id);
   fn::String tuner = fn::ByteArray(fn::String("tuner")).SHA256().base64();
 
@@ -216,7 +216,8 @@ TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
   EXPECT_EQ(listed.status, 0) << listed.err;
   auto lines = listed.out.trim().split("\n");
   EXPECT_EQ(std::set(lines.begin(), lines.end()),
-            (std::set<fn::String>{circle + "  circle", tuner + "  tuner"}));
+            (std::set<fn::String>{circle + "  circle", tuner + "  tuner",
+                                  fn::ByteArray(fn::String("Hub")).SHA256().base64() + "  Hub"}));
 
   // The module's "elsewhere" redirects to "details", which is asked with the action of the
   // view the redirect was followed from (null here).
@@ -263,4 +264,65 @@ TEST_F(CtlTest, HashPrintsALinePerFileLikeSha1sumWithoutAHub) {
                          missing + "]"))
       << bad.err;
   fn::File(hello).remove();
+}
+
+TEST_F(CtlTest, WorkersListAndMonitorShowTheRunningHub) {
+  service = startTestModule(loop, "svc", hub().pipePath(), {"register=3"});
+  ASSERT_TRUE(
+      runLoopUntil(loop, [this] { return hub().registry()->entryCount("TestService") == 1; }));
+  auto workers = ctl({"workers"});
+  EXPECT_EQ(workers.status, 0) << workers.err;
+  std::map<std::string, Json> byName;
+  for (auto const& line : workers.out.trim().split("\n")) {
+    Json worker = json(line);
+    byName[worker["name"]] = worker;
+  }
+  ASSERT_EQ(byName.size(), 3u) << workers.out;  // the hub's own, the service, the tool itself
+  Json svc = byName.at("svc");
+  EXPECT_EQ(svc["pid"], service->pid());
+  EXPECT_GT(svc["recordsIn"], 0);
+  EXPECT_GT(svc["bytesOut"], 0);
+  EXPECT_EQ(svc["queued"], 0);
+  EXPECT_EQ(byName.at("DispatcherWorker")["id"], 0);
+  EXPECT_GT(byName.at("lumaren-ctl")["pid"], 0);
+  int svcId = svc["id"];
+
+  auto listed = ctl({"list"});
+  EXPECT_EQ(listed.status, 0) << listed.err;
+  std::map<std::string, Json> entries;
+  for (auto const& line : listed.out.trim().split("\n")) {
+    Json entry = json(line);
+    entries[entry["class"]] = entry;
+  }
+  EXPECT_EQ(entries.at("TestService")["priority"], 3);
+  EXPECT_EQ(entries.at("TestService")["owner"], svcId);
+  EXPECT_EQ(entries.at("TestService")["ownerName"], "svc");
+  EXPECT_EQ(entries.at("TestService")["hidden"], false);
+  EXPECT_EQ(entries.at("ipc::HubMonitor")["owner"], 0);
+
+  // A monitor of the service's records sees a call reach it, and the answer leave it.
+  auto monitor = startCtl({"monitor", "--worker", fmt::format("{}", svcId)});
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return monitor->err().contains("monitoring"); }))
+      << monitor->err();
+  EXPECT_EQ(ctl({"call", "TestService", "echo", "\"ping-me\""}).status, 0);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return monitor->out().contains("ping-me"); }));
+  auto lines = monitor->out().split("\n");
+  auto answer = std::find_if(lines.begin(), lines.end(), [&](fn::String const& line) {
+    return line.startsWith(fmt::format("from svc ({}) ", svcId)) &&
+           line.contains("\"1-TYPE\": \"4-MESSAGE\"") && line.contains("ping-me");
+  });
+  EXPECT_NE(answer, lines.end()) << monitor->out();
+  EXPECT_TRUE(hub().monitored());
+  monitor->kill(SIGINT);
+  EXPECT_EQ(monitor->waitForExit(), 0) << monitor->err();
+  // Gone with its tool: the hub routes without it again.
+  EXPECT_TRUE(runLoopUntil(loop, [&] { return !hub().monitored(); }));
+  // The service goes: the next listings no longer have it, nor its entry.
+  service.reset();
+  ASSERT_TRUE(
+      runLoopUntil(loop, [this] { return hub().registry()->entryCount("TestService") == 0; }));
+  auto after = ctl({"workers"});
+  EXPECT_EQ(after.out.trim().split("\n").size(), 2u) << after.out;
+  EXPECT_FALSE(after.out.contains("\"svc\"")) << after.out;
+  EXPECT_FALSE(ctl({"list"}).out.contains("TestService"));
 }

@@ -1,6 +1,10 @@
 #include "core/ipc/dispatcher.h"
 
+#include <algorithm>
+#include <chrono>
+
 #include "core/inspector_registry.h"
+#include "core/ipc/hub_inspector.h"
 #include "core/ipc/message_bus.h"
 #include "core/ipc/payload.h"
 #include "core/ipc/pipe_path.h"
@@ -49,8 +53,18 @@ public:
   fn::AutoPtr<fn::uv::PipeStream> stream;
   fn::Handle notRespondingTimer;
   fn::Handle nextPingTimer;
+  // Ends the connection of a worker that stopped reading, from a task of its own: the queue
+  // overflows in the middle of routing or of telling everybody about a death.
+  fn::Handle overflowTimer;
   MessageReader reader;
   bool ended = false;
+  bool overflowed = false;
+  int64_t processId = -1;
+  int64_t connectedSince = 0;
+  uint64_t recordsIn = 0;
+  uint64_t bytesIn = 0;
+  uint64_t recordsOut = 0;
+  uint64_t bytesOut = 0;
 };
 
 Dispatcher::Dispatcher(fn::uv::Loop& loop, fn::Duration const& timeout)
@@ -68,6 +82,7 @@ Dispatcher::~Dispatcher() {
     connection->reader.stop();
     connection->notRespondingTimer.invalidate();
     connection->nextPingTimer.invalidate();
+    connection->overflowTimer.invalidate();
     connection->stream->close();
   }
   _connections.clear();
@@ -75,6 +90,10 @@ Dispatcher::~Dispatcher() {
   // Nobody is left to release the uses counted on the registry, the bus and what else the
   // hub's worker handed out; giving them up lets those objects go with the worker.
   _worker.objects().dropRemoteUses();
+  if (_hubMonitor)
+    _hubMonitor->dispatcherGone();
+  _hubMonitor.reset();
+  _inspectors.reset();
   _inspectorRegistry.reset();
   _messageBus.reset();
   _registry.reset();
@@ -111,6 +130,10 @@ void Dispatcher::onConnection(fn::uv::Status const& status) {
     return;
   }
   Connection connection(new WorkerConnection(*this, stream));
+  connection->processId = stream->peerProcessId().value_or(-1);
+  connection->connectedSince = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                   std::chrono::system_clock::now().time_since_epoch())
+                                   .count();
   WorkerConnection* raw = connection.get();
   stream->readStart([raw](char const* bytes, ssize_t count) {
     // A record may end the connection; the reader must outlive the whole chunk it is reading.
@@ -121,6 +144,10 @@ void Dispatcher::onConnection(fn::uv::Status const& status) {
 }
 
 void Dispatcher::onWorkerMessage(Connection const& connection, fn::Value record, size_t length) {
+  ++connection->recordsIn;
+  connection->bytesIn += length + 4;
+  if (_monitor)
+    _monitor->received(connection->info, record, length);
   int64_t messageType = 0;
   try {
     fn::Value const& typeValue = record.get(key::TYPE);
@@ -212,8 +239,10 @@ void Dispatcher::forwardMessageToWorker(Connection const& target, fn::Value cons
 bool Dispatcher::forwardRawMessage(Connection const& connection,
                                    uint8_t const* body,
                                    size_t length) {
-  if (logDispatcher.enabled(fn::logging::DBG) || !_rawMessage.scan(body, length))
+  if (_monitor || logDispatcher.enabled(fn::logging::DBG) || !_rawMessage.scan(body, length))
     return false;
+  ++connection->recordsIn;
+  connection->bytesIn += length + 4;
   uint16_t source = connection->info.workerId;
   countInstanceUses(source, _rawMessage.objects());
   collectTargets(_rawMessage.target(), _rawMessage.objectId().value_or(0));
@@ -227,14 +256,21 @@ bool Dispatcher::forwardRawMessage(Connection const& connection,
 void Dispatcher::forwardRawMessageToWorker(Connection const& target, uint16_t source) {
   for (ObjectId id : _rawMessage.objects())
     increaseUsageCount(id, target->info.workerId);
-  if (!target->ended)
-    target->stream->writeWith([&](fn::ByteArray& out) { _rawMessage.appendFrame(out, source); });
+  if (target->ended || target->overflowed)
+    return;
+  target->stream->writeWith([&](fn::ByteArray& out) {
+    size_t before = out.size();
+    _rawMessage.appendFrame(out, source);
+    target->bytesOut += out.size() - before;
+  });
+  ++target->recordsOut;
+  checkQueue(target);
 }
 
 void Dispatcher::countInstanceUses(uint16_t source, std::vector<ObjectId> const& objects) {
   for (ObjectId id : objects) {
     if (ownerOf(id) == source)
-      ++_instanceUsageCount[id];
+      _usage.addInstanceUse(id);
   }
 }
 
@@ -248,10 +284,9 @@ void Dispatcher::collectTargets(uint16_t target, ObjectId objectId) {
     return;
   }
   if (objectId != REGISTRY_OBJECT_ID) {
-    auto holders = _referenceUsageCount.find(objectId);
-    if (holders == _referenceUsageCount.end())
-      return;
-    for (auto const& [workerId, count] : holders->second) {
+    _holders.clear();
+    _usage.holders(objectId, _holders);
+    for (uint16_t workerId : _holders) {
       if (auto found = _workers.find(workerId); found != _workers.end())
         _targets.push_back(found->second);
     }
@@ -269,8 +304,7 @@ void Dispatcher::collectTargets(uint16_t target, ObjectId objectId) {
 // itself) leaves no holder to release the sender's objects later: their uses go back now.
 void Dispatcher::releaseUnheld(uint16_t source, std::vector<ObjectId> const& objects) {
   for (ObjectId id : objects) {
-    if (ownerOf(id) == source && !_referenceUsageCount.contains(id) &&
-        _instanceUsageCount.contains(id))
+    if (ownerOf(id) == source && !_usage.hasHolders(id) && _usage.instanceUses(id) > 0)
       releaseInstance(id);
   }
 }
@@ -278,44 +312,58 @@ void Dispatcher::releaseUnheld(uint16_t source, std::vector<ObjectId> const& obj
 void Dispatcher::increaseUsageCount(ObjectId objectId, uint16_t workerId) {
   if (ownerOf(objectId) == workerId)
     return;
-  ++_referenceUsageCount[objectId][workerId];
+  _usage.addHolderUse(objectId, workerId);
 }
 
 void Dispatcher::onReferenceRelease(Connection const& connection, fn::Value const& record) {
   auto objectId = record.at(key::OBJECT_ID).to<ObjectId>();
   if (!_workers.contains(ownerOf(objectId)))
     return;
-  auto ref = _referenceUsageCount.find(objectId);
-  FN_ASSERT(ref != _referenceUsageCount.end(), objectId);
-  if (ref == _referenceUsageCount.end())
-    return;
   auto usageCount = record.at(key::USAGE_COUNT).to<uint32_t>();
-  auto count = ref->second.find(connection->info.workerId);
-  FN_ASSERT(count != ref->second.end(), objectId, connection->info.workerId);
-  if (count == ref->second.end())
+  uint16_t holder = connection->info.workerId;
+  bool tooMany = false;
+  UsageTable::Release result = _usage.releaseHolder(objectId, holder, usageCount, tooMany);
+  if (result == UsageTable::Release::UnknownObject) {
+    fn::debug::internal::assertionFailure(__FILE__, __func__, __LINE__,
+                                          "ref != _referenceUsageCount.end()",
+                                          fn::debug::internal::formatValues(objectId));
     return;
-  FN_ASSERT(count->second >= usageCount, count->second, usageCount);
-  count->second -= std::min(count->second, usageCount);
-  if (count->second == 0)
-    ref->second.erase(count);
-  if (ref->second.empty()) {
-    _referenceUsageCount.erase(ref);
-    releaseInstance(objectId);
   }
+  if (result == UsageTable::Release::UnknownHolder) {
+    fn::debug::internal::assertionFailure(__FILE__, __func__, __LINE__,
+                                          "count != ref->second.end()",
+                                          fn::debug::internal::formatValues(objectId, holder));
+    return;
+  }
+  if (tooMany) {
+    fn::debug::internal::assertionFailure(
+        __FILE__, __func__, __LINE__, "count->second >= usageCount",
+        fn::debug::internal::formatValues(objectId, holder, usageCount));
+  }
+  if (result == UsageTable::Release::LastHolder)
+    releaseInstance(objectId);
 }
 
 void Dispatcher::releaseInstance(ObjectId objectId) {
-  auto info = _instanceUsageCount.find(objectId);
-  FN_ASSERT(info != _instanceUsageCount.end(), objectId);
-  if (info == _instanceUsageCount.end())
+  uint32_t count = _usage.takeInstanceUses(objectId);
+  if (count == 0) {
+    fn::debug::internal::assertionFailure(__FILE__, __func__, __LINE__,
+                                          "info != _instanceUsageCount.end()",
+                                          fn::debug::internal::formatValues(objectId));
     return;
-  uint32_t count = info->second;
-  _instanceUsageCount.erase(info);
-  if (auto owner = _workers.find(ownerOf(objectId)); owner != _workers.end()) {
-    send(owner->second, fn::Value::map({{key::TYPE, type::INSTANCE_RELEASE},
-                                        {key::OBJECT_ID, objectId},
-                                        {key::USAGE_COUNT, count}}));
   }
+  auto owner = _workers.find(ownerOf(objectId));
+  if (owner == _workers.end())
+    return;
+  // A dying holder may release a million objects at once: no record value for each.
+  Connection const& connection = owner->second;
+  if (connection->ended || connection->overflowed)
+    return;
+  connection->stream->writeWith([&](fn::ByteArray& out) {
+    connection->bytesOut += MessageWriter::encodeInstanceRelease(out, objectId, count) + 4;
+  });
+  ++connection->recordsOut;
+  checkQueue(connection);
 }
 
 void Dispatcher::onWorkerEOS(Connection const& connection) {
@@ -331,26 +379,13 @@ void Dispatcher::workerDied(Connection const& connection) {
   uint16_t id = connection->info.workerId;
   connection->notRespondingTimer.invalidate();
   connection->nextPingTimer.invalidate();
+  connection->overflowTimer.invalidate();
   if (auto found = _workers.find(id); found != _workers.end() && found->second == connection)
     _workers.erase(found);
   _connections.erase(connection);
 
-  std::erase_if(_instanceUsageCount,
-                [id](auto const& entry) { return ownerOf(entry.first) == id; });
   std::vector<ObjectId> released;
-  for (auto entry = _referenceUsageCount.begin(); entry != _referenceUsageCount.end();) {
-    if (ownerOf(entry->first) == id) {
-      entry = _referenceUsageCount.erase(entry);
-      continue;
-    }
-    entry->second.erase(id);
-    if (entry->second.empty()) {
-      released.push_back(entry->first);
-      entry = _referenceUsageCount.erase(entry);
-      continue;
-    }
-    ++entry;
-  }
+  _usage.forgetWorker(id, released);
   for (ObjectId objectId : released)
     releaseInstance(objectId);
 
@@ -375,8 +410,34 @@ void Dispatcher::sendPing(Connection const& connection) {
 }
 
 void Dispatcher::send(Connection const& connection, fn::Value const& record) {
-  if (!connection->ended)
-    MessageWriter::write(*connection->stream, record);
+  if (connection->ended || connection->overflowed)
+    return;
+  connection->bytesOut += MessageWriter::write(*connection->stream, record) + 4;
+  ++connection->recordsOut;
+  checkQueue(connection);
+}
+
+void Dispatcher::checkQueue(Connection const& connection) {
+  size_t queued = connection->stream->pendingBytes();
+  if (queued <= _options.maxQueuedBytes || connection->overflowed)
+    return;
+  connection->overflowed = true;
+  logDispatcher.log(fn::logging::ERR,
+                    "Worker {} ({}) is not reading: {} bytes queued for it, over the limit of {}; "
+                    "ending its connection",
+                    connection->info.displayName, connection->info.workerId, queued,
+                    _options.maxQueuedBytes);
+  WorkerConnection* raw = connection.get();
+  connection->overflowTimer = _loop.schedule(fn::Duration(), [this, raw] {
+    Connection self(raw);
+    if (self->ended)
+      return;
+    // What is queued is given up, not written: that is the memory to win back.
+    self->ended = true;
+    self->reader.stop();
+    self->stream->abort();
+    workerDied(self);
+  });
 }
 
 void Dispatcher::stop(fn::Duration const& timeout, std::move_only_function<void()> callback) {
@@ -394,17 +455,36 @@ void Dispatcher::stop(fn::Duration const& timeout, std::move_only_function<void(
       .detach();
 }
 
+Dispatcher::Monitor::~Monitor() = default;
+
+std::vector<Dispatcher::WorkerStatus> Dispatcher::workerStatuses() const {
+  std::unordered_map<uint16_t, uint64_t> uses;
+  _usage.usesByHolder(uses);
+  std::vector<WorkerStatus> statuses;
+  for (auto const& connection : _connections) {
+    WorkerStatus& status = statuses.emplace_back();
+    status.info = connection->info;
+    status.processId = connection->processId;
+    status.connectedSince = connection->connectedSince;
+    status.recordsIn = connection->recordsIn;
+    status.bytesIn = connection->bytesIn;
+    status.recordsOut = connection->recordsOut;
+    status.bytesOut = connection->bytesOut;
+    status.bytesQueued = connection->stream->pendingBytes();
+    if (auto found = uses.find(connection->info.workerId); found != uses.end())
+      status.usesHeld = found->second;
+  }
+  std::sort(statuses.begin(), statuses.end(),
+            [](auto const& a, auto const& b) { return a.info.workerId < b.info.workerId; });
+  return statuses;
+}
+
 uint32_t Dispatcher::instanceUsageCount(ObjectId id) const {
-  auto found = _instanceUsageCount.find(id);
-  return found == _instanceUsageCount.end() ? 0 : found->second;
+  return _usage.instanceUses(id);
 }
 
 uint32_t Dispatcher::referenceUsageCount(ObjectId id, uint16_t workerId) const {
-  auto found = _referenceUsageCount.find(id);
-  if (found == _referenceUsageCount.end())
-    return 0;
-  auto count = found->second.find(workerId);
-  return count == found->second.end() ? 0 : count->second;
+  return _usage.holderUses(id, workerId);
 }
 
 void Dispatcher::workerDidConnect(Worker& worker) {
@@ -421,6 +501,12 @@ void Dispatcher::workerDidConnect(Worker& worker) {
   _messageBus = fn::AutoPtr<MessageBusImpl>(new MessageBusImpl(worker));
   registry->registerObject(_messageBus);
   _inspectorRegistry = core::registerInspectorRegistry(worker);
+  _hubMonitor = fn::AutoPtr<HubMonitorImpl>(new HubMonitorImpl(worker, *this));
+  registry->registerObject(_hubMonitor);
+  _inspectors = fn::AutoPtr<core::InspectorRegistry>(
+      dynamic_cast<core::InspectorRegistry*>(_inspectorRegistry->localReference().get()));
+  if (_inspectors)
+    _inspectors->registerInspector("Hub", fn::AutoPtr<core::Inspector>(new HubInspector(*this)));
 }
 
 bool Dispatcher::wantsIdleTermination(Worker&) {

@@ -22,6 +22,7 @@
 #include "core/ipc/message.h"
 #include "core/ipc/message_helper.h"
 #include "core/ipc/raw_message.h"
+#include "core/ipc/usage_table.h"
 #include "core/ipc/worker.h"
 #include "foundation/duration.h"
 #include "foundation/handle.h"
@@ -30,13 +31,15 @@
 #include "foundation/uv/pipe_stream.h"
 
 namespace core {
+class InspectorRegistry;
 class InspectorRegistryImpl;
-}
+}  // namespace core
 
 namespace ipc {
 
 class RegistryImpl;
 class MessageBusImpl;
+class HubMonitorImpl;
 
 class CORE_EXPORT Dispatcher : private Worker::Delegate {
 public:
@@ -46,8 +49,32 @@ public:
     fn::String tag;
   };
 
+  /// What the hub knows of one connection, for diagnostics.
+  struct WorkerStatus {
+    WorkerInfo info;
+    int64_t processId = -1;      ///< -1 when the platform cannot tell
+    int64_t connectedSince = 0;  ///< milliseconds since the Unix epoch
+    uint64_t recordsIn = 0;
+    uint64_t bytesIn = 0;
+    uint64_t recordsOut = 0;
+    uint64_t bytesOut = 0;
+    size_t bytesQueued = 0;
+    uint64_t usesHeld = 0;  ///< uses of other workers' objects it holds
+  };
+
+  /// Sees every record the hub receives from a worker while it is set (see setMonitor).
+  class CORE_EXPORT Monitor {
+  public:
+    virtual ~Monitor();
+    /// `length` is the size of the record's frame body.
+    virtual void received(WorkerInfo const& from, fn::Value const& record, size_t length) = 0;
+  };
+
   struct Options {
     size_t maxFrameSize = DEFAULT_MAX_FRAME_SIZE;
+    /// A worker with more bytes than this queued for it has stopped reading: its connection
+    /// is ended.
+    size_t maxQueuedBytes = DEFAULT_MAX_QUEUED_BYTES;
   };
 
   /// `timeout` is the liveness time-out: a worker is pinged every third of it and reported
@@ -85,6 +112,13 @@ public:
   uint32_t instanceUsageCount(ObjectId id) const;
   uint32_t referenceUsageCount(ObjectId id, uint16_t workerId) const;
   size_t connectionCount() const { return _connections.size(); }
+  /// Every connection, in the order of their worker ids (those without one last).
+  std::vector<WorkerStatus> workerStatuses() const;
+
+  /// Sets (or with null removes) the one monitor. While none is set, routing pays one test of
+  /// a pointer per record; while one is, every record is decoded so that it can see it.
+  void setMonitor(Monitor* monitor) { _monitor = monitor; }
+  bool monitored() const { return _monitor != nullptr; }
 
 private:
   class WorkerConnection;
@@ -98,6 +132,7 @@ private:
   void forwardMessageToWorker(Connection const& target, fn::Value const& record);
   bool forwardRawMessage(Connection const& connection, uint8_t const* body, size_t length);
   void forwardRawMessageToWorker(Connection const& target, uint16_t source);
+  void checkQueue(Connection const& connection);
   void countInstanceUses(uint16_t source, std::vector<ObjectId> const& objects);
   void collectTargets(uint16_t target, ObjectId objectId);
   void releaseUnheld(uint16_t source, std::vector<ObjectId> const& objects);
@@ -123,18 +158,22 @@ private:
   fn::AutoPtr<fn::uv::PipeStream> _pipeStream;
   std::set<Connection> _connections;
   std::unordered_map<uint16_t, Connection> _workers;
-  std::unordered_map<ObjectId, uint32_t> _instanceUsageCount;
-  std::unordered_map<ObjectId, std::unordered_map<uint16_t, uint32_t>> _referenceUsageCount;
+  UsageTable _usage;
   uint16_t _workerIdCounter = 0;
   // The MESSAGE being routed: as it came (raw), its decoded object ids, and the connections it
   // goes to; reused for each.
   RawMessage _rawMessage;
   std::vector<ObjectId> _objectIds;
   std::vector<Connection> _targets;
+  std::vector<uint16_t> _holders;
+  Monitor* _monitor = nullptr;
   Worker _worker;
   fn::AutoPtr<RegistryImpl> _registry;
   fn::AutoPtr<MessageBusImpl> _messageBus;
   fn::AutoPtr<core::InspectorRegistryImpl> _inspectorRegistry;
+  fn::AutoPtr<HubMonitorImpl> _hubMonitor;
+  // Holds the hub inspector's registration.
+  fn::AutoPtr<core::InspectorRegistry> _inspectors;
   fn::Signal<WorkerInfo const&> _onWorkerConnected;
   fn::Signal<WorkerInfo const&> _onWorkerNotResponding;
   fn::Signal<WorkerInfo const&> _onWorkerDisconnected;

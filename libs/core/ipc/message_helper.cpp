@@ -52,6 +52,22 @@ void MessageWriter::encodeObjectMessage(fn::ByteArray& out,
   patchLength(out, start);
 }
 
+size_t MessageWriter::encodeInstanceRelease(fn::ByteArray& out, uint64_t objectId, uint32_t count) {
+  size_t start = out.size();
+  out.resize(start + 4);
+  fn::mpack::Encoder encoder(out);
+  encoder.mapHeader(3);
+  encoder.integer(key::TYPE);
+  encoder.integer(type::INSTANCE_RELEASE);
+  encoder.integer(key::OBJECT_ID);
+  encoder.unsignedInteger(objectId);
+  encoder.integer(key::USAGE_COUNT);
+  encoder.integer(count);
+  encoder.flush();
+  patchLength(out, start);
+  return out.size() - start - 4;
+}
+
 size_t MessageWriter::write(fn::uv::Stream& stream,
                             fn::Value const& record,
                             fn::uv::Stream::WriteCallback done) {

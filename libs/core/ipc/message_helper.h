@@ -20,6 +20,9 @@ namespace ipc {
 
 /// The largest frame body accepted by default: 64 MiB.
 inline constexpr size_t DEFAULT_MAX_FRAME_SIZE = 64 * 1024 * 1024;
+/// The most bytes queued for writing to one peer by default: 64 MiB. A peer that stops
+/// reading is cut off beyond it rather than let the writer's memory grow without bound.
+inline constexpr size_t DEFAULT_MAX_QUEUED_BYTES = 64 * 1024 * 1024;
 
 class CORE_EXPORT MessageWriter {
 public:
@@ -34,6 +37,9 @@ public:
                                   uint16_t target,
                                   fn::ByteArray const& payload,
                                   fn::Value const& objects);
+  /// Appends the frame of an INSTANCE_RELEASE record {TYPE, OBJECT_ID, USAGE_COUNT} without
+  /// building the record; returns the body length.
+  static size_t encodeInstanceRelease(fn::ByteArray& out, uint64_t objectId, uint32_t count);
   /// Writes the frame of `record` to `stream`; returns the body length.
   static size_t write(fn::uv::Stream& stream,
                       fn::Value const& record,

@@ -291,6 +291,9 @@ bool RawMessage::scan(uint8_t const* body, size_t length) {
   _hasSource = false;
   _objectId.reset();
   _objects.clear();
+  _source.reset();
+  _payload.reset();
+  _objectsBytes = {};
   Cursor cursor(body, length);
   uint8_t b;
   if (!cursor.byte(b) || !readMapCount(cursor, b, _entryCount))
@@ -335,14 +338,31 @@ bool RawMessage::scan(uint8_t const* body, size_t length) {
         }
         break;
       }
-      case key::SOURCE_WORKER_ID:
-        if (!skipValue(cursor, 1))
+      case key::SOURCE_WORKER_ID: {
+        uint8_t tag;
+        if (cursor.peek(tag) && (tag <= 0x7f || tag == 0xcc || tag == 0xcd)) {
+          if (!readNonNegative(cursor, number) || number > NO_WORKER)
+            return false;
+          _source = static_cast<uint16_t>(number);
+        } else if (!skipValue(cursor, 1)) {
           return false;
+        }
         _sourceStart = entryStart;
         _sourceEnd = cursor.at();
         _hasSource = true;
         sourcePlaced = true;
         break;
+      }
+      case key::PAYLOAD: {
+        size_t start = cursor.at();
+        if (!skipValue(cursor, 1))
+          return false;
+        uint8_t tag = body[start];
+        size_t header = tag == 0xc4 ? 2 : tag == 0xc5 ? 3 : tag == 0xc6 ? 5 : 0;
+        if (header)
+          _payload = fn::ByteView(body + start + header, cursor.at() - start - header);
+        break;
+      }
       case key::TARGET_WORKER_ID:
         if (!readNonNegative(cursor, number) || number > NO_WORKER)
           return false;
@@ -350,6 +370,7 @@ bool RawMessage::scan(uint8_t const* body, size_t length) {
         hasTarget = true;
         break;
       case key::OBJECTS: {
+        size_t start = cursor.at();
         uint8_t tag;
         uint64_t count;
         if (!cursor.byte(tag) || !readMapCount(cursor, tag, count))
@@ -361,6 +382,7 @@ bool RawMessage::scan(uint8_t const* body, size_t length) {
           if (!skipValue(cursor, 2))
             return false;
         }
+        _objectsBytes = fn::ByteView(body + start, cursor.at() - start);
         break;
       }
       default:

@@ -33,6 +33,12 @@ public:
   std::optional<ObjectId> objectId() const { return _objectId; }
   /// The keys of OBJECTS, in their order.
   std::vector<ObjectId> const& objects() const { return _objects; }
+  /// SOURCE_WORKER_ID, when present and a worker id.
+  std::optional<uint16_t> source() const { return _source; }
+  /// The bytes of PAYLOAD where they lie, when it is a byte array.
+  std::optional<fn::ByteView> payload() const { return _payload; }
+  /// The encoded OBJECTS map where it lies (empty when the record has none).
+  fn::ByteView objectsBytes() const { return _objectsBytes; }
 
   /// Appends the frame of the record with SOURCE_WORKER_ID set to `source`.
   void appendFrame(fn::ByteArray& out, uint16_t source) const;
@@ -50,6 +56,9 @@ private:
   uint16_t _target = NO_WORKER;
   std::optional<ObjectId> _objectId;
   std::vector<ObjectId> _objects;
+  std::optional<uint16_t> _source;
+  std::optional<fn::ByteView> _payload;
+  fn::ByteView _objectsBytes;
 };
 
 }  // namespace ipc

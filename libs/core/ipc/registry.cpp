@@ -62,6 +62,16 @@ size_t RegistryImpl::entryCount(fn::String const& className) const {
   return found == _registrations.end() ? 0 : found->second.size();
 }
 
+std::vector<RegistryImpl::EntryInfo> RegistryImpl::entries() const {
+  std::vector<EntryInfo> all;
+  for (auto const& [className, entries] : _registrations) {
+    for (auto const& entry : entries)
+      all.push_back(
+          EntryInfo{className, entry.reference->objectId(), entry.priority, entry.hidden});
+  }
+  return all;
+}
+
 fn::AutoPtr<ObjectReference> RegistryImpl::createReference(
     ObjectReferenceInitializer& initializer) {
   return fn::AutoPtr<ObjectReference>(new Registry(initializer));

@@ -64,6 +64,14 @@ public:
   /// For diagnostics and tests.
   size_t waiterCount() const { return _waiters.size(); }
   size_t entryCount(fn::String const& className) const;
+  struct EntryInfo {
+    fn::String className;
+    ObjectId objectId = 0;
+    int32_t priority = 0;
+    bool hidden = false;
+  };
+  /// Every entry, by class name, each class's entries in the order they were registered.
+  std::vector<EntryInfo> entries() const;
 
 protected:
   fn::AutoPtr<ObjectReference> createReference(ObjectReferenceInitializer& initializer) override;

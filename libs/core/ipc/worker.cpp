@@ -9,7 +9,9 @@
 namespace ipc {
 namespace {
 fn::logging::Category logWorker("ipc.worker");
-}
+// {TYPE: PONG}, framed.
+fn::ByteArray const PONG_FRAME{3, 0, 0, 0, 0x81, key::TYPE, type::PONG};
+}  // namespace
 
 Worker::Delegate::~Delegate() = default;
 
@@ -38,6 +40,8 @@ Worker::Worker(Delegate& delegate,
       _reader(options.maxFrameSize),
       _objects(*this) {
   registerObjectReferenceClass<Registry>();
+  _reader.onFrame(
+      [this](uint8_t const* body, size_t length) { return deliverRawMessage(body, length); });
   _reader.onMessage([this](fn::Value record, size_t) { handleRecord(record); });
   _reader.onEndOfStream([this] { connectionEnded(fn::uv::Status("end of stream", UV_EOF)); });
   _reader.onError([this](fn::uv::Status const& status) { connectionEnded(status); });
@@ -45,6 +49,7 @@ Worker::Worker(Delegate& delegate,
 
 Worker::~Worker() {
   _terminationTimer.invalidate();
+  _overflowTimer.invalidate();
   _objects.abandonAll();
   if (_stream)
     _stream->close();
@@ -74,6 +79,7 @@ void Worker::connectionEnded(fn::uv::Status const& status) {
   _ended = true;
   _reader.stop();
   _terminationTimer.invalidate();
+  _overflowTimer.invalidate();
   if (_stream)
     _stream->close();
   logWorker.log(fn::logging::INF, "Worker {} ({}) lost the hub: {}", _displayName, _workerId,
@@ -159,17 +165,37 @@ void Worker::sendMessageToWorker(uint16_t target, ObjectId objectId, fn::Value c
     if (auto instance = _objects.instance(id.asUInt()))
       instance->increateUsageCount();
   }
-  if (!_stream || _ended)
+  if (!_stream || _ended || _overflowed)
     return;
   _stream->writeWith([&](fn::ByteArray& out) {
     MessageWriter::encodeObjectMessage(out, objectId, target, bytes, objects);
   });
+  checkQueue();
 }
 
 void Worker::write(fn::Value const& record) {
-  if (!_stream || _ended)
+  if (!_stream || _ended || _overflowed)
     return;
   MessageWriter::write(*_stream, record);
+  checkQueue();
+}
+
+void Worker::checkQueue() {
+  size_t queued = _stream->pendingBytes();
+  if (queued <= _options.maxQueuedBytes)
+    return;
+  _overflowed = true;
+  logWorker.log(fn::logging::ERR,
+                "Worker {} ({}) leaves the hub, which is not reading: {} bytes queued for it, "
+                "over the limit of {}",
+                _displayName, _workerId, queued, _options.maxQueuedBytes);
+  // Ended from a task of its own: the write that overflowed may be deep inside an object's
+  // call, which must not see every reference die under it.
+  _overflowTimer = _loop.schedule(fn::Duration(), [this] {
+    if (_stream)
+      _stream->abort();
+    connectionEnded(fn::uv::Status("write queue over the limit", UV_ENOBUFS));
+  });
 }
 
 // Whatever a peer put in a record, only that record is lost: the reader's framing is untouched
@@ -179,11 +205,41 @@ void Worker::handleRecord(fn::Value const& record) {
     onMessage(record);
   } catch (...) {
     fn::Value const& source = record.get(key::SOURCE_WORKER_ID);
-    std::string sender =
-        source.isInteger() ? fmt::format("worker {}", source.toString()) : std::string("the hub");
-    logWorker.log(fn::logging::WRN, "Worker {} ({}) dropped a bad record from {}: {}", _displayName,
-                  _workerId, sender, fn::describeException(std::current_exception()));
+    reportBadRecord(source.isInteger() && source.asUInt() <= NO_WORKER
+                        ? std::optional<uint16_t>(source.to<uint16_t>())
+                        : std::nullopt);
   }
+}
+
+void Worker::reportBadRecord(std::optional<uint16_t> source) {
+  std::string sender = source ? fmt::format("worker {}", *source) : std::string("the hub");
+  logWorker.log(fn::logging::WRN, "Worker {} ({}) dropped a bad record from {}: {}", _displayName,
+                _workerId, sender, fn::describeException(std::current_exception()));
+}
+
+// The common MESSAGE, read where it lies: its routing keys are taken from the frame and its
+// payload decoded from there, without building the record or copying the payload. Whatever
+// the reader cannot vouch for, and every record while somebody listens to onRecord(), takes
+// the decoding path.
+bool Worker::deliverRawMessage(uint8_t const* body, size_t length) {
+  if (_onRecord.hasConnections() || !_rawMessage.scan(body, length) || !_rawMessage.objectId() ||
+      !_rawMessage.payload())
+    return false;
+  FN_ASSERT_LOOP_THREAD();
+  try {
+    // Almost every message carries an empty map of objects: no need to decode that.
+    thread_local fn::Value const NO_OBJECTS = fn::Value::map();
+    fn::ByteView listed = _rawMessage.objectsBytes();
+    fn::Value objects = listed.empty() ? fn::Value()
+                        : listed.size() == 1 && listed[0] == 0x80
+                            ? NO_OBJECTS
+                            : fn::mpack::decode(listed.data(), listed.size());
+    deliver(*_rawMessage.objectId(), _rawMessage.source().value_or(NO_WORKER),
+            *_rawMessage.payload(), objects);
+  } catch (...) {
+    reportBadRecord(_rawMessage.source());
+  }
+  return true;
 }
 
 void Worker::onMessage(fn::Value const& record) {
@@ -207,7 +263,9 @@ void Worker::onMessage(fn::Value const& record) {
       // period, so a worker nobody ever used does not end on its own.
       break;
     case type::PING:
-      write(fn::Value::map({{key::TYPE, type::PONG}}));
+      // The answer is always the same three bytes: no record to build.
+      if (_stream && !_ended && !_overflowed)
+        _stream->write(PONG_FRAME);
       break;
     case type::MESSAGE:
       deliverObjectMessage(record);
@@ -246,8 +304,14 @@ void Worker::onMessage(fn::Value const& record) {
 void Worker::deliverObjectMessage(fn::Value const& record) {
   auto id = record.at(key::OBJECT_ID).to<ObjectId>();
   auto source = record.get(key::SOURCE_WORKER_ID, NO_WORKER).to<uint16_t>();
-  fn::Value payload =
-      _objects.decodePayload(record.at(key::PAYLOAD).asByteArray(), record.get(key::OBJECTS));
+  deliver(id, source, record.at(key::PAYLOAD).asByteArray(), record.get(key::OBJECTS));
+}
+
+void Worker::deliver(ObjectId id,
+                     uint16_t source,
+                     fn::ByteView payloadBytes,
+                     fn::Value const& objects) {
+  fn::Value payload = _objects.decodePayload(payloadBytes, objects);
   if (ownerOf(id) == _workerId) {
     fn::AutoPtr<ObjectInstance> instance = _objects.instance(id);
     if (!instance)

@@ -20,6 +20,7 @@
 #include "core/ipc/message.h"
 #include "core/ipc/message_helper.h"
 #include "core/ipc/object.h"
+#include "core/ipc/raw_message.h"
 #include "core/ipc/worker_object_manager.h"
 #include "foundation/duration.h"
 #include "foundation/handle.h"
@@ -60,6 +61,9 @@ public:
   struct Options {
     fn::Duration idleTimeout = IDLE_TERMINATION_TIMEOUT;
     size_t maxFrameSize = DEFAULT_MAX_FRAME_SIZE;
+    /// With more bytes than this queued for the hub, the hub has stopped reading: the worker
+    /// leaves it rather than grow without bound.
+    size_t maxQueuedBytes = DEFAULT_MAX_QUEUED_BYTES;
   };
 
   Worker(Delegate& delegate,
@@ -130,11 +134,16 @@ private:
   void connected(fn::uv::Status const& status);
   void connectionEnded(fn::uv::Status const& status);
   void deliverObjectMessage(fn::Value const& record);
+  bool deliverRawMessage(uint8_t const* body, size_t length);
+  void deliver(ObjectId id, uint16_t source, fn::ByteView payload, fn::Value const& objects);
+  void reportBadRecord(std::optional<uint16_t> source);
   void write(fn::Value const& record);
+  void checkQueue();
   void takeRegistry();
   void terminationHandshakeDone(bool hidden);
 
   fn::Handle _terminationTimer;
+  fn::Handle _overflowTimer;
   bool _terminating = false;
   Delegate& _delegate;
   fn::RunLoop& _loop;
@@ -145,9 +154,11 @@ private:
   bool _idleTermination;
   bool _connected = false;
   bool _ended = false;
+  bool _overflowed = false;
   Options _options;
   fn::AutoPtr<fn::uv::PipeStream> _stream;
   MessageReader _reader;
+  RawMessage _rawMessage;
   WorkerObjectManager _objects;
   // Released after _lifetime expired, so the reference (and the hub's registry it holds) is
   // freed at once instead of in a task the loop may never run.

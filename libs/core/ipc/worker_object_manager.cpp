@@ -155,7 +155,7 @@ void WorkerObjectManager::encodePayload(fn::Value const& payload,
   fn::mpack::encode(payload, bytes, &hook);
 }
 
-fn::Value WorkerObjectManager::decodePayload(fn::ByteArray const& bytes, fn::Value const& objects) {
+fn::Value WorkerObjectManager::decodePayload(fn::ByteView bytes, fn::Value const& objects) {
   // The hub counted one use for us of every listed object of another worker, whatever becomes
   // of the payload. The uses go onto the references first (one per message and object, however
   // often the object occurs), so that they are handed back even when the payload turns out

@@ -50,7 +50,7 @@ public:
   void encodePayload(fn::Value const& payload, fn::ByteArray& bytes, fn::Value& objects);
   /// Decodes a payload, resolving object ids to local references or held (or new) remote
   /// references, then counts one use per listed object for the remote references held.
-  fn::Value decodePayload(fn::ByteArray const& bytes, fn::Value const& objects);
+  fn::Value decodePayload(fn::ByteView bytes, fn::Value const& objects);
 
   /// Marks every reference to an object of `workerId` dead, then notifies each once.
   void workerDied(uint16_t workerId);

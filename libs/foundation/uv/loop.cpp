@@ -145,4 +145,13 @@ void Loop::runEndOfIteration() {
   uv_unref(reinterpret_cast<uv_handle_t*>(&_prepare));
 }
 
+ByteArray* Loop::lendReadBuffer() {
+  if (_readBufferLent)
+    return nullptr;
+  if (_readBuffer.empty())
+    _readBuffer.resize(64 * 1024);
+  _readBufferLent = true;
+  return &_readBuffer;
+}
+
 }  // namespace fn::uv

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <vector>
 
+#include "foundation/byte_array.h"
 #include "foundation/run_loop.h"
 
 namespace fn::uv {
@@ -41,6 +42,16 @@ public:
 
   uv_loop_t* raw() { return _loop; }
 
+  /// The buffer the loop's streams read into when their reader consumes each chunk inside its
+  /// callback: one per loop instead of one per connection, which keeps idle connections
+  /// small. Null while it is lent to a read callback (a nested read takes a buffer of its own).
+  ByteArray* lendReadBuffer();
+  /// Takes the buffer back if `base` is its start (a read may be reported without one).
+  void returnReadBuffer(void const* base) {
+    if (base == _readBuffer.data())
+      _readBufferLent = false;
+  }
+
 private:
   explicit Loop(uv_loop_t* loop);
   void init();
@@ -60,6 +71,8 @@ private:
   std::mutex _remoteMutex;
   std::vector<Task> _remote;
   bool _stopped = false;
+  ByteArray _readBuffer;
+  bool _readBufferLent = false;
 };
 
 FN_EXPORT void unhandledExceptionFromLoop() noexcept;

@@ -19,6 +19,8 @@ public:
 
   /// The user id of the process at the other end, when the platform can tell.
   std::optional<uint32_t> peerUserId() const;
+  /// The process id of the process at the other end, when the platform can tell.
+  std::optional<int64_t> peerProcessId() const;
   /// True when the peer runs as the same user as this process.
   bool peerIsSameUser() const;
 

@@ -80,12 +80,20 @@ std::optional<uint32_t> PipeStream::peerUserId() const {
   return std::nullopt;
 }
 
-bool PipeStream::peerIsSameUser() const {
+std::optional<int64_t> PipeStream::peerProcessId() const {
   HANDLE pipe = _pipe.handle;
   ULONG pid = 0;
   if (pipe == INVALID_HANDLE_VALUE ||
       !(::GetNamedPipeClientProcessId(pipe, &pid) || ::GetNamedPipeServerProcessId(pipe, &pid)))
+    return std::nullopt;
+  return pid;
+}
+
+bool PipeStream::peerIsSameUser() const {
+  auto peer = peerProcessId();
+  if (!peer)
     return false;
+  DWORD pid = static_cast<DWORD>(*peer);
   if (pid == ::GetCurrentProcessId())
     return true;
   HANDLE process = ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);

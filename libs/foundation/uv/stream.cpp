@@ -33,14 +33,33 @@ void Stream::readStart(ReadCallback callback) {
       _handle,
       [](uv_handle_t* h, size_t, uv_buf_t* buf) {
         auto* self = static_cast<Stream*>(h->data);
-        // The reader consumes every chunk inside the read callback, so one buffer serves all.
-        if (self->_readBuffer.empty())
+        // Every reader consumes its chunk inside the read callback, so the loop's one buffer
+        // serves all its streams; only a read nested inside another's callback needs its own.
+        ByteArray* shared = self->_loop.lendReadBuffer();
+        if (!shared) {
           self->_readBuffer.resize(64 * 1024);
-        buf->base = reinterpret_cast<char*>(self->_readBuffer.data());
-        buf->len = self->_readBuffer.size();
+          shared = &self->_readBuffer;
+        }
+        buf->base = reinterpret_cast<char*>(shared->data());
+        buf->len = shared->size();
       },
       [](uv_stream_t* h, ssize_t n, uv_buf_t const* buf) {
         auto* self = static_cast<Stream*>(h->data);
+        bool own = !self->_readBuffer.empty() &&
+                   buf->base == reinterpret_cast<char*>(self->_readBuffer.data());
+        // The loop's buffer stays lent while the chunk is read, so a nested read cannot
+        // overwrite it.
+        struct Return {
+          Stream* self;
+          bool own;
+          void const* base;
+          ~Return() {
+            if (own)
+              ByteArray().swap(self->_readBuffer);
+            else
+              self->_loop.returnReadBuffer(base);
+          }
+        } giveBack{self, own, buf->base};
         // libuv reports 0 when a read that filled the buffer is followed by EAGAIN: nothing
         // happened, and the callback promises bytes, the end or an error.
         if (n == 0 || self->_closing || !self->_onRead)
@@ -107,7 +126,7 @@ void Stream::flush() {
     // Batches are written every loop iteration: growing a fresh buffer for each costs a
     // string of reallocations. A buffer of an unusual size is not worth keeping.
     ByteArray& spare = request->stream->_spare;
-    if (request->bytes.capacity() > spare.capacity() &&
+    if (!request->stream->_closing && request->bytes.capacity() > spare.capacity() &&
         request->bytes.capacity() <= MAX_SPARE_CAPACITY) {
       request->bytes.clear();
       spare.swap(request->bytes);
@@ -172,10 +191,18 @@ void Stream::close() {
   // just before closing must not be lost. libuv writes at once when the socket has room.
   if (!_pending.empty())
     flush();
+  abort();
+}
+
+void Stream::abort() {
+  if (_closing)
+    return;
   _closing = true;
+  // Writes handed to libuv are cancelled by the close; their buffers go with them.
+  ByteArray().swap(_spare);
   // The callbacks stay until the close callback: close() is often called from inside one of
   // them, which must not be destroyed while it runs. `_closing` already stops deliveries.
-  _pending.clear();
+  ByteArray().swap(_pending);
   auto callbacks = std::move(_pendingCallbacks);
   _pendingCallbacks.clear();
   for (auto& callback : callbacks)

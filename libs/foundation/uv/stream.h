@@ -60,6 +60,9 @@ public:
   Status accept(Stream& client);
 
   void close();
+  /// Closes without handing what is still queued to the kernel: for a peer that stopped
+  /// reading, whose queue is to be given up, not written.
+  void abort();
 
   /// The operating system's descriptor, or -1.
   int fileno() const;
@@ -87,6 +90,7 @@ private:
   size_t _inFlight = 0;
   bool _flushQueued = false;
   bool _closing = false;
+  // Only for a read nested inside another read callback of the same loop; freed after it.
   ByteArray _readBuffer;
 };
 

@@ -295,3 +295,39 @@ TEST_F(HubTest, RefusesAPeerOfAnotherUser) {
   EXPECT_TRUE(log.contains("Refusing a connection from user"));
   std::filesystem::remove_all(std::string(base));
 }
+
+TEST_F(HubTest, ASleepingWorkerPastItsQueueLimitIsCutOffWhileOthersGoOn) {
+  startHub(fn::Duration::seconds(30), ipc::Dispatcher::Options{.maxQueuedBytes = 256 * 1024});
+  LogCapture log;
+  uint16_t a, s, b;
+  auto sender = connect("Sender", a);
+  auto sleeper = connect("Sleeper", s);
+  auto bystander = connect("Bystander", b);
+  // An object of the sender that the sleeper holds: its death gives the uses back.
+  ipc::ObjectId x = objectOf(a, 1);
+  sender->send(message(x, s, fn::Value::map({{x, "Thing"}}), marker('x')));
+  sleeper->expect(messageWith(marker('x')));
+  sleeper->process().kill(SIGSTOP);
+  // The socket's buffers take a few hundred KiB first; then the hub queues up to the limit.
+  fn::ByteArray big(64 * 1024, 'x');
+  for (int i = 0; i < 48; ++i)
+    sender->send(message(objectOf(a, 0), s, fn::Value::map(), big));
+  EXPECT_EQ(bystander->expectType(type::WORKER_DEAD).at(key::WORKER_ID).asInt(), s);
+  EXPECT_EQ(sender->expectType(type::INSTANCE_RELEASE).at(key::OBJECT_ID).asUInt(), x);
+  auto lines = log.matching(fmt::format("Worker Sleeper ({}) is not reading: ", s));
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].text.find(" bytes queued for it, over the limit of 262144; ending its "
+                               "connection"),
+            fn::String::npos)
+      << lines[0].text;
+  sender->send(message(objectOf(a, 0), b, fn::Value::map(), marker('k')));
+  bystander->expect(messageWith(marker('k')));
+  EXPECT_EQ(hub().connectionCount(), 3u);
+  sleeper->process().kill(SIGCONT);
+
+  // An object its owner sends to itself is no holder's: its use goes back at once.
+  sender->send(message(x, a, fn::Value::map({{x, "Thing"}}), marker('o')));
+  sender->expect(messageWith(marker('o')));
+  EXPECT_EQ(sender->expectType(type::INSTANCE_RELEASE).at(key::USAGE_COUNT).asInt(), 1);
+  EXPECT_EQ(hub().referenceUsageCount(x, a), 0u);
+}

@@ -320,6 +320,27 @@ TEST_F(WorkerTest, ALeavingWorkerSendsWhatItQueuedAndLetsTheHubClose) {
   EXPECT_FALSE(log.contains("Received read error"));
 }
 
+TEST_F(WorkerTest, AWorkerPastItsQueueLimitToTheHubLeaves) {
+  uint16_t p;
+  auto peer = connect("P", p);
+  auto worker = makeWorker(ipc::Worker::Options{.maxQueuedBytes = 64 * 1024});
+  LogCapture log;
+  std::vector<int> codes;
+  auto lost = worker->onDisconnected().connect(
+      [&](fn::uv::Status const& status) { codes.push_back(status.code()); });
+  // All written in one pass of the loop, so nothing reaches the kernel before the limit.
+  for (int i = 0; i < 8; ++i) {
+    worker->sendMessageToWorker(p, (1u << 16) + worker->workerId(),
+                                fn::Value(fn::ByteArray(16 * 1024, 'x')));
+  }
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return !codes.empty(); }));
+  EXPECT_EQ(codes, std::vector<int>{UV_ENOBUFS});
+  EXPECT_TRUE(log.contains(
+      fmt::format("Worker W ({}) leaves the hub, which is not reading: ", worker->workerId())));
+  EXPECT_TRUE(log.contains("over the limit of 65536"));
+  EXPECT_EQ(peer->expectType(type::WORKER_DEAD).at(key::WORKER_ID).asInt(), worker->workerId());
+}
+
 TEST(ObjectLocal, DeliveriesArePostedAndConstructorMessagesWaitForReadiness) {
   fn::uv::Loop loop;
   TestDelegate delegate;
