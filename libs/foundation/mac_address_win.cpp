@@ -35,8 +35,12 @@ MacAddress fromRow(MIB_IPNET_ROW2 const& row) {
 
 std::optional<MacAddress> lookUp(IPAddress const& address) {
   MIB_IPNET_TABLE2* table = nullptr;
-  if (GetIpNetTable2(AF_UNSPEC, &table) != NO_ERROR)
+  if (GetIpNetTable2(AF_UNSPEC, &table) != NO_ERROR) {
+    // Some implementations hand out a table along with an error.
+    if (table)
+      FreeMibTable(table);
     return std::nullopt;
+  }
   std::optional<MacAddress> found;
   for (ULONG i = 0; i < table->NumEntries && !found; ++i) {
     auto const& row = table->Table[i];
