@@ -100,6 +100,12 @@ private:
   BSTR _s;
 };
 
+/// Logs `text` as an error, from the caller's place, and answers false.
+bool fail(fn::logging::FormatAt<> text) {
+  logFirewall.log(fn::logging::ERR, text);
+  return false;
+}
+
 uint32_t hex(HRESULT result) {
   return static_cast<uint32_t>(result);
 }
@@ -158,10 +164,8 @@ public:
   }
 
   bool isFirewallEnabled(bool& enabled) override {
-    if (!_profile) {
-      logFirewall.log(fn::logging::ERR, "Firewall profile has not been initialized yet!");
-      return false;
-    }
+    if (!_profile)
+      return fail("Firewall profile has not been initialized yet!");
     VARIANT_BOOL on = VARIANT_FALSE;
     if (FAILED(_profile->get_FirewallEnabled(&on)))
       return false;
@@ -171,21 +175,14 @@ public:
 
   bool isApplicationAuthorized(bool& inbound, bool& outbound, fn::String const& path) override {
     inbound = outbound = false;
-    if (!_profile) {
-      logFirewall.log(fn::logging::ERR, "Firewall profile has not been initialized yet!");
-      return false;
-    }
+    if (!_profile)
+      return fail("Firewall profile has not been initialized yet!");
     ComPtr<INetFwAuthorizedApplications> applications;
-    if (FAILED(_profile->get_AuthorizedApplications(applications.out()))) {
-      logFirewall.log(fn::logging::ERR,
-                      "Can't retrieve the list of authorized firewall applications!");
-      return false;
-    }
+    if (FAILED(_profile->get_AuthorizedApplications(applications.out())))
+      return fail("Can't retrieve the list of authorized firewall applications!");
     Bstr image(path);
-    if (!image.get()) {
-      logFirewall.log(fn::logging::ERR, "Allocation of process file name string failed!");
-      return false;
-    }
+    if (!image.get())
+      return fail("Allocation of process file name string failed!");
     ComPtr<INetFwAuthorizedApplication> application;
     if (FAILED(applications->Item(image.get(), application.out()))) {
       logFirewall.log(fn::logging::ERR, "Authorized application {} is disabled in the firewall.",
@@ -193,10 +190,8 @@ public:
       return true;
     }
     VARIANT_BOOL on = VARIANT_FALSE;
-    if (FAILED(application->get_Enabled(&on))) {
-      logFirewall.log(fn::logging::ERR, "Can't retrieve firewall application state");
-      return false;
-    }
+    if (FAILED(application->get_Enabled(&on)))
+      return fail("Can't retrieve firewall application state");
     if (on == VARIANT_FALSE) {
       logFirewall.log(fn::logging::ERR, "Authorized application {} is disabled in the firewall.",
                       path);
@@ -214,10 +209,8 @@ public:
                             bool outbound) override {
     if (!inbound && !outbound)
       return true;
-    if (!initialize(true)) {
-      logFirewall.log(fn::logging::ERR, "Could not get elevated privileges!");
-      return false;
-    }
+    if (!initialize(true))
+      return fail("Could not get elevated privileges!");
     bool authorizedIn = false, authorizedOut = false;
     if (!isApplicationAuthorized(authorizedIn, authorizedOut, path))
       return false;
@@ -225,36 +218,22 @@ public:
       return true;
     ComPtr<INetFwAuthorizedApplication> application;
     if (FAILED(CoCreateInstance(FW_AUTHORIZED_APPLICATION_CLSID, nullptr, CLSCTX_INPROC_SERVER,
-                                FW_AUTHORIZED_APPLICATION_IID, application.outVoid()))) {
-      logFirewall.log(fn::logging::ERR,
-                      "Can't create an instance of authorized application object");
-      return false;
-    }
+                                FW_AUTHORIZED_APPLICATION_IID, application.outVoid())))
+      return fail("Can't create an instance of authorized application object");
     Bstr image(path);
-    if (!image.get()) {
-      logFirewall.log(fn::logging::ERR, "Allocation of process file name string failed!");
-      return false;
-    }
-    if (FAILED(application->put_ProcessImageFileName(image.get()))) {
-      logFirewall.log(fn::logging::ERR, "Configuration of application's image name failed!");
-      return false;
-    }
+    if (!image.get())
+      return fail("Allocation of process file name string failed!");
+    if (FAILED(application->put_ProcessImageFileName(image.get())))
+      return fail("Configuration of application's image name failed!");
     Bstr friendlyName(name);
-    if (!friendlyName.get()) {
-      logFirewall.log(fn::logging::ERR, "Allocation of application's friendly name string failed!");
-      return false;
-    }
-    if (FAILED(application->put_Name(friendlyName.get()))) {
-      logFirewall.log(fn::logging::ERR, "Setting of application's friendly name failed!");
-      return false;
-    }
+    if (!friendlyName.get())
+      return fail("Allocation of application's friendly name string failed!");
+    if (FAILED(application->put_Name(friendlyName.get())))
+      return fail("Setting of application's friendly name failed!");
     ComPtr<INetFwAuthorizedApplications> applications;
     if (FAILED(_profile->get_AuthorizedApplications(applications.out())) ||
-        FAILED(applications->Add(application.get()))) {
-      logFirewall.log(fn::logging::ERR,
-                      "Application couldn't be added to the application collection!");
-      return false;
-    }
+        FAILED(applications->Add(application.get())))
+      return fail("Application couldn't be added to the application collection!");
     logFirewall.log(fn::logging::ERR, "Authorized application {} is now enabled in the firewall.\n",
                     path);
     return true;
@@ -302,10 +281,8 @@ public:
 
   // A profile that is not current counts as enabled: only the current ones can let traffic in.
   bool isFirewallEnabled(bool& enabled) override {
-    if (!_policy) {
-      logFirewall.log(fn::logging::ERR, "Firewall profile has not been initialized yet!");
-      return false;
-    }
+    if (!_policy)
+      return fail("Firewall profile has not been initialized yet!");
     long types = 0;
     HRESULT result = _policy->get_CurrentProfileTypes(&types);
     if (FAILED(result)) {
@@ -330,20 +307,14 @@ public:
 
   bool isApplicationAuthorized(bool& inbound, bool& outbound, fn::String const& path) override {
     inbound = outbound = false;
-    if (!_policy) {
-      logFirewall.log(fn::logging::ERR, "Firewall profile has not been initialized yet!");
-      return false;
-    }
+    if (!_policy)
+      return fail("Firewall profile has not been initialized yet!");
     ComPtr<INetFwRules> rules;
-    if (FAILED(_policy->get_Rules(rules.out()))) {
-      logFirewall.log(fn::logging::ERR, "Can't retrieve firewall rules!");
-      return false;
-    }
+    if (FAILED(_policy->get_Rules(rules.out())))
+      return fail("Can't retrieve firewall rules!");
     long count = 0;
-    if (FAILED(rules->get_Count(&count))) {
-      logFirewall.log(fn::logging::ERR, "Can't retrieve the number of firewall rules!");
-      return false;
-    }
+    if (FAILED(rules->get_Count(&count)))
+      return fail("Can't retrieve the number of firewall rules!");
     ComPtr<IUnknown> enumerable;
     ComPtr<IEnumVARIANT> enumerator;
     if (FAILED(rules->get__NewEnum(enumerable.out())) ||
@@ -374,30 +345,20 @@ public:
                             fn::String const& name,
                             bool inbound,
                             bool outbound) override {
-    if (!initialize(true)) {
-      logFirewall.log(fn::logging::ERR, "Could not get elevated privileges!");
-      return false;
-    }
-    if (!_policy) {
-      logFirewall.log(fn::logging::ERR, "Firewall profile has not been initialized yet!");
-      return false;
-    }
+    if (!initialize(true))
+      return fail("Could not get elevated privileges!");
+    if (!_policy)
+      return fail("Firewall profile has not been initialized yet!");
     ComPtr<INetFwRules> rules;
-    if (FAILED(_policy->get_Rules(rules.out()))) {
-      logFirewall.log(fn::logging::ERR, "Can't retrieve firewall rules!");
-      return false;
-    }
+    if (FAILED(_policy->get_Rules(rules.out())))
+      return fail("Can't retrieve firewall rules!");
     long types = 0;
-    if (FAILED(_policy->get_CurrentProfileTypes(&types))) {
-      logFirewall.log(fn::logging::ERR, "Can't retrieve firewall profile types!");
-      return false;
-    }
+    if (FAILED(_policy->get_CurrentProfileTypes(&types)))
+      return fail("Can't retrieve firewall profile types!");
     ComPtr<INetFwRule> rule;
     if (FAILED(CoCreateInstance(FW_RULE_CLSID, nullptr, CLSCTX_INPROC_SERVER, FW_RULE_IID,
-                                rule.outVoid()))) {
-      logFirewall.log(fn::logging::ERR, "Can't create firewall rule!");
-      return false;
-    }
+                                rule.outVoid())))
+      return fail("Can't create firewall rule!");
     Bstr ruleName(name), description("Allow incoming network traffic to " + name),
         application(path);
     rule->put_Name(ruleName.get());
@@ -411,10 +372,8 @@ public:
       if (!wanted)
         continue;
       rule->put_Direction(direction);
-      if (FAILED(rules->Add(rule.get()))) {
-        logFirewall.log(fn::logging::ERR, "Couldn't add firewall rule!");
-        return false;
-      }
+      if (FAILED(rules->Add(rule.get())))
+        return fail("Couldn't add firewall rule!");
     }
     return true;
   }
