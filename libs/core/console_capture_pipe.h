@@ -22,5 +22,7 @@ int readByte(int fd, char& byte);
 void writeAll(int fd, std::string_view text);
 /// Nothing waits to be read at the pipe's read end `fd`, or that cannot be found out.
 bool pipeEmpty(int fd);
+/// Runs `hook` when the process exits normally, while its other threads still run.
+void atProcessExit(void (*hook)());
 
 }  // namespace core::console_capture

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "core/console_capture_pipe.h"
 
@@ -47,6 +48,10 @@ void writeAll(int fd, std::string_view text) {
 bool pipeEmpty(int fd) {
   int available = 0;
   return ::ioctl(fd, FIONREAD, &available) != 0 || available == 0;
+}
+
+void atProcessExit(void (*hook)()) {
+  std::atexit(hook);
 }
 
 }  // namespace core::console_capture

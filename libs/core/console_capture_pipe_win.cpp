@@ -6,6 +6,8 @@
 #include <io.h>
 #include <windows.h>
 
+#include <cstdlib>
+
 #include "core/console_capture_pipe.h"
 
 namespace core::console_capture {
@@ -53,6 +55,17 @@ void writeAll(int fd, std::string_view text) {
 bool pipeEmpty(int fd) {
   DWORD available = 0;
   return !PeekNamedPipe(handleOf(fd), nullptr, 0, nullptr, &available, nullptr) || available == 0;
+}
+
+// A library's own atexit runs when the library is unloaded, after ExitProcess has ended every
+// other thread, the reader among them: what it still held would be lost. The runtime library's
+// table runs in exit(), while they all still run.
+void atProcessExit(void (*hook)()) {
+  using AtExit = int(__cdecl*)(void (*)());
+  auto processAtExit =
+      reinterpret_cast<AtExit>(GetProcAddress(GetModuleHandleW(L"msvcrt.dll"), "atexit"));
+  if (!processAtExit || processAtExit(hook) != 0)
+    std::atexit(hook);
 }
 
 }  // namespace core::console_capture

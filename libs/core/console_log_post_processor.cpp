@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <thread>
 #include <utility>
 
@@ -69,7 +68,7 @@ void ConsoleLogPostProcessor::init() {
       closeDescriptor(saved);
       throw;
     }
-    std::atexit(&ConsoleLogPostProcessor::restoreAtExit);
+    atProcessExit(&ConsoleLogPostProcessor::restoreAtExit);
   });
 }
 
