@@ -34,8 +34,10 @@ MacAddress fromRow(MIB_IPNET_ROW2 const& row) {
 }
 
 std::optional<MacAddress> lookUp(IPAddress const& address) {
+  // One family at a time: not every implementation lists both at once.
   MIB_IPNET_TABLE2* table = nullptr;
-  if (GetIpNetTable2(AF_UNSPEC, &table) != NO_ERROR) {
+  ADDRESS_FAMILY family = address.family() == IPAddress::Family::IPV4 ? AF_INET : AF_INET6;
+  if (GetIpNetTable2(family, &table) != NO_ERROR) {
     // Some implementations hand out a table along with an error.
     if (table)
       FreeMibTable(table);
@@ -80,11 +82,18 @@ MacAddress MacAddress::fromIPAddress(IPAddress const& address) {
     std::memcpy(bytes.data(), mac, 6);
     return MacAddress(bytes);
   }
+  // Looked up rather than imported: Wine lacks it, and an imported function it lacks aborts
+  // the process when called.
+  using Resolve = NETIO_STATUS(WINAPI*)(MIB_IPNET_ROW2*, SOCKADDR_INET const*);
+  auto resolve = reinterpret_cast<Resolve>(
+      GetProcAddress(GetModuleHandleW(L"iphlpapi.dll"), "ResolveIpNetEntry2"));
+  if (!resolve)
+    fail("No neighbour answered for the address", address, ERROR_NOT_SUPPORTED);
   MIB_IPNET_ROW2 row{};
   row.Address.Ipv6.sin6_family = AF_INET6;
   std::memcpy(&row.Address.Ipv6.sin6_addr, address.addr(), 16);
   row.InterfaceIndex = address.scopeId();
-  DWORD error = ResolveIpNetEntry2(&row, nullptr);
+  DWORD error = resolve(&row, nullptr);
   if (error != NO_ERROR || !usable(row))
     fail("No neighbour answered for the address", address, error);
   return fromRow(row);
