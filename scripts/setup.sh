@@ -12,7 +12,7 @@ packages=(
 # --windows: the cross compilers, Wine, and what scripts/windows/build_deps.sh needs to fetch
 # and build Debian's sources (a deb-src entry for the same archive as the binary packages).
 if [[ ${1:-} == --windows ]]; then
-  packages+=(g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64
+  packages+=(g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64
     dpkg-dev tcl autoconf automake libtool)
   sources=/etc/apt/sources.list.d/lumaren-src.sources
   if ! grep -rqs "deb-src" /etc/apt/sources.list /etc/apt/sources.list.d/; then

@@ -8,7 +8,9 @@ bash scripts/setup.sh --windows
 deps=$(bash scripts/windows/build_deps.sh | tail -1)
 bash scripts/build.sh build-win -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/mingw-w64-x86_64.cmake \
   -DLUMAREN_WIN_DEPS="$deps"
-# One Wine prefix for the whole run, kept outside the clone; its server stays up between tests.
+# One Wine prefix for the whole run, kept outside the clone; its server stays up between tests
+# and goes with the run.
 export WINEPREFIX=${WINEPREFIX:-/var/cache/lumaren-mingw/wine} WINEDEBUG=-all
 bash scripts/windows/wine_prefix.sh
+trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
 ctest --test-dir build-win --output-on-failure -j2 "$@"

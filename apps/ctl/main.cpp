@@ -68,8 +68,6 @@ void drain(fn::uv::Loop& loop) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // A hub that vanished mid-write must show up as a lost connection, not kill the tool.
-  std::signal(SIGPIPE, SIG_IGN);
   ctl::Options options;
   try {
     options = ctl::parseOptions(argc, argv);

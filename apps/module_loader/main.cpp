@@ -37,8 +37,6 @@ int main(int argc, char** argv) {
     std::fputs("usage: " LOADER_NAME " LIBRARY PIPE TAG\n", stderr);
     return EXIT_USAGE;
   }
-  // A hub that goes away must end the module through its lost connection, not SIGPIPE.
-  ::signal(SIGPIPE, SIG_IGN);
   // The module's log files are named after its library: "greeter" for .../greeter.so.
   fn::uv::Loop::defaultLoop();
   core::initLoggingProfiles(std::filesystem::path(argv[1]).stem().string());

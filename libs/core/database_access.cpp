@@ -267,9 +267,12 @@ void DatabaseAccess::dropSchema() {
 void DatabaseAccess::handleException(sqlite::SQLiteException const& e) {
   if (!isCorruption(e))
     return;
-  // The connection stays open: the next scope finds the file gone, drops it and creates a
-  // fresh database (see open()).
+  // An idle connection is closed first, since Windows removes no open file. One in use by a
+  // scope stays open: the next scope finds the file gone, drops it and creates a fresh
+  // database (see open()).
   logDatabase.log(ERR, "Database disk image {} is malformed :( Deleting file", _path);
+  if (std::unique_lock lock(_lock, std::try_to_lock); lock.owns_lock() && !_connected)
+    _database.reset();
   try {
     removeDatabaseFiles(_path);
   } catch (fn::Exception const& removal) {

@@ -44,7 +44,7 @@ CORE_EXPORT std::string_view priorityCode(int priority);
 class CORE_EXPORT LoggingProfile : public fn::RefCountedObject {
 public:
   /// Hashes category names with FNV-1a, the hash the filters use too.
-  struct NameHash {
+  struct CORE_EXPORT NameHash {
     size_t operator()(fn::String const& name) const;
   };
   using ThresholdMap = std::unordered_map<fn::String, Priority, NameHash>;

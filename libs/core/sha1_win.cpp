@@ -1,5 +1,6 @@
-#include <bcrypt.h>
 #include <windows.h>
+
+#include <bcrypt.h>
 
 #include <algorithm>
 
@@ -16,10 +17,25 @@ struct Sha1::State {
   BCRYPT_HASH_HANDLE hash = nullptr;
 };
 
+namespace {
+
+// The provider is opened once and kept: opening it is the expensive part.
+BCRYPT_ALG_HANDLE sha1Provider() {
+  static BCRYPT_ALG_HANDLE provider = [] {
+    BCRYPT_ALG_HANDLE opened = nullptr;
+    if (!BCRYPT_SUCCESS(::BCryptOpenAlgorithmProvider(&opened, BCRYPT_SHA1_ALGORITHM, nullptr, 0)))
+      return BCRYPT_ALG_HANDLE(nullptr);
+    return opened;
+  }();
+  return provider;
+}
+
+}  // namespace
+
 Sha1::Sha1() : _state(std::make_unique<State>()) {
-  // The pseudo-handle of the built-in provider needs no opening (Windows 10 and later).
-  if (!BCRYPT_SUCCESS(
-          ::BCryptCreateHash(BCRYPT_SHA1_ALG_HANDLE, &_state->hash, nullptr, 0, nullptr, 0, 0)))
+  BCRYPT_ALG_HANDLE provider = sha1Provider();
+  if (!provider ||
+      !BCRYPT_SUCCESS(::BCryptCreateHash(provider, &_state->hash, nullptr, 0, nullptr, 0, 0)))
     throw fn::RuntimeException("Cannot create a SHA-1 hash");
 }
 

@@ -1,5 +1,6 @@
-#include <lmcons.h>
 #include <windows.h>
+
+#include <lmcons.h>
 
 #include "foundation/environment.h"
 #include "foundation/exception.h"

@@ -1,7 +1,8 @@
+#include <windows.h>
+
 #include <fcntl.h>
 #include <io.h>
 #include <sys/stat.h>
-#include <windows.h>
 
 #include <cerrno>
 
@@ -29,7 +30,7 @@ void File::remove() const {
   if (!::DeleteFileW(toWide(_path).c_str())) {
     DWORD error = ::GetLastError();
     if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)
-      throwFileError("remove", _path, errnoFromWindowsError(error));
+      throwFileError("remove", _path, isDirectory() ? EISDIR : errnoFromWindowsError(error));
   }
 }
 

@@ -1,6 +1,7 @@
+#include <windows.h>
+
 #include <knownfolders.h>
 #include <shlobj.h>
-#include <windows.h>
 
 #include "foundation/environment.h"
 #include "foundation/exception.h"
@@ -31,15 +32,15 @@ String PathManager::platformDirectory(int location, String const& applicationNam
   };
   switch (location) {
     case USER_FILES:
-      return String(base(FOLDERID_Documents, "documents") + "\\" + applicationName);
+      return String(base(FOLDERID_Documents, "documents") + "/" + applicationName);
     // Settings and passwords follow the user between machines; the data that configures the
     // application and the logs stay on this one.
     case USER_DATA:
-      return String(base(FOLDERID_RoamingAppData, "data") + "\\" + applicationName);
+      return String(base(FOLDERID_RoamingAppData, "data") + "/" + applicationName);
     case APPLICATION_DATA:
-      return String(base(FOLDERID_LocalAppData, "local") + "\\" + applicationName);
+      return String(base(FOLDERID_LocalAppData, "data") + "/" + applicationName);
     case LOGS:
-      return String(base(FOLDERID_LocalAppData, "state") + "\\" + applicationName + "\\logs");
+      return String(base(FOLDERID_LocalAppData, "state") + "/" + applicationName + "/logs");
   }
   throw withDetail(RangeException("Unknown path location"), String::number(location));
 }

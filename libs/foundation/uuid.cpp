@@ -1,6 +1,6 @@
 #include "foundation/uuid.h"
 
-#include <sys/random.h>
+#include <uv.h>
 
 #include <cerrno>
 
@@ -28,14 +28,10 @@ UUIDGenerator& UUIDGenerator::defaultGenerator() {
 
 UUID UUIDGenerator::createOne() {
   std::array<uint8_t, 16> bytes;
-  size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t n = getrandom(bytes.data() + done, bytes.size() - done, 0);
-    if (n < 0 && errno != EINTR)
-      throw withErrno(RuntimeException("No random bytes for a UUID"), errno);
-    if (n > 0)
-      done += static_cast<size_t>(n);
-  }
+  // The system's random source (getrandom, BCryptGenRandom) through libuv; synchronous
+  // without a loop.
+  if (int status = uv_random(nullptr, nullptr, bytes.data(), bytes.size(), 0, nullptr); status != 0)
+    throw withDetail(RuntimeException("No random bytes for a UUID"), uv_strerror(status));
   bytes[6] = static_cast<uint8_t>((bytes[6] & 0x0f) | 0x40);
   bytes[8] = static_cast<uint8_t>((bytes[8] & 0x3f) | 0x80);
   return UUID(bytes);

@@ -1,5 +1,4 @@
 #include "foundation/wide_string_win.h"
-
 #include <windows.h>
 
 #include <cerrno>

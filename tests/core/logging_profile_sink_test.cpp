@@ -16,6 +16,7 @@
 #include "foundation/uv/loop.h"
 #include "ipc/hub_fixture.h"
 #include "loop_runner.h"
+#include "platform.h"
 #include "test_support.h"
 
 namespace core {
@@ -38,6 +39,10 @@ fn::String readLog(fn::String const& name) {
   fn::File file(fn::PathManager::instance().getPath(fn::PathManager::LOGS, name));
   return file.exists() ? fn::String(file.readAll().view()) : fn::String("<none>");
 }
+
+// What a directory that cannot be listed reports.
+char const* const LISTING_FAILED =
+    testing_support::isWindows() ? "FindFirstFileW failed" : "opendir failed";
 
 // The child role "--profile-report NAME": sets up the profiles of a process named NAME, logs two
 // lines and prints what it has: one line per active profile with its output, then the file
@@ -65,8 +70,7 @@ int reportProfiles(int, char** argv) {
   testing_support::LogCapture capture;
   sink->reload("/nonexistent-profiles");
   lines.push_back(fmt::format("same {} kept {} reported {}", initLoggingProfiles("x") == sink,
-                              sink->profiles().size() == before,
-                              capture.contains("opendir failed")));
+                              sink->profiles().size() == before, capture.contains(LISTING_FAILED)));
   for (auto const& line : lines)
     fmt::print("{}\n", line);
   return 0;
@@ -81,7 +85,9 @@ fn::String runReport(fn::String const& name) {
       loop,
       {.file = fn::uv::executablePath(), .arguments = {"--profile-report", name}, .capture = true});
   EXPECT_EQ(child->waitForExit(), 0) << child->err();
+  // Standard output is in text mode on Windows.
   fn::String out = child->out();
+  std::erase(out, '\r');
   child.reset();
   testing_support::drainLoop(loop);
   return out;
@@ -115,7 +121,8 @@ TEST(LoggingProfileSink, ChoosesProfilesForTheProcessAndUserWhateverTheDirectory
     EXPECT_EQ(runReport("reporter"), expected);
     // The failed reload's error went to the profiles it kept.
     EXPECT_TRUE(readLog("reporter.log")
-                    .startsWith("other info\r\nUnhandled exception: FileException: opendir failed"))
+                    .startsWith(fmt::format("other info\r\nUnhandled exception: FileException: {}",
+                                            LISTING_FAILED)))
         << readLog("reporter.log");
     fn::String net = readLog("reporter.net.log");
     EXPECT_NE(net.find(" DBG "), fn::String::npos) << net;

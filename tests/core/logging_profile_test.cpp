@@ -5,6 +5,7 @@
 #include <time.h>
 
 #include "../foundation/support.h"
+#include "foundation/environment.h"
 #include "foundation/stream.h"
 
 namespace core {
@@ -51,8 +52,8 @@ Message message(int priority, std::string_view text, char const* file, int line,
 class LoggingProfileTest : public ::testing::Test {
 protected:
   void SetUp() override {
-    ::setenv("TZ", "UTC", 1);
-    ::tzset();
+    fn::Environment::set("TZ", "UTC");
+    tzset();
   }
 };
 

@@ -1,12 +1,11 @@
 #include "core/preferences.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "child_process.h"
 #include "child_role.h"
@@ -17,6 +16,7 @@
 #include "foundation/timestamp.h"
 #include "foundation/uuid.h"
 #include "loop_runner.h"
+#include "platform.h"
 #include "test_support.h"
 
 namespace core {
@@ -109,16 +109,19 @@ TEST(Preferences, MalformedFilesFailWithTheirErrorTextsAndKeepTheObject) {
   // What is not a regular file, or too large to be preferences, is refused without waiting
   // for a writer or reading it.
   std::string file(path);
-  std::pair<std::function<void()>, std::string_view> const paths[] = {
-      {[&] { ::mkfifo(file.c_str(), 0600); }, "FileException: Not a regular file"},
-      {[&] { std::filesystem::create_symlink("/dev/zero", file); },
-       "FileException: Not a regular file"},
+  std::vector<std::pair<std::function<void()>, std::string_view>> paths = {
       {[&] {
          fn::File(path).writeAll({});
          std::filesystem::resize_file(file, Preferences::MAX_FILE_SIZE + 1);
        },
        "DataFormatException: A preferences file may hold at most"},
   };
+  if (!testing_support::isWindows()) {
+    paths.push_back(
+        {[&] { testing_support::makeFifo(path); }, "FileException: Not a regular file"});
+    paths.push_back({[&] { std::filesystem::create_symlink("/dev/zero", file); },
+                     "FileException: Not a regular file"});
+  }
   for (auto const& [make, error] : paths) {
     fn::File(path).remove();
     make();
@@ -235,7 +238,7 @@ TEST(Preferences, AKilledWriterLeavesTheOldOrTheNewFile) {
                .capture = true});
     ASSERT_TRUE(testing_support::runLoopUntil(loop, [&] { return !writer->out().empty(); }));
     // Killed at points spread over a save.
-    ::usleep(static_cast<useconds_t>(round % 20) * 400);
+    std::this_thread::sleep_for(std::chrono::microseconds(round % 20 * 400));
     writer->kill(SIGKILL);
     ASSERT_EQ(writer->waitForExit(), -SIGKILL) << "the writer stopped on its own";
     ASSERT_NO_THROW(reader.reload()) << "round " << round;

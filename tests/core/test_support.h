@@ -4,13 +4,13 @@
 // resolves every location into, and the log capture.
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 
 #include "foundation/environment.h"
 #include "foundation/path_manager.h"
 #include "log_capture.h"
+#include "platform.h"
 
 namespace core::testing {
 
@@ -19,9 +19,7 @@ namespace core::testing {
 class TemporaryRoot {
 public:
   TemporaryRoot() {
-    char pattern[] = "/tmp/lumaren-core-test-XXXXXX";
-    _path = ::mkdtemp(pattern) ? pattern : "";
-    EXPECT_FALSE(_path.empty());
+    _path = testing_support::makeTemporaryDirectory("lumaren-core-test");
     fn::Environment::set(fn::PathManager::TEST_ROOT_VARIABLE, _path);
   }
   ~TemporaryRoot() {
@@ -43,9 +41,7 @@ private:
 class TemporaryRuntimeDirectory {
 public:
   TemporaryRuntimeDirectory() {
-    char pattern[] = "/tmp/lumaren-runtime-test-XXXXXX";
-    _path = ::mkdtemp(pattern) ? pattern : "";
-    EXPECT_FALSE(_path.empty());
+    _path = testing_support::makeTemporaryDirectory("lumaren-runtime-test");
     _previous = fn::Environment::get("XDG_RUNTIME_DIR");
     fn::Environment::set("XDG_RUNTIME_DIR", _path);
   }

@@ -8,12 +8,14 @@
 
 #include "foundation/date_time.h"
 #include "foundation/directory_iterator.h"
+#include "foundation/environment.h"
 #include "foundation/file.h"
 #include "foundation/hash.h"
 #include "foundation/log_file_target.h"
 #include "foundation/logging/category.h"
 #include "foundation/stream.h"
 #include "log_capture.h"
+#include "platform.h"
 #include "support.h"
 
 namespace fn {
@@ -78,11 +80,7 @@ TEST(Logging, SinksWithThresholdsOfTheirOwnOpenTheGateOnlyForTheirCategories) {
 
 class LogFileTargetTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/lumaren-logfile-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir = pattern;
-  }
+  void SetUp() override { dir = testing_support::makeTemporaryDirectory("lumaren-logfile"); }
   void TearDown() override { std::filesystem::remove_all(std::string(dir)); }
   String read(String const& name) const {
     File file(dir + "/" + name);
@@ -124,8 +122,8 @@ TEST_F(LogFileTargetTest, RotationKeepsTheCountOfFilesNewestFirst) {
 }
 
 TEST(DateTime, FormatsLocalTimeAndOtherHelpers) {
-  ::setenv("TZ", "UTC", 1);
-  ::tzset();
+  fn::Environment::set("TZ", "UTC");
+  tzset();
   LocalDateTime time(Timestamp::fromUnixSeconds(1709647629));
   EXPECT_EQ(DateTimeFormatter::format(time, DateTimeFormat::SORTABLE_FORMAT),
             "2024-03-05 14:07:09");

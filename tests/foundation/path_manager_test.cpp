@@ -2,30 +2,33 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 
 #include "foundation/environment.h"
 #include "foundation/exception.h"
 #include "foundation/file.h"
+#include "platform.h"
 
 namespace fn {
 namespace {
 
 TEST(PathManager, LocationsLiveUnderTheApplicationNameAndTheTestRoot) {
-  char pattern[] = "/tmp/lumaren-paths-XXXXXX";
-  ASSERT_NE(::mkdtemp(pattern), nullptr);
-  String root(pattern);
+  String root = testing_support::makeTemporaryDirectory("lumaren-paths");
   auto& paths = PathManager::instance();
   String previousName = paths.applicationName();
 
   Environment::unset(PathManager::TEST_ROOT_VARIABLE);
-  Environment::set("XDG_DATA_HOME", root + "/xdg-data");
-  EXPECT_EQ(paths.getPath(PathManager::USER_DATA, "x"), root + "/xdg-data/Lumaren/x");
-  Environment::set("XDG_DATA_HOME", "relative/ignored");
-  Environment::set("HOME", root + "/home");
-  EXPECT_EQ(paths.getPath(PathManager::USER_DATA), root + "/home/.local/share/Lumaren");
+  if (!testing_support::isWindows()) {
+    Environment::set("XDG_DATA_HOME", root + "/xdg-data");
+    EXPECT_EQ(paths.getPath(PathManager::USER_DATA, "x"), root + "/xdg-data/Lumaren/x");
+    Environment::set("XDG_DATA_HOME", "relative/ignored");
+    Environment::set("HOME", root + "/home");
+    EXPECT_EQ(paths.getPath(PathManager::USER_DATA), root + "/home/.local/share/Lumaren");
+  } else {
+    // A known folder of the user's, below which the application's name comes.
+    EXPECT_TRUE(paths.getPath(PathManager::USER_DATA).endsWith("/Lumaren"));
+  }
 
   Environment::set(PathManager::TEST_ROOT_VARIABLE, root);
   paths.setApplicationName("Orbisant");
@@ -36,9 +39,11 @@ TEST(PathManager, LocationsLiveUnderTheApplicationNameAndTheTestRoot) {
   EXPECT_EQ(created, root + "/data/Orbisant/logging_profiles/p.json");
   EXPECT_FALSE(File(created).exists());
   EXPECT_TRUE(File(root + "/data/Orbisant/logging_profiles").isDirectory());
-  struct stat info {};
-  ASSERT_EQ(::stat((root + "/data/Orbisant").c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 077, 0u);
+  if (!testing_support::isWindows()) {
+    auto permissions = std::filesystem::status(std::string(root + "/data/Orbisant")).permissions();
+    EXPECT_EQ(permissions & std::filesystem::perms::all & ~std::filesystem::perms::owner_all,
+              std::filesystem::perms::none);
+  }
   EXPECT_THROW(paths.getPath(4), RangeException);
 
   // The directory found from the running executable is proven by the module launch suite.

@@ -10,6 +10,7 @@
 #include "foundation/uv/loop.h"
 #include "foundation/uv/process.h"
 #include "log_capture.h"
+#include "platform.h"
 #include "support.h"
 
 namespace fn {
@@ -108,9 +109,15 @@ TEST(Process, GivenEnvironmentEntriesReplaceInheritedOnes) {
   uv::Loop loop;
   int64_t status = -1;
   uv::Process::Options options;
-  // Python keeps the first of duplicate entries, as getenv() does (a shell would take the last).
-  options.file = "/usr/bin/python3";
-  options.arguments = {"-c", "import os, sys; sys.exit(os.environ['HOME'] != '/given')"};
+  // Python keeps the first of duplicate entries, as getenv() does (a shell would take the last);
+  // Windows would not start a child with duplicates at all.
+  if (testing_support::isWindows()) {
+    options.file = "cmd.exe";
+    options.arguments = {"/d", "/c", "if", "%HOME%==/given", "(exit", "0)", "else", "(exit", "1)"};
+  } else {
+    options.file = "/usr/bin/python3";
+    options.arguments = {"-c", "import os, sys; sys.exit(os.environ['HOME'] != '/given')"};
+  }
   options.environment = {"HOME=/given"};
   auto child = uv::Process::spawn(loop, options, [&](int64_t s, int) { status = s; });
   loop.runUntil([&] { return status >= 0; });

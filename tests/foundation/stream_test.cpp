@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -7,6 +6,7 @@
 
 #include "foundation/uv/loop.h"
 #include "foundation/uv/pipe_stream.h"
+#include "platform.h"
 #include "support.h"
 
 namespace fn {
@@ -18,11 +18,10 @@ namespace {
 class PipeStreamTest : public ::testing::Test {
 protected:
   void SetUp() override {
-    char pattern[] = "/tmp/fn-stream-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    _dir = pattern;
+    _dir = testing_support::makeTemporaryDirectory("fn-stream");
     _server = uv::PipeStream::create(_loop);
-    ASSERT_TRUE(_server->bind(_dir + "/socket"));
+    _path = testing_support::localPipePath(_dir, "socket");
+    ASSERT_TRUE(_server->bind(_path));
     ASSERT_TRUE(_server->listen(8, [this](uv::Status status) {
       ASSERT_TRUE(status);
       _accepted = uv::PipeStream::create(_loop);
@@ -30,8 +29,7 @@ protected:
     }));
     _client = uv::PipeStream::create(_loop);
     bool connected = false;
-    _client->connect(_dir + "/socket",
-                     [&connected](uv::Status status) { connected = status.ok(); });
+    _client->connect(_path, [&connected](uv::Status status) { connected = status.ok(); });
     EXPECT_FALSE(connected);
     ASSERT_TRUE(testing::runLoopUntil(_loop, [&] { return connected && _accepted; }));
     _accepted->readStart([this](char const* bytes, ssize_t count) {
@@ -61,10 +59,11 @@ protected:
   int _eofs = 0;
   std::vector<int> _errors;
   String _dir;
+  String _path;
 };
 
 TEST_F(PipeStreamTest, ManyWritesInOneIterationArriveIntactAndInOrder) {
-  EXPECT_EQ(_accepted->peerUserId(), ::getuid());
+  EXPECT_TRUE(_accepted->peerIsSameUser());
   ByteArray expected;
   int writeCalls = 0;
   for (int i = 0; i < 500; ++i) {

@@ -3,7 +3,7 @@
 
 #include "test_module_library.h"
 
-#include <unistd.h>
+#include <uv.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -29,7 +29,7 @@ fn::String modeOfThisLaunch() {
   if (mode.empty())
     mode = "normal";
   if (fn::String launches = setting("LAUNCHES"); !launches.empty())
-    std::ofstream(launches, std::ios::app) << ::getpid() << ' ' << mode << '\n';
+    std::ofstream(launches, std::ios::app) << uv_os_getpid() << ' ' << mode << '\n';
   return mode;
 }
 
@@ -71,7 +71,7 @@ protected:
   void onConnected() override {
     fn::Value identity = fn::Value::map({{"module", COPY},
                                          {"tag", initData().workerTag()},
-                                         {"pid", ::getpid()},
+                                         {"pid", uv_os_getpid()},
                                          {"separateProcess", initData().separateProcess()},
                                          {"mode", _mode}});
     auto const& bus = ipc::MessageBus::processBus();

@@ -1,8 +1,7 @@
 #include "child_process.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <uv.h>
 
 #include <csignal>
 #include <fstream>
@@ -13,17 +12,33 @@ namespace testing_support {
 namespace {
 
 struct Pipe {
-  int read = -1;
-  int write = -1;
-  Pipe() {
-    int fds[2];
-    // Close-on-exec, so that no other child keeps an end open and an output never ends.
-    if (::pipe2(fds, O_CLOEXEC) != 0)
-      throw std::runtime_error("pipe2 failed");
+  uv_file read = -1;
+  uv_file write = -1;
+  // `nonBlockingRead`: the end this process reads through its loop.
+  explicit Pipe(bool nonBlockingRead = true) {
+    uv_file fds[2];
+    // Not inherited (close-on-exec), so that no other child keeps an end open and an output
+    // never ends.
+    if (uv_pipe(fds, nonBlockingRead ? UV_NONBLOCK_PIPE : 0, 0) != 0)
+      throw std::runtime_error("uv_pipe failed");
     read = fds[0];
     write = fds[1];
   }
 };
+
+void closeFile(uv_file fd) {
+  uv_fs_t request;
+  uv_fs_close(nullptr, &request, fd, nullptr);
+  uv_fs_req_cleanup(&request);
+}
+
+bool writeFile(uv_file fd, fn::String const& text) {
+  uv_buf_t buffer = uv_buf_init(const_cast<char*>(text.data()), static_cast<unsigned>(text.size()));
+  uv_fs_t request;
+  int written = uv_fs_write(nullptr, &request, fd, &buffer, 1, -1, nullptr);
+  uv_fs_req_cleanup(&request);
+  return written == static_cast<int>(text.size());
+}
 
 }  // namespace
 
@@ -34,13 +49,14 @@ std::unique_ptr<ChildProcess> ChildProcess::start(fn::uv::Loop& loop, Options co
   spawn.arguments = options.arguments;
   spawn.environment = options.environment;
   spawn.extraDescriptors = options.extraDescriptors;
+  spawn.standardInput = options.standardInput;
+  spawn.standardOutput = options.standardOutput;
   std::optional<Pipe> input, out, err;
   if (options.capture) {
-    input.emplace(), out.emplace(), err.emplace();
-    if (::write(input->write, options.input.data(), options.input.size()) !=
-        static_cast<ssize_t>(options.input.size()))
+    input.emplace(false), out.emplace(), err.emplace();
+    if (!writeFile(input->write, options.input))
       ADD_FAILURE() << "the input does not fit into a pipe";
-    ::close(input->write);
+    closeFile(input->write);
     spawn.standardInput = input->read;
     spawn.standardOutput = out->write;
     spawn.standardError = err->write;
@@ -51,8 +67,8 @@ std::unique_ptr<ChildProcess> ChildProcess::start(fn::uv::Loop& loop, Options co
     raw->_status = signal ? -signal : status;
   });
   if (options.capture) {
-    for (int fd : {input->read, out->write, err->write})
-      ::close(fd);
+    for (uv_file fd : {input->read, out->write, err->write})
+      closeFile(fd);
     child->capture(out->read, child->_out);
     child->capture(err->read, child->_err);
   }
@@ -84,7 +100,8 @@ void ChildProcess::capture(int fd, fn::String& into) {
 }
 
 ChildProcess::~ChildProcess() {
-  if (!_exited) {
+  // No process when the spawn itself failed.
+  if (_process && !_exited) {
     kill(SIGKILL);
     waitForExit();
   }
@@ -106,11 +123,15 @@ int64_t ChildProcess::waitForExit(fn::Duration timeout) {
 }
 
 bool processEnded(int pid) {
+  if (uv_kill(pid, 0) != 0)
+    return true;
+  // On Linux a child nobody reaped yet still answers; its state tells.
   std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
   std::string line;
-  std::getline(stat, line);
+  if (!std::getline(stat, line))
+    return false;
   auto state = line.rfind(") ");
-  return ::kill(pid, 0) != 0 || state == std::string::npos || line[state + 2] == 'Z';
+  return state != std::string::npos && line[state + 2] == 'Z';
 }
 
 }  // namespace testing_support

@@ -28,8 +28,11 @@ public:
     /// buffer.
     bool capture = false;
     fn::String input{};
-    /// Descriptors the child gets as 3, 4, ...
+    /// Descriptors the child gets as 3, 4, ... (not on Windows).
     std::vector<int> extraDescriptors{};
+    /// Without `capture`: descriptors that become the child's standard input and output.
+    int standardInput = -1;
+    int standardOutput = -1;
   };
 
   static std::unique_ptr<ChildProcess> start(fn::uv::Loop& loop, Options const& options);

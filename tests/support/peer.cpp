@@ -1,13 +1,8 @@
 #include "peer.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <pwd.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include <uv.h>
 
-#include <csignal>
 #include <cstring>
 
 #include "core/ipc/message.h"
@@ -16,22 +11,6 @@
 
 namespace testing_support {
 namespace {
-
-constexpr int CONTROL_FD = 3;
-
-bool writeAll(int fd, void const* data, size_t size) {
-  auto const* p = static_cast<uint8_t const*>(data);
-  while (size > 0) {
-    ssize_t n = ::write(fd, p, size);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return false;
-    p += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
 
 // Takes complete frames off the front of `buffer`.
 template <typename F>
@@ -48,77 +27,80 @@ void forEachFrame(fn::ByteArray& buffer, F&& f) {
   buffer.erase(buffer.begin(), buffer.begin() + static_cast<ptrdiff_t>(at));
 }
 
+bool isPing(uint8_t const* frame, size_t size) {
+  if (size <= 4)
+    return false;
+  fn::Value record = fn::mpack::decode(frame + 4, size - 4);
+  return record.get(ipc::key::TYPE).isInteger() &&
+         record.get(ipc::key::TYPE).asInt() == ipc::type::PING;
+}
+
 }  // namespace
 
+// The relay's control channel is its standard input (what the test sends) and output (the
+// frames the hub sent), so that it works the same wherever pipes can be inherited.
 int runPeerRelay(int argc, char** argv) {
   // argv: <exe> --peer <pipe path> [--no-pong] [--nobody]
   if (argc < 3)
     return 2;
-  // A hub that closes on us must end the relay through a failed write, not SIGPIPE.
-  ::signal(SIGPIPE, SIG_IGN);
   bool answerPings = true;
   for (int i = 3; i < argc; ++i) {
     if (std::strcmp(argv[i], "--no-pong") == 0)
       answerPings = false;
-    if (std::strcmp(argv[i], "--nobody") == 0) {
-      passwd* nobody = getpwnam("nobody");
-      if (!nobody || setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0)
-        return 4;
-    }
+    if (std::strcmp(argv[i], "--nobody") == 0 && !becomeNobody())
+      return 4;
   }
-  int hub = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, argv[2], sizeof address.sun_path - 1);
-  if (::connect(hub, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-    return 3;
-
+  fn::uv::Loop loop;
+  auto input = fn::uv::PipeStream::create(loop);
+  auto output = fn::uv::PipeStream::create(loop);
+  auto hub = fn::uv::PipeStream::create(loop);
+  if (!input->open(0).ok() || !output->open(1).ok())
+    return 5;
+  int exitCode = -1;
+  auto finish = [&](int code) {
+    if (exitCode < 0)
+      exitCode = code;
+  };
   fn::ByteArray fromHub;
-  uint8_t chunk[65536];
-  pollfd fds[2] = {{CONTROL_FD, POLLIN, 0}, {hub, POLLIN, 0}};
-  for (;;) {
-    if (::poll(fds, 2, -1) < 0) {
-      if (errno == EINTR)
-        continue;
-      return 5;
-    }
-    if (fds[0].revents) {
-      ssize_t n = ::read(CONTROL_FD, chunk, sizeof chunk);
-      if (n <= 0)
-        return 0;
-      if (!writeAll(hub, chunk, static_cast<size_t>(n)))
-        return 0;
-    }
-    if (fds[1].revents) {
-      ssize_t n = ::read(hub, chunk, sizeof chunk);
-      if (n <= 0)
-        return 0;
-      fromHub.append(chunk, static_cast<size_t>(n));
-      bool ok = true;
+  hub->connect(argv[2], [&](fn::uv::Status status) {
+    if (!status.ok())
+      return finish(3);
+    input->readStart([&](char const* bytes, ssize_t count) {
+      if (count < 0)
+        return finish(0);
+      hub->write(fn::ByteArray(bytes, bytes + count));
+    });
+    hub->readStart([&](char const* bytes, ssize_t count) {
+      if (count < 0)
+        return finish(0);
+      fromHub.append(reinterpret_cast<uint8_t const*>(bytes), static_cast<size_t>(count));
       forEachFrame(fromHub, [&](uint8_t const* frame, size_t size) {
-        if (answerPings && size > 4) {
-          fn::Value record = fn::mpack::decode(frame + 4, size - 4);
-          if (record.get(ipc::key::TYPE).isInteger() &&
-              record.get(ipc::key::TYPE).asInt() == ipc::type::PING) {
-            fn::ByteArray pong;
-            ipc::MessageWriter::encode(fn::Value::map({{ipc::key::TYPE, ipc::type::PONG}}), pong);
-            ok = ok && writeAll(hub, pong.data(), pong.size());
-            return;
-          }
+        if (answerPings && isPing(frame, size)) {
+          fn::ByteArray pong;
+          ipc::MessageWriter::encode(fn::Value::map({{ipc::key::TYPE, ipc::type::PONG}}), pong);
+          hub->write(pong);
+        } else {
+          output->write(fn::ByteArray(frame, frame + size));
         }
-        ok = ok && writeAll(CONTROL_FD, frame, size);
       });
-      if (!ok)
-        return 0;
-    }
-  }
+    });
+  });
+  loop.runUntil([&] { return exitCode >= 0; });
+  // What is still queued for either side goes out before the relay ends.
+  hub->close();
+  output->close();
+  input->close();
+  loop.runUntil([] { return false; });
+  return exitCode;
 }
 
 std::unique_ptr<Peer> Peer::start(fn::uv::Loop& loop,
                                   fn::String const& pipePath,
                                   PeerOptions options) {
-  int pair[2];
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
+  uv_file toRelay[2], fromRelay[2];
+  if (uv_pipe(toRelay, 0, UV_NONBLOCK_PIPE) != 0)
+    return nullptr;
+  if (uv_pipe(fromRelay, UV_NONBLOCK_PIPE, 0) != 0)
     return nullptr;
   std::unique_ptr<Peer> peer(new Peer(loop));
   std::vector<fn::String> arguments = {"--peer", pipePath};
@@ -126,15 +108,24 @@ std::unique_ptr<Peer> Peer::start(fn::uv::Loop& loop,
     arguments.push_back("--no-pong");
   if (options.asNobody)
     arguments.push_back("--nobody");
-  peer->_process = ChildProcess::startRole(loop, arguments, {pair[1]});
+  peer->_process = ChildProcess::start(loop, {.file = fn::uv::executablePath(),
+                                              .arguments = std::move(arguments),
+                                              .standardInput = toRelay[0],
+                                              .standardOutput = fromRelay[1]});
+  for (uv_file end : {toRelay[0], fromRelay[1]}) {
+    uv_fs_t request;
+    uv_fs_close(nullptr, &request, end, nullptr);
+    uv_fs_req_cleanup(&request);
+  }
   Peer* raw = peer.get();
-  ::close(pair[1]);
   peer->_control = fn::uv::PipeStream::create(loop);
-  peer->_control->open(pair[0]).throwOnError();
-  peer->_control->readStart([raw](char const* bytes, ssize_t count) {
+  peer->_control->open(toRelay[1]).throwOnError();
+  peer->_fromRelay = fn::uv::PipeStream::create(loop);
+  peer->_fromRelay->open(fromRelay[0]).throwOnError();
+  peer->_fromRelay->readStart([raw](char const* bytes, ssize_t count) {
     if (count <= 0)
       return;
-    raw->_buffer.append(bytes, static_cast<size_t>(count));
+    raw->_buffer.append(reinterpret_cast<uint8_t const*>(bytes), static_cast<size_t>(count));
     forEachFrame(raw->_buffer, [raw](uint8_t const* frame, size_t size) {
       raw->_received.push_back(size > 4 ? fn::mpack::decode(frame + 4, size - 4) : fn::Value());
     });
@@ -158,6 +149,9 @@ void Peer::close() {
   if (_control)
     _control->close();
   _control.reset();
+  if (_fromRelay)
+    _fromRelay->close();
+  _fromRelay.reset();
 }
 
 uint16_t Peer::hello(fn::String const& name, fn::String const& tag) {

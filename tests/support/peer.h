@@ -1,9 +1,9 @@
 #pragma once
 
 // A peer process for end-to-end tests: the test executable runs itself again as a byte relay
-// between a control socket and the hub's pipe. What the test sends goes to the hub verbatim
-// (whole frames, half frames, garbage); every frame the hub sends comes back to the test as a
-// record. The relay answers PINGs itself unless told not to, and quits when either side
+// between its standard input and output and the hub's pipe. What the test sends goes to the hub
+// verbatim (whole frames, half frames, garbage); every frame the hub sends comes back to the test
+// as a record. The relay answers PINGs itself unless told not to, and quits when either side
 // closes. So the hub deals with a real separate process that tests can kill or stop.
 
 #include <deque>
@@ -55,11 +55,16 @@ private:
   fn::uv::Loop& _loop;
   std::unique_ptr<ChildProcess> _process;
   fn::AutoPtr<fn::uv::PipeStream> _control;
+  fn::AutoPtr<fn::uv::PipeStream> _fromRelay;
   std::deque<fn::Value> _received;
   fn::ByteArray _buffer;
 };
 
 /// The relay's own main; the test executable calls it when started with "--peer".
 int runPeerRelay(int argc, char** argv);
+
+/// Switches the process to the user "nobody"; false where that cannot be done (not root, or
+/// Windows).
+bool becomeNobody();
 
 }  // namespace testing_support

@@ -264,7 +264,6 @@ int runTestModule(int argc, char** argv) {
   // argv: <exe> --module <name> <pipe path>
   if (argc < 4)
     return 2;
-  ::signal(SIGPIPE, SIG_IGN);
   fn::String name = argv[2];
   ModuleRoles roles = ModuleRoles::parse(argc, argv);
   fn::uv::Loop loop;

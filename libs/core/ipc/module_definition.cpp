@@ -70,6 +70,7 @@ void ExternalModule::launch(Dispatcher& dispatcher, fn::String const& tag) {
   options.arguments = arguments(dispatcher, tag);
   options.standardInput = 0;
   options.inheritOutput = true;
+  options.endWithThisProcess = true;
   options.environment = {fmt::format("{}={}", HUB_PROCESS_ID_VARIABLE, uv_os_getpid())};
   std::weak_ptr<ExternalModule*> alive = _lifetime;
   auto spawned = std::make_shared<fn::uv::Process*>(nullptr);

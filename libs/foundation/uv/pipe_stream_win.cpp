@@ -1,6 +1,7 @@
+#include <windows.h>
+
 #include <aclapi.h>
 #include <sddl.h>
-#include <windows.h>
 
 #include <memory>
 #include <vector>

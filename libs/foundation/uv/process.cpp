@@ -75,6 +75,8 @@ AutoPtr<Process> Process::spawn(Loop& loop, Options const& options, ExitCallback
   }
   process->retain();  // released by the close callback after the exit
   process->_pid = process->_process.pid;
+  if (options.endWithThisProcess)
+    process->endWithThisProcess();
   return process;
 }
 

@@ -34,6 +34,10 @@ public:
     int standardError = -1;
     /// Descriptors of this process that the child gets as 3, 4, ...
     std::vector<int> extraDescriptors;
+    /// The child is ended when this process ends, however it ends. On Windows a job object
+    /// does it; elsewhere the child has to ask its system itself (Linux: the parent-death
+    /// signal), since nothing can be arranged from the parent's side.
+    bool endWithThisProcess = false;
   };
 
   /// Starts the child; throws UVException when it cannot be started.
@@ -45,6 +49,7 @@ public:
 
 private:
   Process() = default;
+  void endWithThisProcess();
 
   uv_process_t _process{};
   ExitCallback _onExit;

@@ -1,5 +1,7 @@
 #include "foundation/uv/stream.h"
 
+#include <type_traits>
+
 #include "foundation/uv/loop.h"
 
 namespace fn::uv {
@@ -187,11 +189,24 @@ void Stream::close() {
   });
 }
 
+namespace {
+
+// A HANDLE on Windows, where nothing asks for a descriptor.
+template <typename Native>
+int descriptorOf(Native fd) {
+  if constexpr (std::is_integral_v<Native>)
+    return static_cast<int>(fd);
+  else
+    return -1;
+}
+
+}  // namespace
+
 int Stream::fileno() const {
   uv_os_fd_t fd;
   if (uv_fileno(reinterpret_cast<uv_handle_t const*>(_handle), &fd) < 0)
     return -1;
-  return static_cast<int>(fd);
+  return descriptorOf(fd);
 }
 
 }  // namespace fn::uv

@@ -1,13 +1,11 @@
 #include "core/ipc/dispatcher.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <filesystem>
 
 #include "foundation/environment.h"
 #include "hub_fixture.h"
+#include "platform.h"
 
 using namespace testing_support;
 using ipc::NO_WORKER;
@@ -206,13 +204,13 @@ TEST_F(HubTest, StoppedWorkerIsReportedNotRespondingButKeptConnected) {
       [&](auto const& info) { silent.push_back(info.workerId); });
   uint16_t a;
   auto peer = connect("A", a);
-  peer->process().kill(SIGSTOP);
+  ASSERT_TRUE(testing_support::suspendProcess(peer->process().pid(), true));
   ASSERT_TRUE(runLoopUntil(loop, [&] { return !silent.empty(); }));
   EXPECT_EQ(silent[0], a);
   EXPECT_EQ(hub().connectionCount(), 2u);  // the hub's own worker and A
 
   // Woken up, it answers the outstanding ping and is pinged again.
-  peer->process().kill(SIGCONT);
+  ASSERT_TRUE(testing_support::suspendProcess(peer->process().pid(), false));
   LogCapture log;
   fn::logging::CategoryManager::instance().setThreshold("ipc.dispatcher", fn::logging::TRC);
   ASSERT_TRUE(runLoopUntil(loop, [&] { return log.contains("Received PONG from worker A ($1)"); }));
@@ -268,12 +266,14 @@ TEST_F(HubTest, BadInputEndsAtMostThatConnection) {
 }
 
 TEST_F(HubTest, RefusesAPeerOfAnotherUser) {
-  if (geteuid() != 0)
-    GTEST_SKIP() << "needs root to run a peer as another user";
+  if (!testing_support::isRoot())
+    GTEST_SKIP() << "needs root (on POSIX) to run a peer as another user";
   // A runtime directory of this test's own: other tests must not see it opened up below.
-  char base[] = "/tmp/lumaren-refuse-XXXXXX";
-  ASSERT_NE(::mkdtemp(base), nullptr);
-  ::chmod(base, 0755);
+  fn::String base = testing_support::makeTemporaryDirectory("lumaren-refuse");
+  namespace fs = std::filesystem;
+  fs::permissions(std::string(base), fs::perms::owner_all | fs::perms::group_read |
+                                         fs::perms::group_exec | fs::perms::others_read |
+                                         fs::perms::others_exec);
   fn::String previous = fn::Environment::get("XDG_RUNTIME_DIR");
   fn::Environment::set("XDG_RUNTIME_DIR", base);
   startHub(fn::Duration::seconds(30));
@@ -285,13 +285,13 @@ TEST_F(HubTest, RefusesAPeerOfAnotherUser) {
 
   // ...and with the directory opened up, the hub itself refuses the peer.
   fn::String directory = hub().pipePath().substr(0, hub().pipePath().rfind('/'));
-  ::chmod(directory.c_str(), 0777);
-  ::chmod(hub().pipePath().c_str(), 0777);
+  fs::permissions(std::string(directory), fs::perms::all);
+  fs::permissions(std::string(hub().pipePath()), fs::perms::all);
   auto intruder = Peer::start(loop, hub().pipePath(), PeerOptions{.asNobody = true});
   intruder->send(fn::Value::map({{key::TYPE, type::HELLO}, {key::DISPLAY_NAME, "intruder"}}));
   EXPECT_EQ(intruder->process().waitForExit(), 0);  // the hub closed the connection
   for (auto const& r : intruder->received())
     EXPECT_FALSE(isType(r, type::HELLO));
   EXPECT_TRUE(log.contains("Refusing a connection from user"));
-  std::filesystem::remove_all(base);
+  std::filesystem::remove_all(std::string(base));
 }
