@@ -2,9 +2,10 @@
 // reserved size of 1 byte and the no-inherit mode (128), so child processes never hold its ends;
 // the saved standard error is kept from them too.
 
+#include <windows.h>
+
 #include <fcntl.h>
 #include <io.h>
-#include <windows.h>
 
 #include <cstdlib>
 
@@ -62,8 +63,8 @@ bool pipeEmpty(int fd) {
 // table runs in exit(), while they all still run.
 void atProcessExit(void (*hook)()) {
   using AtExit = int(__cdecl*)(void (*)());
-  auto processAtExit =
-      reinterpret_cast<AtExit>(GetProcAddress(GetModuleHandleW(L"msvcrt.dll"), "atexit"));
+  auto processAtExit = reinterpret_cast<AtExit>(
+      reinterpret_cast<void (*)()>(GetProcAddress(GetModuleHandleW(L"msvcrt.dll"), "atexit")));
   if (!processAtExit || processAtExit(hook) != 0)
     std::atexit(hook);
 }

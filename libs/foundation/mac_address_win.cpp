@@ -85,8 +85,8 @@ MacAddress MacAddress::fromIPAddress(IPAddress const& address) {
   // Looked up rather than imported: Wine lacks it, and an imported function it lacks aborts
   // the process when called.
   using Resolve = NETIO_STATUS(WINAPI*)(MIB_IPNET_ROW2*, SOCKADDR_INET const*);
-  auto resolve = reinterpret_cast<Resolve>(
-      GetProcAddress(GetModuleHandleW(L"iphlpapi.dll"), "ResolveIpNetEntry2"));
+  auto resolve = reinterpret_cast<Resolve>(reinterpret_cast<void (*)()>(
+      GetProcAddress(GetModuleHandleW(L"iphlpapi.dll"), "ResolveIpNetEntry2")));
   if (!resolve)
     fail("No neighbour answered for the address", address, ERROR_NOT_SUPPORTED);
   MIB_IPNET_ROW2 row{};
