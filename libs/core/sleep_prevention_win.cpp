@@ -2,7 +2,6 @@
 // whose execution state they change.
 
 #include "core/sleep_prevention_win.h"
-
 #include <windows.h>
 
 #include "core/sleep_prevention.h"

@@ -3,8 +3,9 @@
 // (no elevation moniker, no profile queries or rule enumeration in the newer interface) only
 // under Wine.
 
-#include <gtest/gtest.h>
 #include <windows.h>
+
+#include <gtest/gtest.h>
 
 #include "core/firewall_configurator.h"
 #include "log_capture.h"

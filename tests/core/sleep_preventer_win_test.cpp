@@ -1,8 +1,9 @@
 // Sleep prevention's calls of SetThreadExecutionState: the real call, watched through the
 // seam, and a system that refuses away mode or everything.
 
-#include <gtest/gtest.h>
 #include <windows.h>
+
+#include <gtest/gtest.h>
 
 #include <vector>
 
