@@ -1,5 +1,6 @@
 #include "core/network_signature.h"
 
+#include "core/network_adapter.h"
 #include "foundation/exception.h"
 #include "foundation/logging/category.h"
 #include "foundation/mac_address.h"
@@ -93,6 +94,10 @@ void NetworkSignature::notify(fn::String const& signature) const {
     if (listener->active)
       listener->function(signature);
   }
+}
+
+std::vector<fn::IPAddress> NetworkSignature::getActiveGateways() {
+  return selectActiveGateways(listNetworkAdapters());
 }
 
 fn::String NetworkSignature::computeNetworkSignature() {
