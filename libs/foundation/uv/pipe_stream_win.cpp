@@ -99,9 +99,9 @@ bool PipeStream::peerIsSameUser() const {
   HANDLE process = ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
   if (!process)
     return false;
-  std::vector<uint8_t> peer = tokenUser(process);
+  std::vector<uint8_t> user = tokenUser(process);
   ::CloseHandle(process);
-  return !peer.empty() && peer == tokenUser(::GetCurrentProcess());
+  return !user.empty() && user == tokenUser(::GetCurrentProcess());
 }
 
 }  // namespace fn::uv

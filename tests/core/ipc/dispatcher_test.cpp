@@ -307,7 +307,7 @@ TEST_F(HubTest, ASleepingWorkerPastItsQueueLimitIsCutOffWhileOthersGoOn) {
   ipc::ObjectId x = objectOf(a, 1);
   sender->send(message(x, s, fn::Value::map({{x, "Thing"}}), marker('x')));
   sleeper->expect(messageWith(marker('x')));
-  sleeper->process().kill(SIGSTOP);
+  ASSERT_TRUE(testing_support::suspendProcess(sleeper->process().pid(), true));
   // The socket's buffers take a few hundred KiB first; then the hub queues up to the limit.
   fn::ByteArray big(64 * 1024, 'x');
   for (int i = 0; i < 48; ++i)
@@ -323,7 +323,7 @@ TEST_F(HubTest, ASleepingWorkerPastItsQueueLimitIsCutOffWhileOthersGoOn) {
   sender->send(message(objectOf(a, 0), b, fn::Value::map(), marker('k')));
   bystander->expect(messageWith(marker('k')));
   EXPECT_EQ(hub().connectionCount(), 3u);
-  sleeper->process().kill(SIGCONT);
+  ASSERT_TRUE(testing_support::suspendProcess(sleeper->process().pid(), false));
 
   // An object its owner sends to itself is no holder's: its use goes back at once.
   sender->send(message(x, a, fn::Value::map({{x, "Thing"}}), marker('o')));
