@@ -313,8 +313,9 @@ TEST_F(CtlTest, WorkersListAndMonitorShowTheRunningHub) {
   });
   EXPECT_NE(answer, lines.end()) << monitor->out();
   EXPECT_TRUE(hub().monitored());
-  monitor->kill(SIGINT);
-  EXPECT_EQ(monitor->waitForExit(), 0) << monitor->err();
+  // Windows cannot interrupt a process of another console; it is ended instead.
+  monitor->kill(isWindows() ? SIGKILL : SIGINT);
+  EXPECT_EQ(monitor->waitForExit(), isWindows() ? -SIGKILL : 0) << monitor->err();
   // Gone with its tool: the hub routes without it again.
   EXPECT_TRUE(runLoopUntil(loop, [&] { return !hub().monitored(); }));
   // The service goes: the next listings no longer have it, nor its entry.
