@@ -5,12 +5,15 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh --windows
-deps=$(bash scripts/windows/build_deps.sh | tail -1)
+# The toolchain file reads the prefix from the environment: it is also read where the cache is
+# not (the compiler checks).
+LUMAREN_WIN_DEPS=$(bash scripts/windows/build_deps.sh | tail -1)
+export LUMAREN_WIN_DEPS
 # One Wine prefix for the whole run, kept outside the clone. Its server stays up from the build
 # (which lists each suite's cases by running it) to the last test, and goes with the run.
 export WINEPREFIX=${WINEPREFIX:-/var/cache/lumaren-mingw/wine} WINEDEBUG=-all
 bash scripts/windows/wine_prefix.sh
 trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
 bash scripts/build.sh build-win -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/mingw-w64-x86_64.cmake \
-  -DLUMAREN_WIN_DEPS="$deps"
+  -DLUMAREN_WIN_DEPS="$LUMAREN_WIN_DEPS"
 ctest --test-dir build-win --output-on-failure -j2 "$@"
