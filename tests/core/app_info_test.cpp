@@ -105,8 +105,9 @@ TEST(AppInfo, TheInstanceIdIsCreatedOnceAndSharedByEveryProcess) {
   EXPECT_TRUE(childIdentity().startsWith(id + " 0\n"));
   struct stat after {};
   ASSERT_EQ(::stat(path.c_str(), &after), 0);
-  if (!testing_support::isWindows())
+  if (!testing_support::isWindows()) {
     EXPECT_EQ(before.st_ino, after.st_ino) << "the file was rewritten";
+  }
 
   // An empty identifier is replaced by a new one, other members are kept.
   stored.root()["instanceId"] = "";
