@@ -1,9 +1,11 @@
 #include "core/process_lock.h"
 
 #include <gtest/gtest.h>
+#include <uv.h>
 
 #include <csignal>
 #include <optional>
+#include <string>
 #include <thread>
 
 #include "child_process.h"
@@ -19,12 +21,16 @@ namespace {
 
 using testing_support::ChildProcess;
 
-constexpr char const* ROLE = "lumaren-test-role";
+// Windows names the lock in the session's name space, not in the runtime directory, and the
+// suite's cases run side by side: each test process takes a name of its own.
+fn::String const ROLE = "lumaren-test-role-" + std::to_string(uv_os_getpid());
 
-// The child role "--hold": takes the lock, says whether it came first, and holds it until it
-// is killed.
-int holdLock(int, char**) {
-  ProcessLock lock(ROLE);
+// The child role "--hold ROLE": takes the lock, says whether it came first, and holds it until
+// it is killed.
+int holdLock(int argc, char** argv) {
+  if (argc < 3)
+    return 2;
+  ProcessLock lock(argv[2]);
   std::printf("%s\n", lock.exclusive() ? "exclusive" : "not exclusive");
   std::fflush(stdout);
   for (;;)
@@ -38,7 +44,7 @@ protected:
   /// A child that took the lock, once it said what it got.
   std::unique_ptr<ChildProcess> holder(fn::String& said) {
     auto child = ChildProcess::start(
-        loop, {.file = fn::uv::executablePath(), .arguments = {"--hold"}, .capture = true});
+        loop, {.file = fn::uv::executablePath(), .arguments = {"--hold", ROLE}, .capture = true});
     EXPECT_TRUE(testing_support::runLoopUntil(loop, [&] {
       return child->out().find('\n') != fn::String::npos || child->exited();
     })) << child->err();
