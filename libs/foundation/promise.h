@@ -11,8 +11,9 @@
 // then(). cancel() runs the cancellation handler at once (the consumer asked for it) and drops
 // the continuation, which then never runs, even when the result was already on its way.
 //
-// Ownership: a continuation holds the promise that then() returned; that promise holds its
-// upstream only weakly, so an abandoned chain is freed with its producer. The cancellation
+// Ownership: a promise holds the promise that then() returned (whose state holds the
+// continuation); that promise knows its upstream only while the upstream lives and has not
+// handed its result on, so an abandoned chain is freed with its producer. The cancellation
 // handler is released as soon as the promise settles or is cancelled, which breaks the cycle
 // of a producer that keeps the promise and hands the handler a reference to itself.
 
@@ -68,12 +69,27 @@ struct Flattened<Promise<U>> {
 /// Stands for "no rejection handler": the rejection passes on to the next promise.
 struct PassRejection {};
 
+/// What a settled promise hands its result to: the state of the promise that then() made,
+/// which holds the continuation itself, so that a link of a chain is one allocation.
+template <typename T>
+class Receiver {
+public:
+  using Stored = typename PromiseStorage<T>::Type;
+  virtual void receive(std::optional<Stored>&& value, std::exception_ptr error) = 0;
+  /// The promise upstream is gone, or done with this receiver.
+  virtual void detachUpstream() = 0;
+
+protected:
+  ~Receiver() = default;
+};
+
 template <typename T>
 class PromiseState : public RefCountedObject {
 public:
   using Stored = typename PromiseStorage<T>::Type;
-  using Continuation = std::move_only_function<void(std::optional<Stored>&&, std::exception_ptr)>;
   enum class Phase { Pending, Fulfilled, Rejected };
+
+  ~PromiseState() override { dropReceiver(); }
 
   void settle(Phase phase, std::optional<Stored> value, std::exception_ptr error) {
     if (_cancelled)
@@ -86,20 +102,26 @@ public:
     _value = std::move(value);
     _error = std::move(error);
     _cancelHandler = nullptr;
-    if (_continuation)
+    if (_receiver)
       schedule();
   }
 
-  void setContinuation(Continuation continuation) {
+  /// `receiver` is `owner` seen as a receiver; the state keeps `owner` until it hands the
+  /// result on or dies.
+  void setReceiver(AutoPtr<RefCountedObject> owner, Receiver<T>* receiver) {
     if (_hasContinuation) {
       debug::internal::assertionFailure(__FILE__, "then", __LINE__,
                                         "Promise already has a continuation");
+      receiver->detachUpstream();
       return;
     }
     _hasContinuation = true;
-    if (_cancelled)
+    if (_cancelled) {
+      receiver->detachUpstream();
       return;
-    _continuation = std::move(continuation);
+    }
+    _receiver = receiver;
+    _receiverOwner = std::move(owner);
     if (_phase != Phase::Pending)
       schedule();
   }
@@ -124,13 +146,22 @@ public:
     if (_cancelled)
       return;
     _cancelled = true;
-    _continuation = nullptr;
-    if (auto handler = std::exchange(_cancelHandler, nullptr))
-      handler();
+    dropReceiver();
+    onCancelled();
   }
 
   Phase phase() const { return _phase; }
   bool cancelled() const { return _cancelled; }
+
+protected:
+  /// Runs on the first cancel(): the producer's handler, or for a link of a chain the
+  /// cancellation of what it waits for.
+  virtual void onCancelled() {
+    if (auto handler = std::exchange(_cancelHandler, nullptr))
+      handler();
+  }
+  /// A link of a chain answers cancellation itself: nobody else may set a handler on it.
+  void reserveCancelHandler() { _hasCancelHandler = true; }
 
 private:
   void schedule() {
@@ -142,10 +173,19 @@ private:
   }
 
   void runContinuation() {
-    if (_cancelled || !_continuation)
+    if (_cancelled || !_receiver)
       return;
-    auto continuation = std::exchange(_continuation, nullptr);
-    continuation(std::move(_value), _error);
+    Receiver<T>* receiver = std::exchange(_receiver, nullptr);
+    AutoPtr<RefCountedObject> owner = std::move(_receiverOwner);
+    receiver->detachUpstream();
+    receiver->receive(std::move(_value), _error);
+  }
+
+  void dropReceiver() {
+    if (Receiver<T>* receiver = std::exchange(_receiver, nullptr)) {
+      receiver->detachUpstream();
+      _receiverOwner.reset();
+    }
   }
 
   RunLoop* _loop = RunLoop::currentLoop();
@@ -156,7 +196,8 @@ private:
   std::optional<Stored> _value;
   std::exception_ptr _error;
   std::move_only_function<void()> _cancelHandler;
-  Continuation _continuation;
+  Receiver<T>* _receiver = nullptr;
+  AutoPtr<RefCountedObject> _receiverOwner;
 };
 
 /// Settles `next` with what `inner` settles with, once it does.
@@ -171,7 +212,7 @@ void forward(Promise<R>& inner, Promise<R> next) {
 }
 
 template <typename R, typename Call>
-void settleWith(Promise<R>& next, Call&& call, std::optional<Promise<R>>* inner = nullptr) {
+void settleWith(Promise<R>& next, Call&& call, std::optional<Promise<R>>* inner) {
   try {
     if constexpr (Flattened<std::invoke_result_t<Call>>::isPromise) {
       *inner = call();
@@ -186,6 +227,58 @@ void settleWith(Promise<R>& next, Call&& call, std::optional<Promise<R>>* inner 
     next.reject(std::current_exception());
   }
 }
+
+/// The promise then() returns: it waits for `T` upstream, runs `onFulfilled` or `onRejected`
+/// with what arrives and settles with their result (R). It knows its upstream only while that
+/// lives and has not handed its result on, so an abandoned chain is freed with its producer,
+/// and cancelling it cancels the upstream promise and the promise a continuation returned.
+template <typename T, typename R, typename F, typename G>
+class ChainState final : public PromiseState<R>, public Receiver<T> {
+public:
+  using Stored = typename PromiseStorage<T>::Type;
+
+  ChainState(PromiseState<T>* upstream, F onFulfilled, G onRejected)
+      : _upstream(upstream),
+        _onFulfilled(std::move(onFulfilled)),
+        _onRejected(std::move(onRejected)) {
+    this->reserveCancelHandler();
+  }
+
+  void receive(std::optional<Stored>&& value, std::exception_ptr error) override {
+    Promise<R> next{AutoPtr<PromiseState<R>>(this)};
+    if (error) {
+      if constexpr (std::is_same_v<G, PassRejection>)
+        next.reject(std::move(error));
+      else
+        settleWith(
+            next, [&] { return _onRejected(error); }, &_inner);
+      return;
+    }
+    if constexpr (std::is_void_v<T>)
+      settleWith(
+          next, [&] { return _onFulfilled(); }, &_inner);
+    else
+      settleWith(
+          next, [&] { return _onFulfilled(std::move(*value)); }, &_inner);
+  }
+
+  void detachUpstream() override { _upstream = nullptr; }
+
+private:
+  void onCancelled() override {
+    if (PromiseState<T>* upstream = std::exchange(_upstream, nullptr)) {
+      AutoPtr<PromiseState<T>> keep(upstream);
+      upstream->cancel();
+    }
+    if (_inner)
+      _inner->cancel();
+  }
+
+  PromiseState<T>* _upstream;
+  F _onFulfilled;
+  G _onRejected;
+  std::optional<Promise<R>> _inner;
+};
 
 }  // namespace detail
 
@@ -268,6 +361,8 @@ public:
 private:
   template <typename U>
   friend class Promise;
+  template <typename, typename, typename, typename>
+  friend class detail::ChainState;
 
   explicit Promise(AutoPtr<State> state) : _state(std::move(state)) {}
 
@@ -275,35 +370,10 @@ private:
   auto chain(F onFulfilled, G onRejected) {
     using R = typename detail::Flattened<typename detail::ContinuationResult<F, T>::Type>::Type;
     FN_ASSERT_LOOP_THREAD();
-    Promise<R> next;
-    WeakReference<State> upstream(_state.get());
-    // The promise a continuation returned, so that cancelling `next` reaches it too.
-    std::shared_ptr<std::optional<Promise<R>>> inner;
-    if constexpr (detail::Flattened<typename detail::ContinuationResult<F, T>::Type>::isPromise)
-      inner = std::make_shared<std::optional<Promise<R>>>();
-    next.onCancel([upstream, inner] {
-      if (auto state = upstream.lock())
-        state->cancel();
-      if (inner && *inner)
-        (*inner)->cancel();
-    });
-    _state->setContinuation([next, inner, f = std::move(onFulfilled), g = std::move(onRejected)](
-                                std::optional<Stored>&& value, std::exception_ptr error) mutable {
-      if (error) {
-        if constexpr (std::is_same_v<G, detail::PassRejection>)
-          next.reject(std::move(error));
-        else
-          detail::settleWith(
-              next, [&] { return g(error); }, inner.get());
-        return;
-      }
-      if constexpr (std::is_void_v<T>)
-        detail::settleWith(
-            next, [&] { return f(); }, inner.get());
-      else
-        detail::settleWith(
-            next, [&] { return f(std::move(*value)); }, inner.get());
-    });
+    auto* link = new detail::ChainState<T, R, F, G>(_state.get(), std::move(onFulfilled),
+                                                    std::move(onRejected));
+    Promise<R> next{AutoPtr<typename Promise<R>::State>(link)};
+    _state->setReceiver(AutoPtr<RefCountedObject>(link), link);
     return next;
   }
 
