@@ -9,154 +9,79 @@ namespace fn::mpack {
 ValueSerializer::~ValueSerializer() = default;
 ValueDeserializer::~ValueDeserializer() = default;
 
-// Gathers small pieces in a buffer of its own and hands them to the ByteArray in few appends:
-// a record is a few dozen one- and two-byte pieces.
-class Writer {
-public:
-  explicit Writer(ByteArray& out) : _out(out) {}
-  ~Writer() { flush(); }
+void Encoder::signedInteger(int64_t v) {
+  if (v >= INT8_MIN)
+    return tagged<uint8_t>(0xd0, static_cast<uint8_t>(v));
+  if (v >= INT16_MIN)
+    return tagged<uint16_t>(0xd1, static_cast<uint16_t>(v));
+  if (v >= INT32_MIN)
+    return tagged<uint32_t>(0xd2, static_cast<uint32_t>(v));
+  tagged<uint64_t>(0xd3, static_cast<uint64_t>(v));
+}
 
-  void flush() {
-    if (_n) {
-      _out.append(_buffer, _n);
-      _n = 0;
-    }
+void Encoder::largeUnsignedInteger(uint64_t v) {
+  if (v <= 0xff)
+    return tagged<uint8_t>(0xcc, static_cast<uint8_t>(v));
+  if (v <= 0xffff)
+    return tagged<uint16_t>(0xcd, static_cast<uint16_t>(v));
+  if (v <= 0xffffffff)
+    return tagged<uint32_t>(0xce, static_cast<uint32_t>(v));
+  tagged<uint64_t>(0xcf, v);
+}
+
+void Encoder::floating(double d) {
+  tagged<uint64_t>(0xcb, std::bit_cast<uint64_t>(d));
+}
+
+void Encoder::arrayHeader(size_t n) {
+  if (n <= 15)
+    return u8(static_cast<uint8_t>(0x90 | n));
+  largeHeader(0xdc, n);
+}
+
+// 0xdc/0xdd for arrays, 0xde/0xdf for maps: a 16-bit count, else a 32-bit one.
+void Encoder::largeHeader(uint8_t tag16, size_t n) {
+  n <= 0xffff ? tagged<uint16_t>(tag16, static_cast<uint16_t>(n))
+              : tagged<uint32_t>(static_cast<uint8_t>(tag16 + 1), static_cast<uint32_t>(n));
+}
+
+void Encoder::sized(uint8_t tag8, size_t n) {
+  if (n <= 0xff)
+    tagged<uint8_t>(tag8, static_cast<uint8_t>(n));
+  else if (n <= 0xffff)
+    tagged<uint16_t>(static_cast<uint8_t>(tag8 + 1), static_cast<uint16_t>(n));
+  else
+    tagged<uint32_t>(static_cast<uint8_t>(tag8 + 2), static_cast<uint32_t>(n));
+}
+
+void Encoder::extension(int8_t code, uint8_t const* bytes, size_t n) {
+  switch (n) {
+    case 1:
+      u8(0xd4);
+      break;
+    case 2:
+      u8(0xd5);
+      break;
+    case 4:
+      u8(0xd6);
+      break;
+    case 8:
+      u8(0xd7);
+      break;
+    case 16:
+      u8(0xd8);
+      break;
+    default:
+      sized(0xc7, n);
+      break;
   }
-
-  void nil() { u8(0xc0); }
-  void boolean(bool b) { u8(b ? 0xc3 : 0xc2); }
-
-  void integer(int64_t v) {
-    if (v >= 0)
-      return unsignedInteger(static_cast<uint64_t>(v));
-    if (v >= -32)
-      return u8(static_cast<uint8_t>(v));
-    if (v >= INT8_MIN)
-      return tagged<uint8_t>(0xd0, static_cast<uint8_t>(v));
-    if (v >= INT16_MIN)
-      return tagged<uint16_t>(0xd1, static_cast<uint16_t>(v));
-    if (v >= INT32_MIN)
-      return tagged<uint32_t>(0xd2, static_cast<uint32_t>(v));
-    tagged<uint64_t>(0xd3, static_cast<uint64_t>(v));
-  }
-
-  void unsignedInteger(uint64_t v) {
-    if (v <= 0x7f)
-      return u8(static_cast<uint8_t>(v));
-    if (v <= 0xff)
-      return tagged<uint8_t>(0xcc, static_cast<uint8_t>(v));
-    if (v <= 0xffff)
-      return tagged<uint16_t>(0xcd, static_cast<uint16_t>(v));
-    if (v <= 0xffffffff)
-      return tagged<uint32_t>(0xce, static_cast<uint32_t>(v));
-    tagged<uint64_t>(0xcf, v);
-  }
-
-  void floating(double d) { tagged<uint64_t>(0xcb, std::bit_cast<uint64_t>(d)); }
-
-  void string(std::string_view text) {
-    size_t n = text.size();
-    if (n <= 31)
-      u8(static_cast<uint8_t>(0xa0 | n));
-    else
-      sized(0xd9, n);
-    put(text.data(), n);
-  }
-
-  void binary(uint8_t const* bytes, size_t n) {
-    sized(0xc4, n);
-    put(bytes, n);
-  }
-
-  void arrayHeader(size_t n) {
-    if (n <= 15)
-      return u8(static_cast<uint8_t>(0x90 | n));
-    n <= 0xffff ? tagged<uint16_t>(0xdc, static_cast<uint16_t>(n))
-                : tagged<uint32_t>(0xdd, static_cast<uint32_t>(n));
-  }
-
-  void mapHeader(size_t n) {
-    if (n <= 15)
-      return u8(static_cast<uint8_t>(0x80 | n));
-    n <= 0xffff ? tagged<uint16_t>(0xde, static_cast<uint16_t>(n))
-                : tagged<uint32_t>(0xdf, static_cast<uint32_t>(n));
-  }
-
-  void extension(int8_t code, uint8_t const* bytes, size_t n) {
-    switch (n) {
-      case 1:
-        u8(0xd4);
-        break;
-      case 2:
-        u8(0xd5);
-        break;
-      case 4:
-        u8(0xd6);
-        break;
-      case 8:
-        u8(0xd7);
-        break;
-      case 16:
-        u8(0xd8);
-        break;
-      default:
-        sized(0xc7, n);
-        break;
-    }
-    u8(static_cast<uint8_t>(code));
-    put(bytes, n);
-  }
-
-private:
-  // Lengths of strings, bytes and extensions: 8, 16 or 32 bits after `tag8`, with the 16-
-  // and 32-bit tags following it (0xd9 0xda 0xdb, 0xc4 0xc5 0xc6, 0xc7 0xc8 0xc9).
-  void sized(uint8_t tag8, size_t n) {
-    if (n <= 0xff)
-      tagged<uint8_t>(tag8, static_cast<uint8_t>(n));
-    else if (n <= 0xffff)
-      tagged<uint16_t>(static_cast<uint8_t>(tag8 + 1), static_cast<uint16_t>(n));
-    else
-      tagged<uint32_t>(static_cast<uint8_t>(tag8 + 2), static_cast<uint32_t>(n));
-  }
-
-  template <typename T>
-  void tagged(uint8_t tag, T value) {
-    uint8_t bytes[1 + sizeof(T)];
-    bytes[0] = tag;
-    for (size_t i = 0; i < sizeof(T); ++i)
-      bytes[1 + i] = static_cast<uint8_t>(value >> (8 * (sizeof(T) - 1 - i)));
-    put(bytes, sizeof bytes);
-  }
-
-  void u8(uint8_t b) {
-    if (_n == sizeof _buffer)
-      flush();
-    _buffer[_n++] = b;
-  }
-
-  void put(void const* bytes, size_t count) {
-    // An empty byte array has no data pointer, and memcpy must not be given a null one.
-    if (count == 0)
-      return;
-    if (count > sizeof _buffer - _n) {
-      flush();
-      if (count > sizeof _buffer) {
-        _out.append(bytes, count);
-        return;
-      }
-    }
-    std::memcpy(_buffer + _n, bytes, count);
-    _n += count;
-  }
-
-  ByteArray& _out;
-  uint8_t _buffer[512];
-  size_t _n = 0;
-};
+  u8(static_cast<uint8_t>(code));
+  put(bytes, n);
+}
 
 namespace {
 
-void pack(Writer& writer, Value const& value, ValueSerializer* hook) {
+void pack(Encoder& writer, Value const& value, ValueSerializer* hook) {
   switch (value.type()) {
     case Value::Type::Null:
       return writer.nil();
@@ -421,37 +346,13 @@ Value parseOne(uint8_t const* data,
 
 }  // namespace
 
-Encoder::Encoder(ByteArray& out) : _writer(std::make_unique<Writer>(out)) {}
-
-Encoder::~Encoder() = default;
-
-void Encoder::mapHeader(uint32_t entries) {
-  _writer->mapHeader(entries);
-}
-
-void Encoder::integer(int64_t value) {
-  _writer->integer(value);
-}
-
-void Encoder::unsignedInteger(uint64_t value) {
-  _writer->unsignedInteger(value);
-}
-
-void Encoder::binary(uint8_t const* bytes, size_t size) {
-  _writer->binary(bytes, size);
-}
-
 void Encoder::value(Value const& value, ValueSerializer* hook) {
-  pack(*_writer, value, hook);
-}
-
-void Encoder::flush() {
-  _writer->flush();
+  pack(*this, value, hook);
 }
 
 void encode(Value const& value, ByteArray& out, ValueSerializer* hook) {
-  Writer writer(out);
-  pack(writer, value, hook);
+  Encoder encoder(out);
+  pack(encoder, value, hook);
 }
 
 Value decode(uint8_t const* data, size_t size, ValueDeserializer* hook, Limits limits) {

@@ -4,8 +4,10 @@
 // map; object values become ext values through a ValueSerializer hook (or nil without one).
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 #include "foundation/byte_array.h"
 #include "foundation/export.h"
@@ -36,22 +38,98 @@ struct Limits {
 };
 
 /// Writes MessagePack piece by piece into a ByteArray, for hot paths that know their layout
-/// and need not build a Value first.
-/// What it writes reaches `out` at flush() or destruction.
-class Writer;
+/// and need not build a Value first. Small pieces gather in a buffer of the encoder's own and
+/// reach `out` in few appends, at flush() or destruction: a record is a few dozen one- and
+/// two-byte pieces.
 class FN_EXPORT Encoder {
 public:
-  explicit Encoder(ByteArray& out);
-  ~Encoder();
-  void mapHeader(uint32_t entries);
-  void integer(int64_t value);
-  void unsignedInteger(uint64_t value);
-  void binary(uint8_t const* bytes, size_t size);
+  explicit Encoder(ByteArray& out) : _out(out) {}
+  ~Encoder() { flush(); }
+  Encoder(Encoder const&) = delete;
+  Encoder& operator=(Encoder const&) = delete;
+
+  void nil() { u8(0xc0); }
+  void boolean(bool b) { u8(b ? 0xc3 : 0xc2); }
+  void integer(int64_t v) {
+    if (v >= 0)
+      return unsignedInteger(static_cast<uint64_t>(v));
+    if (v >= -32)
+      return u8(static_cast<uint8_t>(v));
+    signedInteger(v);
+  }
+  void unsignedInteger(uint64_t v) {
+    if (v <= 0x7f)
+      return u8(static_cast<uint8_t>(v));
+    largeUnsignedInteger(v);
+  }
+  void floating(double d);
+  void string(std::string_view text) {
+    size_t n = text.size();
+    if (n <= 31)
+      u8(static_cast<uint8_t>(0xa0 | n));
+    else
+      sized(0xd9, n);
+    put(text.data(), n);
+  }
+  void binary(uint8_t const* bytes, size_t n) {
+    sized(0xc4, n);
+    put(bytes, n);
+  }
+  void arrayHeader(size_t n);
+  void mapHeader(size_t n) {
+    if (n <= 15)
+      return u8(static_cast<uint8_t>(0x80 | n));
+    largeHeader(0xde, n);
+  }
+  void extension(int8_t code, uint8_t const* bytes, size_t n);
+  /// The whole of `value`; object values go through `hook` (nil without one).
   void value(Value const& value, ValueSerializer* hook = nullptr);
-  void flush();
+
+  void flush() {
+    if (_n) {
+      _out.append(_buffer, _n);
+      _n = 0;
+    }
+  }
 
 private:
-  std::unique_ptr<Writer> _writer;
+  void signedInteger(int64_t v);
+  void largeUnsignedInteger(uint64_t v);
+  void largeHeader(uint8_t tag16, size_t n);
+  // Lengths of strings, bytes and extensions: 8, 16 or 32 bits after `tag8`, with the 16-
+  // and 32-bit tags following it (0xd9 0xda 0xdb, 0xc4 0xc5 0xc6, 0xc7 0xc8 0xc9).
+  void sized(uint8_t tag8, size_t n);
+  template <typename T>
+  void tagged(uint8_t tag, T value) {
+    uint8_t bytes[1 + sizeof(T)];
+    bytes[0] = tag;
+    for (size_t i = 0; i < sizeof(T); ++i)
+      bytes[1 + i] = static_cast<uint8_t>(value >> (8 * (sizeof(T) - 1 - i)));
+    put(bytes, sizeof bytes);
+  }
+  void u8(uint8_t b) {
+    if (_n == sizeof _buffer)
+      flush();
+    _buffer[_n++] = b;
+  }
+  void put(void const* bytes, size_t count) {
+    // An empty byte array has no data pointer, and memcpy must not be given a null one.
+    if (count == 0)
+      return;
+    if (count > sizeof _buffer - _n) {
+      flush();
+      if (count > sizeof _buffer) {
+        _out.append(bytes, count);
+        return;
+      }
+    }
+    std::memcpy(_buffer + _n, bytes, count);
+    _n += count;
+  }
+
+  ByteArray& _out;
+  size_t _n = 0;
+  uint8_t _buffer[512];
 };
 
 /// Appends the encoding of `value` to `out`.

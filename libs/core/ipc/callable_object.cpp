@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "core/ipc/worker.h"
 #include "foundation/exception_factory.h"
 #include "foundation/logging/category.h"
 
@@ -161,19 +162,34 @@ fn::Promise<fn::Value> CallableObjectReference::callMethod(fn::String const& met
     return fn::Promise<fn::Value>::rejected(std::make_exception_ptr(ObjectDeadException()));
   uint32_t id = ++_lastRequestId;  // wraps after 2^32 calls, deliberately
   fn::Promise<fn::Value> promise;
-  _pendingCalls.insert_or_assign(id, promise);
-  sendMessage(fn::Value::map(
-      {{TYPE, CALL}, {METHOD_NAME, method}, {ARGUMENT, argument}, {REQUEST_ID, id}}));
+  _pendingCalls.insert(id, promise);
+  if (local()) {
+    sendMessage(fn::Value::map(
+        {{TYPE, CALL}, {METHOD_NAME, method}, {ARGUMENT, argument}, {REQUEST_ID, id}}));
+  } else {
+    // To another process the call goes straight to the wire, as the map above would be
+    // encoded (its keys in order), without building the map and copying the argument.
+    worker()->sendMessageToWorker(ownerOf(objectId()), objectId(),
+                                  [&](fn::mpack::Encoder& out, fn::mpack::ValueSerializer& hook) {
+                                    out.mapHeader(4);
+                                    out.string(ARGUMENT.asString());
+                                    out.value(argument, &hook);
+                                    out.string(METHOD_NAME.asString());
+                                    out.string(method);
+                                    out.string(REQUEST_ID.asString());
+                                    out.unsignedInteger(id);
+                                    out.string(TYPE.asString());
+                                    out.string(CALL);
+                                  });
+  }
   promise.onCancel(
       [self = fn::AutoPtr<CallableObjectReference>(this), id] { self->cancelCall(id); });
   return promise;
 }
 
 void CallableObjectReference::cancelCall(uint32_t requestId) {
-  auto found = _pendingCalls.find(requestId);
-  if (found == _pendingCalls.end())
+  if (!_pendingCalls.take(requestId))
     return;
-  _pendingCalls.erase(found);
   if (!dead())
     sendMessage(fn::Value::map({{TYPE, CANCEL}, {REQUEST_ID, requestId}}));
 }
@@ -195,27 +211,21 @@ void CallableObjectReference::dispatch(fn::Value const& message) {
   if (type == CALL_RESPONSE) {
     uint32_t id = requestIdOf(message.at(REQUEST_ID));
     fn::Value const& result = message.at(RESULT);
-    auto found = _pendingCalls.find(id);
-    if (found == _pendingCalls.end())
-      return;  // cancelled or already answered
-    fn::Promise<fn::Value> promise = std::move(found->second);
-    _pendingCalls.erase(found);
-    promise.resolve(result);
+    if (auto promise = _pendingCalls.take(id))
+      promise->resolve(result);  // else cancelled or already answered
   } else if (type == CALL_ERROR) {
     uint32_t id = requestIdOf(message.at(REQUEST_ID));
     fn::Value const& error = message.at(ERROR_KEY);
-    auto found = _pendingCalls.find(id);
-    if (found == _pendingCalls.end())
+    std::optional<fn::Promise<fn::Value>> promise = _pendingCalls.take(id);
+    if (!promise)
       return;
-    fn::Promise<fn::Value> promise = std::move(found->second);
-    _pendingCalls.erase(found);
     std::exception_ptr exception;
     try {
       exception = onError(error);
     } catch (...) {
       exception = std::current_exception();
     }
-    promise.reject(exception);
+    promise->reject(exception);
   } else if (type == EVENT) {
     onEvent(message.at(EVENT_NAME).asString(), message.get(ARGUMENT));
   }
@@ -224,8 +234,7 @@ void CallableObjectReference::dispatch(fn::Value const& message) {
 void CallableObjectReference::onObjectDead() {
   FN_ASSERT_LOOP_THREAD();
   fn::AutoPtr<CallableObjectReference> protect(this);
-  auto pending = std::exchange(_pendingCalls, {});
-  for (auto& [id, promise] : pending)
+  for (auto& [id, promise] : _pendingCalls.takeAll())
     promise.reject(std::make_exception_ptr(ObjectDeadException()));
 }
 
@@ -284,16 +293,41 @@ void CallableObjectInstance::onMethodCallCancelled(CallContext const&) {}
 
 void CallableObjectInstance::sendResult(CallContext const& context, fn::Value const& result) {
   FN_ASSERT_LOOP_THREAD();
-  sendMessage(
-      context.workerId,
-      fn::Value::map({{TYPE, CALL_RESPONSE}, {REQUEST_ID, context.requestId}, {RESULT, result}}));
+  sendAnswer(context, CALL_RESPONSE, RESULT, result);
 }
 
 void CallableObjectInstance::sendError(CallContext const& context, fn::Value const& error) {
   FN_ASSERT_LOOP_THREAD();
+  sendAnswer(context, CALL_ERROR, ERROR_KEY, error);
+}
+
+void CallableObjectInstance::sendAnswer(CallContext const& context,
+                                        std::string_view type,
+                                        fn::Value const& key,
+                                        fn::Value const& value) {
   sendMessage(
       context.workerId,
-      fn::Value::map({{TYPE, CALL_ERROR}, {REQUEST_ID, context.requestId}, {ERROR_KEY, error}}));
+      [&](fn::mpack::Encoder& out, fn::mpack::ValueSerializer& hook) {
+        // The map below as it would be encoded, keys in order ("ERROR" and "RESULT" fall on
+        // either side of "REQUEST_ID"); an answer costs no map and no copy of its value.
+        bool valueFirst = fn::Value::keyLess(key, REQUEST_ID);
+        out.mapHeader(3);
+        if (valueFirst) {
+          out.string(key.asString());
+          out.value(value, &hook);
+        }
+        out.string(REQUEST_ID.asString());
+        out.unsignedInteger(context.requestId);
+        if (!valueFirst) {
+          out.string(key.asString());
+          out.value(value, &hook);
+        }
+        out.string(TYPE.asString());
+        out.string(type);
+      },
+      [&] {
+        return fn::Value::map({{TYPE, type}, {REQUEST_ID, context.requestId}, {key, value}});
+      });
 }
 
 void CallableObjectInstance::sendError(CallContext const& context, fn::Exception const& error) {

@@ -17,10 +17,10 @@
 
 #include <cstdint>
 #include <exception>
-#include <map>
 
 #include "core/export.h"
 #include "core/ipc/object.h"
+#include "core/ipc/pending_calls.h"
 #include "foundation/exception.h"
 #include "foundation/promise.h"
 #include "foundation/value.h"
@@ -56,7 +56,7 @@ private:
   void cancelCall(uint32_t requestId);
 
   uint32_t _lastRequestId = 0;
-  std::map<uint32_t, fn::Promise<fn::Value>> _pendingCalls;
+  PendingCalls<fn::Promise<fn::Value>> _pendingCalls;
 };
 
 class CORE_EXPORT CallableObjectInstance : public ObjectInstance {
@@ -94,6 +94,12 @@ protected:
                             fn::String const& method,
                             fn::Value const& argument);
   virtual void onMethodCallCancelled(CallContext const& context);
+
+private:
+  void sendAnswer(CallContext const& context,
+                  std::string_view type,
+                  fn::Value const& key,
+                  fn::Value const& value);
 };
 
 /// The error value that describes `error`: an "FN_EXCEPTION" map with the class name, the

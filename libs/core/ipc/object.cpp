@@ -84,6 +84,16 @@ void ObjectInstance::sendMessage(uint16_t workerId, fn::Value const& message) {
       });
 }
 
+void ObjectInstance::sendMessage(uint16_t workerId,
+                                 WorkerObjectManager::PayloadWriter write,
+                                 fn::FunctionRef<fn::Value()> build) {
+  if (_ready && workerId != NO_WORKER && workerId != _worker.workerId()) {
+    _worker.sendMessageToWorker(workerId, _objectId, write);
+    return;
+  }
+  sendMessage(workerId, build());
+}
+
 void ObjectInstance::increateUsageCount() {
   ++_usageCount;
   retain();

@@ -17,7 +17,9 @@
 
 #include "core/export.h"
 #include "core/ipc/message.h"
+#include "core/ipc/worker_object_manager.h"
 #include "foundation/exception.h"
+#include "foundation/function_ref.h"
 #include "foundation/object.h"
 #include "foundation/run_loop.h"
 #include "foundation/signal.h"
@@ -56,6 +58,12 @@ public:
 
   /// Delivers `message` to the references in worker `workerId`; NO_WORKER reaches all.
   void sendMessage(uint16_t workerId, fn::Value const& message);
+  /// The same for a message that goes straight to the wire when it goes to another process
+  /// alone: `write` encodes it there; `build` makes it as a value for holders in this
+  /// process, and while the instance is still being set up.
+  void sendMessage(uint16_t workerId,
+                   WorkerObjectManager::PayloadWriter write,
+                   fn::FunctionRef<fn::Value()> build);
   void broadcast(fn::Value const& message) { sendMessage(NO_WORKER, message); }
 
   int32_t usageCount() const { return _usageCount; }

@@ -150,13 +150,22 @@ void Worker::sendMessageToDispatcher(fn::Value const& record) {
 }
 
 void Worker::sendMessageToWorker(uint16_t target, ObjectId objectId, fn::Value const& payload) {
+  sendMessageToWorker(target, objectId,
+                      [&](fn::mpack::Encoder& out, fn::mpack::ValueSerializer& hook) {
+                        out.value(payload, &hook);
+                      });
+}
+
+void Worker::sendMessageToWorker(uint16_t target,
+                                 ObjectId objectId,
+                                 WorkerObjectManager::PayloadWriter write) {
   FN_ASSERT_LOOP_THREAD();
   // The payload is encoded once into a scratch buffer and the frame written straight into
   // the stream: the hot path builds no record value.
   thread_local fn::ByteArray bytes;
   bytes.clear();
   fn::Value objects = fn::Value::map();
-  _objects.encodePayload(payload, bytes, objects);
+  _objects.encodePayload(write, bytes, objects);
   // The hub counts one use of each of our own objects per message that carries it; we hold
   // the instance once per counted use until the hub releases it.
   for (auto const& [id, name] : objects.asMap()) {

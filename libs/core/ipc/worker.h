@@ -116,6 +116,10 @@ public:
 
   void sendMessageToDispatcher(fn::Value const& record);
   void sendMessageToWorker(uint16_t target, ObjectId objectId, fn::Value const& payload);
+  /// The same with a payload written straight to the wire (no value built for it).
+  void sendMessageToWorker(uint16_t target,
+                           ObjectId objectId,
+                           WorkerObjectManager::PayloadWriter write);
 
   void onMessage(fn::Value const& record);
 

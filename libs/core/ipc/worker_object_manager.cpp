@@ -151,8 +151,17 @@ fn::AutoPtr<ObjectReference> WorkerObjectManager::createReference(ObjectId id,
 void WorkerObjectManager::encodePayload(fn::Value const& payload,
                                         fn::ByteArray& bytes,
                                         fn::Value& objects) {
+  encodePayload(
+      [&](fn::mpack::Encoder& out, fn::mpack::ValueSerializer& hook) { out.value(payload, &hook); },
+      bytes, objects);
+}
+
+void WorkerObjectManager::encodePayload(PayloadWriter write,
+                                        fn::ByteArray& bytes,
+                                        fn::Value& objects) {
   PayloadSerializer hook(objects);
-  fn::mpack::encode(payload, bytes, &hook);
+  fn::mpack::Encoder out(bytes);
+  write(out, hook);
 }
 
 fn::Value WorkerObjectManager::decodePayload(fn::ByteView bytes, fn::Value const& objects) {

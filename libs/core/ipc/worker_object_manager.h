@@ -14,6 +14,8 @@
 #include "core/export.h"
 #include "core/ipc/message.h"
 #include "foundation/byte_array.h"
+#include "foundation/function_ref.h"
+#include "foundation/mpack.h"
 #include "foundation/object.h"
 #include "foundation/value.h"
 
@@ -45,9 +47,14 @@ public:
   /// Maps `className` to a creator of references of that class.
   void registerReferenceClass(fn::String const& className, ReferenceCreator creator);
 
+  /// Writes a payload straight into an encoder, for senders that know its layout and need not
+  /// build a value; the objects in it go through the serializer it is given.
+  using PayloadWriter = fn::FunctionRef<void(fn::mpack::Encoder&, fn::mpack::ValueSerializer&)>;
+
   /// Encodes `payload` into `bytes`, listing every distinct object in `objects` (id to class
   /// name).
   void encodePayload(fn::Value const& payload, fn::ByteArray& bytes, fn::Value& objects);
+  void encodePayload(PayloadWriter write, fn::ByteArray& bytes, fn::Value& objects);
   /// Decodes a payload, resolving object ids to local references or held (or new) remote
   /// references, then counts one use per listed object for the remote references held.
   fn::Value decodePayload(fn::ByteView bytes, fn::Value const& objects);
