@@ -195,6 +195,10 @@ void CallableObjectReference::cancelCall(uint32_t requestId) {
 }
 
 void CallableObjectReference::onMessage(fn::Value const& message) {
+  takeMessage(fn::Value(message));
+}
+
+void CallableObjectReference::takeMessage(fn::Value&& message) {
   FN_ASSERT_LOOP_THREAD();
   // Whatever arrives is another process's bytes: a malformed reply is logged and dropped,
   // and the call it was meant for stays pending.
@@ -206,13 +210,13 @@ void CallableObjectReference::onMessage(fn::Value const& message) {
   }
 }
 
-void CallableObjectReference::dispatch(fn::Value const& message) {
+void CallableObjectReference::dispatch(fn::Value& message) {
   std::string_view type = typeOf(message);
   if (type == CALL_RESPONSE) {
     uint32_t id = requestIdOf(message.at(REQUEST_ID));
-    fn::Value const& result = message.at(RESULT);
+    fn::Value& result = const_cast<fn::Value&>(message.at(RESULT));  // ours to take apart
     if (auto promise = _pendingCalls.take(id))
-      promise->resolve(result);  // else cancelled or already answered
+      promise->resolve(std::move(result));  // else cancelled or already answered
   } else if (type == CALL_ERROR) {
     uint32_t id = requestIdOf(message.at(REQUEST_ID));
     fn::Value const& error = message.at(ERROR_KEY);

@@ -41,7 +41,11 @@ public:
   size_t pendingCallCount() const { return _pendingCalls.size(); }
 
 protected:
-  void onMessage(fn::Value const& message) override;
+  /// The call protocol's messages: answers, errors and events. Final, so that an answer's
+  /// value is moved into its promise; subclasses hear events through onEvent and shape errors
+  /// through onError.
+  void onMessage(fn::Value const& message) final;
+  void takeMessage(fn::Value&& message) final;
   /// Rejects every pending call, in ascending order of id, with ObjectDeadException.
   void onObjectDead() override;
 
@@ -52,7 +56,7 @@ protected:
   virtual void onEvent(fn::String const& name, fn::Value const& argument);
 
 private:
-  void dispatch(fn::Value const& message);
+  void dispatch(fn::Value& message);
   void cancelCall(uint32_t requestId);
 
   uint32_t _lastRequestId = 0;

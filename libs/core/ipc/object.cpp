@@ -77,11 +77,11 @@ void ObjectInstance::sendMessage(uint16_t workerId, fn::Value const& message) {
     return;
   // Deliveries still queued when the worker goes (a hub torn down with work pending) are
   // dropped: the objects would reach into a worker that no longer exists.
-  _worker.loop().post(
-      [reference, alive = _workerLifetime, converted = replaceInstanesWithReferences(message)] {
-        if (!alive.expired())
-          reference->onMessage(converted);
-      });
+  _worker.loop().post([reference, alive = _workerLifetime,
+                       converted = replaceInstanesWithReferences(message)]() mutable {
+    if (!alive.expired())
+      reference->takeMessage(std::move(converted));
+  });
 }
 
 void ObjectInstance::sendMessage(uint16_t workerId,
@@ -161,6 +161,10 @@ fn::String ObjectReference::toString() const {
 }
 
 void ObjectReference::onMessage(fn::Value const&) {}
+
+void ObjectReference::takeMessage(fn::Value&& message) {
+  onMessage(message);
+}
 void ObjectReference::onObjectDead() {}
 
 void ObjectReference::increaseUsageCount() {

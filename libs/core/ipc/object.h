@@ -122,6 +122,9 @@ protected:
   void deleteInstance() override;
 
   virtual void onMessage(fn::Value const& message);
+  /// A message delivered to this reference alone, which it may take apart instead of copying
+  /// from it; hands it to onMessage by default.
+  virtual void takeMessage(fn::Value&& message);
   virtual void onObjectDead();
 
 private:

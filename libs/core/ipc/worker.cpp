@@ -330,7 +330,7 @@ void Worker::deliver(ObjectId id,
     fn::AutoPtr<ObjectReference> reference = _objects.reference(id);
     if (!reference)
       return;
-    reference->onMessage(payload);
+    reference->takeMessage(std::move(payload));
   }
   scheduleTermination();
 }

@@ -42,6 +42,10 @@ public:
 
   uv_loop_t* raw() { return _loop; }
 
+  /// Whether this process may run on more than one CPU (read when the loop was made). With
+  /// one CPU, handing work to another process early only adds switches between the two.
+  bool hasParallelism() const { return _parallelism; }
+
   /// The buffer the loop's streams read into when their reader consumes each chunk inside its
   /// callback: one per loop instead of one per connection, which keeps idle connections
   /// small. Null while it is lent to a read callback (a nested read takes a buffer of its own).
@@ -71,6 +75,7 @@ private:
   std::mutex _remoteMutex;
   std::vector<Task> _remote;
   bool _stopped = false;
+  bool _parallelism = uv_available_parallelism() > 1;
   ByteArray _readBuffer;
   bool _readBufferLent = false;
 };
