@@ -252,7 +252,7 @@ private:
 
   void readString(Value& out, size_t n) {
     auto const* p = take(n);
-    out = Value(std::string_view(reinterpret_cast<char const*>(p), n));
+    out.assignString(std::string_view(reinterpret_cast<char const*>(p), n));
   }
 
   void readBinary(Value& out, size_t n) {

@@ -11,14 +11,15 @@ namespace {
 
 fn::logging::Category logCallable("ipc.callableObject");
 
-// Keys and values of the call protocol, exactly as they travel.
-fn::Value const TYPE("TYPE");
-fn::Value const METHOD_NAME("METHOD_NAME");
-fn::Value const ARGUMENT("ARGUMENT");
-fn::Value const REQUEST_ID("REQUEST_ID");
-fn::Value const RESULT("RESULT");
-fn::Value const ERROR_KEY("ERROR");
-fn::Value const EVENT_NAME("EVENT_NAME");
+// Keys and values of the call protocol, exactly as they travel. Keys are plain texts: a
+// record is searched for them without building a key value.
+constexpr char const TYPE[] = "TYPE";
+constexpr char const METHOD_NAME[] = "METHOD_NAME";
+constexpr char const ARGUMENT[] = "ARGUMENT";
+constexpr char const REQUEST_ID[] = "REQUEST_ID";
+constexpr char const RESULT[] = "RESULT";
+constexpr char const ERROR_KEY[] = "ERROR";
+constexpr char const EVENT_NAME[] = "EVENT_NAME";
 constexpr std::string_view CALL = "CALL";
 constexpr std::string_view CANCEL = "CANCEL";
 constexpr std::string_view CALL_RESPONSE = "CALL_RESPONSE";
@@ -27,20 +28,20 @@ constexpr std::string_view EVENT = "EVENT";
 
 // Error value of an fn::Exception.
 constexpr std::string_view FN_EXCEPTION = "FN_EXCEPTION";
-fn::Value const CLASS_NAME("CLASS_NAME");
-fn::Value const MESSAGE("MESSAGE");
-fn::Value const DETAIL("DETAIL");
-fn::Value const PATH("PATH");
-fn::Value const ERRNO("ERRNO");
-fn::Value const UV_ERRNO("UV_ERRNO");
-fn::Value const WIN_ERROR("WIN_ERROR");
-fn::Value const ERROR_CODE("ERROR_CODE");
-fn::Value const STACK_TRACE("STACK_TRACE");
-fn::Value const FRAME_ADDRESS("address");
-fn::Value const FRAME_MODULE("moduleName");
-fn::Value const FRAME_SYMBOL("symbolName");
-fn::Value const FRAME_FILE("fileName");
-fn::Value const FRAME_LINE("fileLine");
+constexpr char const CLASS_NAME[] = "CLASS_NAME";
+constexpr char const MESSAGE[] = "MESSAGE";
+constexpr char const DETAIL[] = "DETAIL";
+constexpr char const PATH[] = "PATH";
+constexpr char const ERRNO[] = "ERRNO";
+constexpr char const UV_ERRNO[] = "UV_ERRNO";
+constexpr char const WIN_ERROR[] = "WIN_ERROR";
+constexpr char const ERROR_CODE[] = "ERROR_CODE";
+constexpr char const STACK_TRACE[] = "STACK_TRACE";
+constexpr char const FRAME_ADDRESS[] = "address";
+constexpr char const FRAME_MODULE[] = "moduleName";
+constexpr char const FRAME_SYMBOL[] = "symbolName";
+constexpr char const FRAME_FILE[] = "fileName";
+constexpr char const FRAME_LINE[] = "fileLine";
 
 // A request id as it arrives: read as unsigned 32-bit, so the default -1 is 0xFFFFFFFF.
 uint32_t requestIdOf(fn::Value const& value) {
@@ -54,14 +55,14 @@ std::string_view typeOf(fn::Value const& message) {
   return type.isString() ? std::string_view(type.asString()) : std::string_view();
 }
 
-std::optional<fn::String> stringAt(fn::Value const& map, fn::Value const& key) {
+std::optional<fn::String> stringAt(fn::Value const& map, char const* key) {
   fn::Value const& value = map.get(key);
   if (!value.isString() || value.asString().empty())
     return std::nullopt;
   return value.asString();
 }
 
-std::optional<int64_t> integerAt(fn::Value const& map, fn::Value const& key) {
+std::optional<int64_t> integerAt(fn::Value const& map, char const* key) {
   fn::Value const& value = map.get(key);
   if (value.is(fn::Value::Type::Integer))
     return value.asInt();
@@ -172,13 +173,13 @@ fn::Promise<fn::Value> CallableObjectReference::callMethod(fn::String const& met
     worker()->sendMessageToWorker(ownerOf(objectId()), objectId(),
                                   [&](fn::mpack::Encoder& out, fn::mpack::ValueSerializer& hook) {
                                     out.mapHeader(4);
-                                    out.string(ARGUMENT.asString());
+                                    out.string(ARGUMENT);
                                     out.value(argument, &hook);
-                                    out.string(METHOD_NAME.asString());
+                                    out.string(METHOD_NAME);
                                     out.string(method);
-                                    out.string(REQUEST_ID.asString());
+                                    out.string(REQUEST_ID);
                                     out.unsignedInteger(id);
-                                    out.string(TYPE.asString());
+                                    out.string(TYPE);
                                     out.string(CALL);
                                   });
   }
@@ -307,26 +308,26 @@ void CallableObjectInstance::sendError(CallContext const& context, fn::Value con
 
 void CallableObjectInstance::sendAnswer(CallContext const& context,
                                         std::string_view type,
-                                        fn::Value const& key,
+                                        std::string_view key,
                                         fn::Value const& value) {
   sendMessage(
       context.workerId,
       [&](fn::mpack::Encoder& out, fn::mpack::ValueSerializer& hook) {
         // The map below as it would be encoded, keys in order ("ERROR" and "RESULT" fall on
         // either side of "REQUEST_ID"); an answer costs no map and no copy of its value.
-        bool valueFirst = fn::Value::keyLess(key, REQUEST_ID);
+        bool valueFirst = key < std::string_view(REQUEST_ID);
         out.mapHeader(3);
         if (valueFirst) {
-          out.string(key.asString());
+          out.string(key);
           out.value(value, &hook);
         }
-        out.string(REQUEST_ID.asString());
+        out.string(REQUEST_ID);
         out.unsignedInteger(context.requestId);
         if (!valueFirst) {
-          out.string(key.asString());
+          out.string(key);
           out.value(value, &hook);
         }
-        out.string(TYPE.asString());
+        out.string(TYPE);
         out.string(type);
       },
       [&] {

@@ -102,7 +102,7 @@ protected:
 private:
   void sendAnswer(CallContext const& context,
                   std::string_view type,
-                  fn::Value const& key,
+                  std::string_view key,
                   fn::Value const& value);
 };
 
