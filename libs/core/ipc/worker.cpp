@@ -361,10 +361,28 @@ bool Worker::canTerminate() {
 
 void Worker::scheduleTermination() {
   FN_ASSERT_LOOP_THREAD();
-  _terminationTimer.invalidate();
-  if (_terminating || !wantsTermination())
+  if (_terminating || !wantsTermination()) {
+    _terminationTimer.invalidate();
     return;
-  _terminationTimer = _loop.schedule(_options.idleTimeout, [this] { startTermination(); });
+  }
+  // Every delivery starts the idle period again. One timer serves them all: a timer per
+  // message would cost more than the message itself.
+  _activeAt = uv_now(_loop.uvLoop().raw());
+  if (!_terminationTimer.valid())
+    armTerminationTimer(_options.idleTimeout);
+}
+
+void Worker::armTerminationTimer(fn::Duration delay) {
+  _terminationTimer = _loop.schedule(delay, [this] {
+    // Woken before the whole period passed since the last delivery: wait for the rest.
+    auto idle =
+        fn::Duration::milliseconds(static_cast<int64_t>(uv_now(_loop.uvLoop().raw()) - _activeAt));
+    if (idle < _options.idleTimeout) {
+      armTerminationTimer(_options.idleTimeout - idle);
+      return;
+    }
+    startTermination();
+  });
 }
 
 void Worker::startTermination() {

@@ -145,10 +145,12 @@ private:
   void checkQueue();
   void takeRegistry();
   void terminationHandshakeDone(bool hidden);
+  void armTerminationTimer(fn::Duration delay);
 
   fn::Handle _terminationTimer;
   fn::Handle _overflowTimer;
   bool _terminating = false;
+  uint64_t _activeAt = 0;  // the loop's clock (ms) at the last delivery
   Delegate& _delegate;
   fn::RunLoop& _loop;
   fn::String _pipePath;
