@@ -169,22 +169,28 @@ TEST_F(WorkerTest, IdleWorkerRequestsTerminationOnlyWhenNothingIsInUse) {
   auto peer = connect("P", p);
   delegate.idleTermination = true;
   delegate.canTerminate = [] { return true; };
-  auto worker =
-      makeWorker(ipc::Worker::Options{.idleTimeout = fn::Duration::milliseconds(20)}, true);
+  auto idleTimeout = fn::Duration::milliseconds(150);
+  auto worker = makeWorker(ipc::Worker::Options{.idleTimeout = idleTimeout}, true);
+  auto requested = [&](fn::Duration within) {
+    return runLoopUntil(
+        loop, [&] { return delegate.terminationRequests > 0; }, within);
+  };
   // Connecting is not traffic: a worker that has never been used never ends on its own.
-  EXPECT_FALSE(runLoopUntil(
-      loop, [&] { return delegate.terminationRequests > 0; }, fn::Duration::milliseconds(200)));
+  EXPECT_FALSE(requested(fn::Duration::milliseconds(300)));
   fn::AutoPtr<Counter> counter(new Counter(*worker));
   worker->sendMessageToWorker(p, counter->objectId(), fn::Value::map({{"me", counter}}));
   peer->expectType(type::MESSAGE);
   // Busy while P holds the counter: the timer re-arms instead of asking.
   drainLoop(loop);
   worker->scheduleTermination();
-  bool fired = runLoopUntil(
-      loop, [&] { return delegate.terminationRequests > 0; }, fn::Duration::milliseconds(200));
-  EXPECT_FALSE(fired);
+  EXPECT_FALSE(requested(fn::Duration::milliseconds(300)));
   peer->send(HubTest::release(counter->objectId(), 1));
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return delegate.terminationRequests > 0; }));
+  // Each delivery starts the idle period again, for twice its length in all.
+  for (int i = 0; i < 12; ++i) {
+    peer->send(HubTest::message(counter->objectId(), worker->workerId()));
+    EXPECT_FALSE(requested(fn::Duration::milliseconds(25))) << i;
+  }
+  ASSERT_TRUE(requested(fn::Duration::seconds(5)));
   EXPECT_EQ(delegate.terminationRequests, 1);
 }
 
