@@ -51,7 +51,6 @@ void GMainContextIntegration::quit() {
 
 GMainContextIntegration::GMainContextIntegration(fn::uv::Loop& loop)
     : _context(g_main_context_default()),
-      _loop(loop),
       _poll(fn::makeAuto<PollState>()) {
   _prepareWatcher = fn::uv::PrepareWatcher::create(loop, [this] { doPrepare(); });
   _prepareWatcher->start();

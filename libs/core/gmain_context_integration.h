@@ -53,7 +53,6 @@ private:
   void pollFinished();
 
   GMainContext* _context;
-  fn::uv::Loop& _loop;
   fn::AutoPtr<fn::uv::PrepareWatcher> _prepareWatcher;
   fn::AutoPtr<fn::uv::Async> _pollDone;
   fn::AutoPtr<fn::uv::Async> _wakeup;

@@ -326,8 +326,9 @@ private:
     return _s.i < key ? -1 : (_s.i > key ? 1 : 0);
   }
 
-  Value const* findInteger(int64_t key) const;
-  Value const* findString(std::string_view key) const;
+  // Inline from their first declaration, so that a DLL build does not import them.
+  inline Value const* findInteger(int64_t key) const;
+  inline Value const* findString(std::string_view key) const;
   [[noreturn]] Value const& throwNoSuchKey(Value const& key) const;
   [[noreturn]] void throwWrongType(Type expected) const;
   [[noreturn]] void throwOutOfRange() const;

@@ -27,8 +27,9 @@ TEST(SharedLibrary, LoadsLibrariesFindsSymbolsAndExplainsFailures) {
     // The loader's own explanation travels as the detail.
     ASSERT_TRUE(e.info().detail);
     EXPECT_FALSE(e.info().detail->empty());
-    if (!windows)
+    if (!windows) {
       EXPECT_NE(e.info().detail->find("No such file"), String::npos) << *e.info().detail;
+    }
   }
   EXPECT_FALSE(missing.isLoaded());
 }
