@@ -5,10 +5,10 @@
 // Request ids are handed out in sequence; Fibonacci hashing spreads such runs evenly over the
 // slots (the low bits alone would make one long cluster of the calls in flight, which every
 // removal would have to walk). The table is open-addressed (linear probing, backward-shift
-// deletion, no tombstones); it grows at three quarters full and shrinks at an eighth. Once it has
-// grown to the usual number of calls in flight a call costs no allocation of its own, and a call
-// that is never answered costs one slot, not a stretch of them. Loop thread only, like its
-// reference.
+// deletion, no tombstones); it grows at three quarters full and, beyond 1,024 slots, shrinks
+// at an eighth. Once it has grown to the usual number of calls in flight a call costs no
+// allocation of its own, and a call that is never answered costs one slot, not a stretch of
+// them. Loop thread only, like its reference.
 
 #include <algorithm>
 #include <bit>
@@ -43,8 +43,9 @@ public:
       return std::nullopt;
     std::optional<T> taken = std::move(found->value);
     erase(static_cast<size_t>(found - _slots.data()));
-    // A burst of calls does not keep its table for good.
-    if (_slots.size() > MIN_CAPACITY && _size * 8 < _slots.size())
+    // A burst of calls does not keep its table for good; a table of the usual size stays,
+    // since a whole window of answers often arrives before the next calls go out.
+    if (_slots.size() > KEPT_CAPACITY && _size * 8 < _slots.size())
       resize(_slots.size() / 2);
     return taken;
   }
@@ -67,6 +68,7 @@ public:
 
 private:
   static constexpr size_t MIN_CAPACITY = 16;
+  static constexpr size_t KEPT_CAPACITY = 1024;
 
   struct Slot {
     uint32_t id = 0;
