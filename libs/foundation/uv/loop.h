@@ -5,7 +5,7 @@
 //
 // Besides posted tasks it offers end-of-iteration callbacks: work queued there runs after the
 // current batch of I/O callbacks and before the loop next waits, which is how streams gather
-// all the frames of one iteration into one write.
+// the frames of one iteration into few writes.
 
 #include <uv.h>
 
