@@ -1,8 +1,10 @@
 #include "core/password_manager.h"
 
 #include <algorithm>
+#include <filesystem>
 
 #include "foundation/exception.h"
+#include "foundation/file.h"
 #include "foundation/path_manager.h"
 
 namespace core {
@@ -63,6 +65,12 @@ void PasswordManagerGeneric::setPassword(std::string_view service,
   _preferences.reload();
   fn::Value& group = _preferences.root().mapForPath(servicePath(service));
   group[fn::Value(account)] = fn::Value(_encryption->encrypt(password));
+  // The first secret of a fresh profile makes the directory, which nothing asked for so far
+  // (the path was taken without creating it); the key file does that elsewhere, DPAPI keeps
+  // none.
+  auto directory = std::filesystem::path(std::string(_preferences.path())).parent_path();
+  if (!directory.empty())
+    fn::File(fn::String(directory.generic_string())).createDirectories(0700);
   _preferences.save();
 }
 
