@@ -14,13 +14,17 @@ namespace fn {
 template <typename Signature>
 class FunctionRef;
 
+/// A callable that a FunctionRef<R(A...)> may borrow: anything invocable so, but another
+/// FunctionRef, which is copied instead.
+template <typename F, typename R, typename... A>
+concept Borrowable = !std::is_same_v<std::remove_cvref_t<F>, FunctionRef<R(A...)>> &&
+                     std::is_invocable_r_v<R, F&, A...>;
+
 template <typename R, typename... A>
 class FunctionRef<R(A...)> {
 public:
-  template <typename F>
-  requires(!std::is_same_v<std::remove_cvref_t<F>, FunctionRef> &&
-           std::is_invocable_r_v<R, F&, A...>) FunctionRef(F&& f)
-  noexcept  // NOLINT: converts implicitly, as a lambda argument should
+  template <Borrowable<R, A...> F>
+  FunctionRef(F&& f) noexcept  // NOLINT: converts implicitly, as a lambda argument should
       : _object(const_cast<void*>(static_cast<void const*>(std::addressof(f)))),
         _call([](void* object, A... args) -> R {
           return std::invoke(*static_cast<std::remove_reference_t<F>*>(object),

@@ -2,7 +2,6 @@
 
 #include <vector>
 
-#include "core/ipc/worker.h"
 #include "foundation/exception_factory.h"
 #include "foundation/logging/category.h"
 
@@ -164,25 +163,24 @@ fn::Promise<fn::Value> CallableObjectReference::callMethod(fn::String const& met
   uint32_t id = ++_lastRequestId;  // wraps after 2^32 calls, deliberately
   fn::Promise<fn::Value> promise;
   _pendingCalls.insert(id, promise);
-  if (local()) {
-    sendMessage(fn::Value::map(
-        {{TYPE, CALL}, {METHOD_NAME, method}, {ARGUMENT, argument}, {REQUEST_ID, id}}));
-  } else {
-    // To another process the call goes straight to the wire, as the map above would be
-    // encoded (its keys in order), without building the map and copying the argument.
-    worker()->sendMessageToWorker(ownerOf(objectId()), objectId(),
-                                  [&](fn::mpack::Encoder& out, fn::mpack::ValueSerializer& hook) {
-                                    out.mapHeader(4);
-                                    out.string(ARGUMENT);
-                                    out.value(argument, &hook);
-                                    out.string(METHOD_NAME);
-                                    out.string(method);
-                                    out.string(REQUEST_ID);
-                                    out.unsignedInteger(id);
-                                    out.string(TYPE);
-                                    out.string(CALL);
-                                  });
-  }
+  // To another process the call goes straight to the wire, as the map below would be encoded
+  // (its keys in order), without building the map and copying the argument.
+  sendMessage(
+      [&](fn::mpack::Encoder& out, fn::mpack::ValueSerializer& hook) {
+        out.mapHeader(4);
+        out.string(ARGUMENT);
+        out.value(argument, &hook);
+        out.string(METHOD_NAME);
+        out.string(method);
+        out.string(REQUEST_ID);
+        out.unsignedInteger(id);
+        out.string(TYPE);
+        out.string(CALL);
+      },
+      [&] {
+        return fn::Value::map(
+            {{TYPE, CALL}, {METHOD_NAME, method}, {ARGUMENT, argument}, {REQUEST_ID, id}});
+      });
   promise.onCancel(
       [self = fn::AutoPtr<CallableObjectReference>(this), id] { self->cancelCall(id); });
   return promise;

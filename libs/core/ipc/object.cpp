@@ -151,6 +151,15 @@ void ObjectReference::sendMessage(fn::Value const& message) {
   _worker->sendMessageToWorker(ownerOf(_objectId), _objectId, message);
 }
 
+void ObjectReference::sendMessage(WorkerObjectManager::PayloadWriter write,
+                                  fn::FunctionRef<fn::Value()> build) {
+  if (_instance) {
+    sendMessage(build());
+    return;
+  }
+  _worker->sendMessageToWorker(ownerOf(_objectId), _objectId, write);
+}
+
 fn::String ObjectReference::className() const {
   return _className.empty() ? fn::demangledTypeName(typeid(*this)) : _className;
 }

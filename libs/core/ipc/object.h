@@ -107,6 +107,9 @@ public:
 
   /// Delivers `message` to the instance, posted.
   void sendMessage(fn::Value const& message);
+  /// The same for a message that goes straight to the wire when the instance lives in another
+  /// process: `write` encodes it there; `build` makes it as a value for a local instance.
+  void sendMessage(WorkerObjectManager::PayloadWriter write, fn::FunctionRef<fn::Value()> build);
 
   /// The class name that travelled with the object, or the demangled name of this class.
   virtual fn::String className() const;
