@@ -78,22 +78,16 @@ TEST(MessageHelper, FramesAreLengthPrefixedAndReassembledHoweverTheyAreCut) {
 }
 
 TEST(MessageHelper, BadStreamsAreReportedOnceAndIgnoredAfterwards) {
-  Collector oversized(100);
-  oversized.feed(fn::ByteArray{101, 0, 0, 0});
-  oversized.feed(frames({sample(1)}));
-  ASSERT_EQ(oversized.errors.size(), 1u);
-  EXPECT_EQ(oversized.errors[0].code(), UV_E2BIG);
-  EXPECT_TRUE(oversized.records.empty());
-
-  Collector garbage;
-  garbage.feed(fn::ByteArray{2, 0, 0, 0, 0xc1, 0x00});
-  garbage.feed(frames({sample(1)}));
-  ASSERT_EQ(garbage.errors.size(), 1u);
-  EXPECT_TRUE(garbage.records.empty());
-
-  Collector trailing;  // one value and a stray byte in one body
-  trailing.feed(fn::ByteArray{2, 0, 0, 0, 0x01, 0x02});
-  EXPECT_EQ(trailing.errors.size(), 1u);
+  // A frame over the limit, bytes that are not MessagePack, one value and a stray byte.
+  for (fn::ByteArray const& bad : {fn::ByteArray{101, 0, 0, 0}, fn::ByteArray{2, 0, 0, 0, 0xc1, 0},
+                                   fn::ByteArray{2, 0, 0, 0, 0x01, 0x02}}) {
+    Collector collector(100);
+    collector.feed(bad);
+    collector.feed(frames({sample(1)}));
+    ASSERT_EQ(collector.errors.size(), 1u) << bad.toHex();
+    EXPECT_TRUE(collector.records.empty()) << bad.toHex();
+    EXPECT_EQ(collector.errors[0].code() == UV_E2BIG, bad.size() == 4) << bad.toHex();
+  }
 
   Collector ended;
   ended.reader.feed(nullptr, UV_EOF);

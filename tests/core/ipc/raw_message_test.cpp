@@ -12,6 +12,7 @@ namespace key = ipc::key;
 namespace type = ipc::type;
 
 constexpr uint16_t SOURCES[] = {0, 1, 127, 128, 255, 256, 0xFFFE, 0xFFFF};
+fn::Value const EMPTY = fn::Value::map();
 
 fn::ByteArray encoded(fn::Value const& record) {
   fn::ByteArray body;
@@ -35,14 +36,11 @@ void expectSameAsDecoded(ipc::RawMessage const& raw, fn::ByteArray const& body) 
   ASSERT_NO_THROW(record = fn::mpack::decode(body.data(), body.size())) << body.toHex();
   EXPECT_EQ(record.at(key::TYPE).asInt(), type::MESSAGE);
   EXPECT_EQ(raw.target(), record.at(key::TARGET_WORKER_ID).to<uint16_t>());
-  if (raw.target() == ipc::NO_WORKER) {
+  if (raw.target() == ipc::NO_WORKER)
     EXPECT_EQ(raw.objectId(), record.at(key::OBJECT_ID).to<ipc::ObjectId>());
-  }
   std::vector<ipc::ObjectId> objects;
-  if (record.get(key::OBJECTS).isMap()) {
-    for (auto const& [id, name] : record.at(key::OBJECTS).asMap())
-      objects.push_back(id.asUInt());
-  }
+  for (auto const& [id, name] : record.get(key::OBJECTS, EMPTY).asMap())
+    objects.push_back(id.asUInt());
   EXPECT_EQ(raw.objects(), objects);
   for (uint16_t source : SOURCES) {
     fn::ByteArray frame;
@@ -148,19 +146,14 @@ TEST(RawMessage, AcceptsOnlyRecordsItForwardsAsTheDecoderWould) {
       fn::ByteArray body = original;
       int edits = 1 + static_cast<int>(random() % 3);
       for (int e = 0; e < edits; ++e) {
-        size_t at = random() % body.size();
-        switch (random() % 3) {
-          case 0:
-            body[at] = static_cast<uint8_t>(random());
-            break;
-          case 1:
-            body.insert(body.begin() + static_cast<ptrdiff_t>(at), static_cast<uint8_t>(random()));
-            break;
-          default:
-            if (body.size() > 1)
-              body.erase(body.begin() + static_cast<ptrdiff_t>(at));
-            break;
-        }
+        // Change, insert or remove a byte.
+        auto at = body.begin() + static_cast<ptrdiff_t>(random() % body.size());
+        if (auto edit = random() % 3; edit == 0)
+          *at = static_cast<uint8_t>(random());
+        else if (edit == 1)
+          body.insert(at, static_cast<uint8_t>(random()));
+        else if (body.size() > 1)
+          body.erase(at);
       }
       if (!raw.scan(body.data(), body.size()))
         continue;

@@ -24,36 +24,9 @@ std::vector<uint16_t> holdersOf(UsageTable const& table, ObjectId id) {
 
 }  // namespace
 
-TEST(UsageTable, ManyHoldersOfOneObjectAreCountedApartAndReleasedInAnyOrder) {
-  UsageTable table;
-  ObjectId x = objectOf(1, 7);
-  table.addInstanceUse(x);
-  for (uint16_t worker : {2, 3, 4, 5, 3, 5, 5})
-    table.addHolderUse(x, worker);
-  EXPECT_EQ(holdersOf(table, x), (std::vector<uint16_t>{2, 3, 4, 5}));
-  EXPECT_EQ(table.holderUses(x, 5), 3u);
-  bool tooMany = false;
-  // The first holder (kept in the slot itself) goes first: another takes its place.
-  EXPECT_EQ(table.releaseHolder(x, 2, 1, tooMany), Release::Done);
-  EXPECT_EQ(table.holderUses(x, 3), 2u);
-  EXPECT_EQ(table.releaseHolder(x, 2, 1, tooMany), Release::UnknownHolder);
-  EXPECT_EQ(table.releaseHolder(x, 5, 1, tooMany), Release::Done);
-  EXPECT_EQ(table.holderUses(x, 5), 2u);
-  EXPECT_EQ(table.releaseHolder(x, 4, 1, tooMany), Release::Done);
-  EXPECT_EQ(table.releaseHolder(x, 5, 9, tooMany), Release::Done);
-  EXPECT_TRUE(tooMany);
-  EXPECT_EQ(holdersOf(table, x), (std::vector<uint16_t>{3}));
-  EXPECT_EQ(table.releaseHolder(x, 3, 2, tooMany), Release::LastHolder);
-  EXPECT_FALSE(tooMany);
-  // The instance's uses wait for their release; then nothing is left.
-  EXPECT_EQ(table.objectCount(), 1u);
-  EXPECT_EQ(table.takeInstanceUses(x), 1u);
-  EXPECT_EQ(table.objectCount(), 0u);
-  EXPECT_EQ(table.releaseHolder(x, 3, 1, tooMany), Release::UnknownObject);
-}
-
-// Random uses, releases and deaths against a plain map: growth and the moving of entries on
-// erasure must keep every entry reachable.
+// Random uses, releases (of up to three uses at once) and deaths against a plain map: growth,
+// the holders beyond the one kept in the slot and the moving of entries on erasure must keep
+// every entry and every holder reachable.
 TEST(UsageTable, AgreesWithAPlainMapThroughGrowthErasureAndDeaths) {
   UsageTable table;
   std::map<ObjectId, std::pair<uint32_t, std::map<uint16_t, uint32_t>>> model;
@@ -73,8 +46,9 @@ TEST(UsageTable, AgreesWithAPlainMapThroughGrowthErasureAndDeaths) {
         ++model[id].second[worker];
         break;
       case 3: {
+        auto count = static_cast<uint32_t>(1 + random() % 3);
         bool tooMany = false;
-        Release result = table.releaseHolder(id, worker, 1, tooMany);
+        Release result = table.releaseHolder(id, worker, count, tooMany);
         auto found = model.find(id);
         if (found == model.end() || found->second.second.empty()) {
           EXPECT_EQ(result, Release::UnknownObject);
@@ -85,7 +59,8 @@ TEST(UsageTable, AgreesWithAPlainMapThroughGrowthErasureAndDeaths) {
           EXPECT_EQ(result, Release::UnknownHolder);
           break;
         }
-        if (--holders[worker] == 0)
+        EXPECT_EQ(tooMany, count > holders[worker]);
+        if ((holders[worker] -= std::min(holders[worker], count)) == 0)
           holders.erase(worker);
         EXPECT_EQ(result, holders.empty() ? Release::LastHolder : Release::Done);
         if (holders.empty() && found->second.first == 0)
@@ -123,7 +98,11 @@ TEST(UsageTable, AgreesWithAPlainMapThroughGrowthErasureAndDeaths) {
   ASSERT_EQ(table.objectCount(), model.size());
   for (auto const& [id, entry] : model) {
     EXPECT_EQ(table.instanceUses(id), entry.first);
-    for (auto const& [worker, count] : entry.second)
+    std::vector<uint16_t> holders;
+    for (auto const& [worker, count] : entry.second) {
       EXPECT_EQ(table.holderUses(id, worker), count);
+      holders.push_back(worker);
+    }
+    EXPECT_EQ(holdersOf(table, id), holders);
   }
 }
