@@ -15,25 +15,22 @@ namespace type = ipc::type;
 
 namespace {
 
+// Keeps what it receives or, if it does not keep messages, a null in their place, so that the
+// references in them die at once.
 class Counter : public ipc::ObjectInstance {
 public:
-  explicit Counter(ipc::Worker& worker) : ipc::ObjectInstance(worker) {}
+  explicit Counter(ipc::Worker& worker, bool keeps = true)
+      : ipc::ObjectInstance(worker),
+        _keeps(keeps) {}
   std::vector<std::pair<uint16_t, fn::Value>> received;
 
 protected:
   void onMessage(uint16_t source, fn::Value const& message) override {
-    received.emplace_back(source, message);
+    received.emplace_back(source, _keeps ? message : fn::Value());
   }
-};
 
-// Counts what it receives and keeps nothing of it.
-class Forgetful : public ipc::ObjectInstance {
-public:
-  explicit Forgetful(ipc::Worker& worker) : ipc::ObjectInstance(worker) {}
-  int received = 0;
-
-protected:
-  void onMessage(uint16_t, fn::Value const&) override { ++received; }
+private:
+  bool _keeps;
 };
 
 class Listener : public ipc::ObjectReference {
@@ -83,9 +80,6 @@ TEST_F(WorkerTest, InstanceLivesExactlyAsLongAsRemoteUsesAreCounted) {
   auto peer = connect("P", p);
   auto worker = makeWorker();
   EXPECT_EQ(delegate.connects, 1);
-  // Object ids carry the owner in the low bits.
-  EXPECT_EQ(worker->nextObjectId(), 2u);
-  EXPECT_EQ(worker->nextObjectId(), (1u << 16) + 2);
   fn::AutoPtr<Counter> counter(new Counter(*worker));
   fn::WeakReference<Counter> weak(counter);
 
@@ -122,15 +116,15 @@ TEST_F(WorkerTest, ReceivedReferencesAreCountedReleasedAndDieWithTheirOwner) {
   auto worker = makeWorker();
   worker->registerObjectReferenceClass<Listener>();
   fn::AutoPtr<Counter> inbox(new Counter(*worker));
-  ipc::ObjectId thing = HubTest::objectOf(p, 7);
-  ipc::ObjectId stray = HubTest::objectOf(p, 8);
+  ipc::ObjectId thing = HubTest::objectOf(p, 7), stray = HubTest::objectOf(p, 8);
+  auto carrying = [&](Counter& to, ipc::ObjectId object, fn::String className) {
+    return HubTest::message(to.objectId(), worker->workerId(),
+                            fn::Value::map({{object, className}}), payloadWithObject(object));
+  };
 
   // The object occurs in two messages: one reference, two uses. The class is known.
-  auto objects = fn::Value::map({{thing, "Listener"}});
-  peer->send(
-      HubTest::message(inbox->objectId(), worker->workerId(), objects, payloadWithObject(thing)));
-  peer->send(
-      HubTest::message(inbox->objectId(), worker->workerId(), objects, payloadWithObject(thing)));
+  peer->send(carrying(*inbox, thing, "Listener"));
+  peer->send(carrying(*inbox, thing, "Listener"));
   ASSERT_TRUE(runLoopUntil(loop, [&] { return inbox->received.size() == 2; }));
   auto* listener = inbox->received[0].second.at("thing").objectAs<Listener>();
   ASSERT_NE(listener, nullptr);
@@ -139,8 +133,7 @@ TEST_F(WorkerTest, ReceivedReferencesAreCountedReleasedAndDieWithTheirOwner) {
 
   // An unknown class still yields a reference, and says what is missing.
   LogCapture log;
-  peer->send(HubTest::message(inbox->objectId(), worker->workerId(),
-                              fn::Value::map({{stray, "Mystery"}}), payloadWithObject(stray)));
+  peer->send(carrying(*inbox, stray, "Mystery"));
   ASSERT_TRUE(runLoopUntil(loop, [&] { return inbox->received.size() == 3; }));
   EXPECT_TRUE(
       log.contains("Couldn't create reference for class Mystery. Did you call "
@@ -157,6 +150,18 @@ TEST_F(WorkerTest, ReceivedReferencesAreCountedReleasedAndDieWithTheirOwner) {
   EXPECT_EQ(released.at(key::OBJECT_ID), fn::Value(stray));
   EXPECT_EQ(released.at(key::USAGE_COUNT), fn::Value(1));
 
+  // Received twice in one read by an instance that lets go of it at once, so the second
+  // message finds the first reference dying: both uses still go back.
+  fn::AutoPtr<Counter> forgetful(new Counter(*worker, false));
+  ipc::ObjectId dropped = HubTest::objectOf(p, 9);
+  auto twice = carrying(*forgetful, dropped, "ipc::ObjectReference");
+  peer->sendRaw(frames({twice, twice}));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return forgetful->received.size() == 2; }));
+  released = peer->expectType(type::INSTANCE_RELEASE);
+  EXPECT_EQ(released.at(key::OBJECT_ID), fn::Value(dropped));
+  EXPECT_EQ(released.at(key::USAGE_COUNT), fn::Value(2));
+  EXPECT_EQ(hub().referenceUsageCount(dropped, worker->workerId()), 0u);
+
   // P dies: the reference becomes dead, its signal fires once, then onObjectDead.
   peer->process().kill(SIGKILL);
   ASSERT_TRUE(runLoopUntil(loop, [&] { return held->dead(); }));
@@ -169,8 +174,8 @@ TEST_F(WorkerTest, IdleWorkerRequestsTerminationOnlyWhenNothingIsInUse) {
   auto peer = connect("P", p);
   delegate.idleTermination = true;
   delegate.canTerminate = [] { return true; };
-  auto idleTimeout = fn::Duration::milliseconds(150);
-  auto worker = makeWorker(ipc::Worker::Options{.idleTimeout = idleTimeout}, true);
+  auto worker =
+      makeWorker(ipc::Worker::Options{.idleTimeout = fn::Duration::milliseconds(150)}, true);
   auto requested = [&](fn::Duration within) {
     return runLoopUntil(
         loop, [&] { return delegate.terminationRequests > 0; }, within);
@@ -204,29 +209,29 @@ TEST_F(WorkerTest, ABadRecordCostsOnlyItselfInAModuleAndInTheHubsOwnWorker) {
   uint16_t w = worker->workerId();
   ipc::ObjectId thing = HubTest::objectOf(p, 3);
 
-  fn::Value missingObject = HubTest::message(own, w);
+  auto to = [&](fn::ByteArray payload, fn::Value objects = fn::Value::map()) {
+    return HubTest::message(own, w, std::move(objects), std::move(payload));
+  };
+  fn::Value missingObject = to({0xc0}), mistypedObject = to({0xc0}), mistypedPayload = to({0xc0});
   missingObject.asMap().erase(fn::Value(key::OBJECT_ID));
-  fn::Value mistypedObject = HubTest::message(own, w);
   mistypedObject[key::OBJECT_ID] = "five";
-  fn::Value mistypedPayload = HubTest::message(own, w);
   mistypedPayload[key::PAYLOAD] = "bytes";
   std::vector<fn::Value> bad = {
-      HubTest::message(own, w, fn::Value::map(), fn::ByteArray{0xc1}),        // not MessagePack
-      HubTest::message(own, w, fn::Value::map(), fn::ByteArray{0x92, 0x01}),  // truncated
-      // An object id of 4 bytes, a fraction and a typed byte array that are not theirs.
-      HubTest::message(own, w, fn::Value::map({{thing, "X"}}),
-                       fn::ByteArray{0xd6, 0x01, 1, 2, 3, 4}),
-      HubTest::message(own, w, fn::Value::map(), fn::ByteArray{0xd4, 0x02, 0xc0}),
-      HubTest::message(own, w, fn::Value::map(), fn::ByteArray{0xd5, 0x03, 0xa0, 0xa0}),
-      missingObject, mistypedObject, mistypedPayload,
+      to({0xc1}),                                                    // not MessagePack
+      to({0x92, 0x01}),                                              // truncated
+      to({0xd6, 0x01, 1, 2, 3, 4}, fn::Value::map({{thing, "X"}})),  // an object id of 4 bytes
+      to({0xd4, 0x02, 0xc0}),                                        // not a fraction
+      to({0xd5, 0x03, 0xa0, 0xa0}),                                  // not a typed byte array
+      missingObject,
+      mistypedObject,
+      mistypedPayload,
       fn::Value::map({{key::TYPE, 99}}),  // a type nobody handles
   };
   // Each bad record, then a good one in the same write, then a good one in the next write.
   int expected = 0;
   for (size_t i = 0; i < bad.size(); ++i) {
-    peer->sendRaw(
-        frames({bad[i], HubTest::message(own, w, fn::Value::map(), fn::ByteArray{0xa1, 'a'})}));
-    peer->send(HubTest::message(own, w, fn::Value::map(), fn::ByteArray{0xa1, 'b'}));
+    peer->sendRaw(frames({bad[i], to({0xa1, 'a'})}));
+    peer->send(to({0xa1, 'b'}));
     expected += 2;
     ASSERT_TRUE(runLoopUntil(loop, [&] { return counter->received.size() == size_t(expected); }))
         << "after bad record " << i << ": " << ipc::translatePayload(bad[i]).toString();
@@ -262,89 +267,59 @@ TEST_F(WorkerTest, ABadRecordCostsOnlyItselfInAModuleAndInTheHubsOwnWorker) {
   EXPECT_TRUE(log.contains(fmt::format("Ignoring a bad call from worker {}", p)));
 }
 
-TEST_F(WorkerTest, UsesOfAReferenceReplacedBeforeItsDeletionRanAreAllGivenBack) {
-  // P owns the thing; the worker receives it twice in one read and lets go of it at once
-  // each time, so the second message finds the first reference dying.
+TEST_F(WorkerTest, TheConnectionEndsOnceWhenTheWorkerLeavesFloodsTheHubOrLosesIt) {
   uint16_t p;
   auto peer = connect("P", p);
-  auto worker = makeWorker();
-  fn::AutoPtr<Forgetful> forgetful(new Forgetful(*worker));
-  ipc::ObjectId thing = HubTest::objectOf(p, 9);
-  auto objects = fn::Value::map({{thing, "ipc::ObjectReference"}});
-  auto carrying = HubTest::message(forgetful->objectId(), worker->workerId(), objects,
-                                   payloadWithObject(thing));
-  peer->sendRaw(frames({carrying, carrying}));
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return forgetful->received == 2; }));
-  fn::Value released = peer->expectType(type::INSTANCE_RELEASE);
-  EXPECT_EQ(released.at(key::OBJECT_ID), fn::Value(thing));
-  EXPECT_EQ(released.at(key::USAGE_COUNT), fn::Value(2));
-  EXPECT_EQ(hub().referenceUsageCount(thing, worker->workerId()), 0u);
-}
+  LogCapture log;
+  std::vector<std::pair<uint16_t, int>> ends;  // worker id, status
+  std::vector<fn::Handle> watches;
+  auto watched = [&](ipc::Worker::Options options = {}) {
+    auto worker = makeWorker(options);
+    watches.push_back(
+        worker->onDisconnected().connect([&ends, id = worker->workerId()](fn::uv::Status const& s) {
+          ends.emplace_back(id, s.code());
+        }));
+    return worker;
+  };
 
-TEST_F(WorkerTest, HubNoticesReachTheDelegateAndALostHubIsSignalled) {
-  uint16_t p;
-  auto peer = connect("P", p);
-  auto worker = makeWorker();
-  // An instance that only the hub's accounting keeps alive.
-  fn::AutoPtr<Counter> counter(new Counter(*worker));
+  // The last message, queued just before leaving, still arrives; then the others hear of the
+  // departure like of any other, and the leaver sees the hub close its side.
+  auto leaver = watched();
+  uint16_t l = leaver->workerId();
+  leaver->sendMessageToWorker(p, (1u << 16) + l, fn::Value("bye"));
+  leaver->leave();
+  peer->expectType(type::MESSAGE);
+  EXPECT_EQ(peer->expectType(type::WORKER_DEAD).get(key::WORKER_ID).asInt(), l);
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return ends.size() == 1; }));
+  EXPECT_FALSE(log.contains("Received read error"));
+
+  // All written in one pass of the loop, so nothing reaches the kernel before the limit.
+  auto flooder = watched(ipc::Worker::Options{.maxQueuedBytes = 64 * 1024});
+  uint16_t f = flooder->workerId();
+  for (int i = 0; i < 8; ++i)
+    flooder->sendMessageToWorker(p, (1u << 16) + f, fn::Value(fn::ByteArray(16 * 1024, 'x')));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return ends.size() == 2; }));
+  EXPECT_TRUE(log.contains(fmt::format("Worker W ({}) leaves the hub, which is not reading: ", f)));
+  EXPECT_TRUE(log.contains("over the limit of 65536"));
+  EXPECT_EQ(peer->expectType(type::WORKER_DEAD).at(key::WORKER_ID).asInt(), f);
+
+  // A stopping hub is heard by the delegate, not as a lost connection; an instance that only
+  // the hub's accounting kept alive is given up once the hub is gone for good.
+  auto keeper = watched();
+  uint16_t k = keeper->workerId();
+  fn::AutoPtr<Counter> counter(new Counter(*keeper));
   fn::WeakReference<Counter> weak(counter);
-  worker->sendMessageToWorker(p, counter->objectId(), fn::Value::map({{"me", counter}}));
+  keeper->sendMessageToWorker(p, counter->objectId(), fn::Value::map({{"me", counter}}));
   peer->expectType(type::MESSAGE);
   counter.reset();
-  std::vector<int> codes;
-  auto lost =
-      worker->onDisconnected().connect([&](fn::uv::Status const& s) { codes.push_back(s.code()); });
   bool stopped = false;
   hub().stop(fn::Duration::milliseconds(1), [&] { stopped = true; });
   ASSERT_TRUE(runLoopUntil(loop, [&] { return delegate.quits == 1 && stopped; }));
-  EXPECT_TRUE(codes.empty());
-
-  // Then the hub goes away for good.
+  EXPECT_EQ(ends.size(), 2u);
   startHub(fn::Duration::seconds(30));  // replaces (and so destroys) the first hub
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return codes.size() == 1; }));
-  // Nobody will ever release the counted use now: the worker gave it up itself.
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return weak.expired(); }));
-}
-
-TEST_F(WorkerTest, ALeavingWorkerSendsWhatItQueuedAndLetsTheHubClose) {
-  uint16_t p;
-  auto peer = connect("P", p);
-  auto worker = makeWorker();
-  LogCapture log;
-  bool lost = false;
-  auto disconnected = worker->onDisconnected().connect([&](fn::uv::Status const& status) {
-    lost = true;
-    EXPECT_EQ(status.code(), UV_EOF);
-  });
-  // The last message, queued just before leaving, still arrives; then the others hear of the
-  // departure like of any other, and the leaver sees the hub close its side.
-  worker->sendMessageToWorker(p, (1u << 16) + worker->workerId(), fn::Value("bye"));
-  worker->leave();
-  peer->expectType(type::MESSAGE);
-  EXPECT_EQ(peer->expectType(type::WORKER_DEAD).get(key::WORKER_ID).asInt(), worker->workerId());
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return lost; }));
-  EXPECT_FALSE(log.contains("Received read error"));
-}
-
-TEST_F(WorkerTest, AWorkerPastItsQueueLimitToTheHubLeaves) {
-  uint16_t p;
-  auto peer = connect("P", p);
-  auto worker = makeWorker(ipc::Worker::Options{.maxQueuedBytes = 64 * 1024});
-  LogCapture log;
-  std::vector<int> codes;
-  auto lost = worker->onDisconnected().connect(
-      [&](fn::uv::Status const& status) { codes.push_back(status.code()); });
-  // All written in one pass of the loop, so nothing reaches the kernel before the limit.
-  for (int i = 0; i < 8; ++i) {
-    worker->sendMessageToWorker(p, (1u << 16) + worker->workerId(),
-                                fn::Value(fn::ByteArray(16 * 1024, 'x')));
-  }
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return !codes.empty(); }));
-  EXPECT_EQ(codes, std::vector<int>{UV_ENOBUFS});
-  EXPECT_TRUE(log.contains(
-      fmt::format("Worker W ({}) leaves the hub, which is not reading: ", worker->workerId())));
-  EXPECT_TRUE(log.contains("over the limit of 65536"));
-  EXPECT_EQ(peer->expectType(type::WORKER_DEAD).at(key::WORKER_ID).asInt(), worker->workerId());
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return ends.size() == 3 && weak.expired(); }));
+  EXPECT_EQ(ends,
+            (std::vector<std::pair<uint16_t, int>>{{l, UV_EOF}, {f, UV_ENOBUFS}, {k, UV_EOF}}));
 }
 
 TEST(ObjectLocal, DeliveriesArePostedAndConstructorMessagesWaitForReadiness) {
