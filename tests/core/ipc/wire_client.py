@@ -1,8 +1,7 @@
 #!/usr/bin/python3
 """A hub client that knows only the wire format (4-byte little-endian length, then a MessagePack
-map with integer keys). usage: wire_client.py PIPE_PATH REPORT_PATH. It answers PINGs, answers a
-post to object 0 with a MESSAGE carrying one of its objects, and ends once that is released."""
-import json
+map with integer keys). usage: wire_client.py PIPE_PATH. Answers PINGs and a post to object 0 (to
+the poster: one of its objects, what it heard); exits 0 once pinged and that object released."""
 import socket
 import struct
 import sys
@@ -34,39 +33,30 @@ def frames(sock):
 
 
 def main():
-    pipe, report_path = sys.argv[1], sys.argv[2]
-    report = {"pongs": 0}
     sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     sock.settimeout(20)
-    sock.connect(pipe)
+    sock.connect(sys.argv[1])
     send(sock, {TYPE: HELLO, DISPLAY_NAME: "python", TAG: "wire"})
-    my_id = None
-    thing = None
+    thing, pinged, released = None, False, None
     for record in frames(sock):
         kind = record.get(TYPE)
         if kind == HELLO:
-            my_id = record[WORKER_ID]
-            report["id"] = my_id
-            thing = (1 << 16) + my_id
+            thing = (1 << 16) + record[WORKER_ID]
         elif kind == PING:
             send(sock, {TYPE: PONG})
-            report["pongs"] += 1
+            pinged = True
         elif kind == MESSAGE and record[OBJECT_ID] == 0:
-            peer = record[SOURCE]
-            report["announced_by"] = peer
-            report["announcement"] = msgpack.unpackb(record[PAYLOAD], raw=False)
             # The object travels as ext type 1 with its 8-byte little-endian id.
-            payload = msgpack.packb({"thing": msgpack.ExtType(1, struct.pack("<Q", thing))},
-                                    use_bin_type=True)
-            send(sock, {TYPE: MESSAGE, OBJECT_ID: thing, TARGET: peer, PAYLOAD: payload,
+            payload = msgpack.packb({"thing": msgpack.ExtType(1, struct.pack("<Q", thing)),
+                                     "heard": msgpack.unpackb(record[PAYLOAD], raw=False),
+                                     "from": record[SOURCE]}, use_bin_type=True)
+            send(sock, {TYPE: MESSAGE, OBJECT_ID: thing, TARGET: record[SOURCE], PAYLOAD: payload,
                         OBJECTS: {thing: "PyThing"}})
         elif kind == INSTANCE_RELEASE:
-            report["released"] = [record[OBJECT_ID], record[USAGE]]
+            released = [record[OBJECT_ID], record[USAGE]]
+        if pinged and released:
             break
-    with open(report_path, "w") as out:
-        json.dump(report, out)
-    ok = report.get("released") == [thing, 1] and report["pongs"] > 0
-    sys.exit(0 if ok else 1)
+    sys.exit(0 if pinged and released == [thing, 1] else 1)
 
 
 if __name__ == "__main__":
