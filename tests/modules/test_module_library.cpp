@@ -50,8 +50,6 @@ protected:
                     fn::Value const& argument) override {
     if (method == "whoAmI") {
       sendResult(context, _identity);
-    } else if (method == "echo") {
-      sendResult(context, argument);
     } else if (method == "exit") {
       if (!_identity.get("separateProcess").asBool())
         throw fn::IllegalStateException("A module inside the hub does not end the hub");

@@ -24,7 +24,6 @@
 //
 // The service ("<copy>Service" in the registry, priority 0) answers these methods:
 //   "whoAmI"  {"module": copy name, "tag", "pid", "separateProcess", "mode"}
-//   "echo"    its argument
 //   "exit"    ends the process at once with the given status (no answer); in the hub it fails
 //
 // Bus messages (namespaces below), each with {"module", "tag", "pid", "separateProcess",
@@ -58,8 +57,7 @@ inline fn::String serviceClass(fn::String const& copy) {
 template <bool B>
 class ServiceReference : public ipc::CallableObjectReference {
 public:
-  explicit ServiceReference(ipc::ObjectReferenceInitializer& initializer)
-      : ipc::CallableObjectReference(initializer) {}
+  using ipc::CallableObjectReference::CallableObjectReference;
   fn::String className() const override { return serviceClass(B ? TEST_MODULE_B : TEST_MODULE); }
 };
 

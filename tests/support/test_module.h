@@ -21,8 +21,7 @@ namespace testing_support {
 /// A reference to a TestService; records the events it hears, in order.
 class ServiceReference : public ipc::CallableObjectReference {
 public:
-  explicit ServiceReference(ipc::ObjectReferenceInitializer& initializer)
-      : ipc::CallableObjectReference(initializer) {}
+  using ipc::CallableObjectReference::CallableObjectReference;
   fn::String className() const override { return "TestService"; }
 
   std::vector<std::pair<fn::String, fn::Value>> events;
