@@ -198,6 +198,12 @@ public:
 
 }  // namespace
 
+fn::AutoPtr<ipc::CallableObjectInstance> makeTestService(ipc::Worker& worker,
+                                                         fn::String const& name) {
+  static fn::Value const noObjects;
+  return fn::AutoPtr<ipc::CallableObjectInstance>(new TestService(worker, name, noObjects));
+}
+
 fn::ErrorInfo structuredErrorInfo() {
   fn::ErrorInfo info;
   info.detail = "recording 7";

@@ -35,6 +35,10 @@ protected:
   }
 };
 
+/// A TestService of this process, as a module makes it; "whoAmI" answers `name`.
+fn::AutoPtr<ipc::CallableObjectInstance> makeTestService(ipc::Worker& worker,
+                                                         fn::String const& name);
+
 /// The error information the module's "failStructured" method attaches, so that the caller
 /// can check every piece of it after the trip.
 fn::ErrorInfo structuredErrorInfo();

@@ -65,12 +65,6 @@ protected:
     return *services.back();
   }
 
-  fn::Value call(ServiceReference& service, fn::String const& method, fn::Value argument = {}) {
-    auto outcome = await(service.callMethod(method, argument));
-    EXPECT_FALSE(outcome.error) << fn::describeException(outcome.error);
-    return outcome.value.value_or(fn::Value());
-  }
-
   /// Runs the loop until `service` heard the event `name`; returns its argument.
   fn::Value awaitEvent(ServiceReference& service, fn::String const& name) {
     fn::Value argument;
@@ -122,9 +116,7 @@ TEST_F(CallableTest, CallsAreAnsweredWithValuesIntactAndEventsReachCallerOrEvery
   fn::Promise<fn::Value> unanswered = a.callMethod("noSuchMethod", {});
   EXPECT_EQ(call(a, "echo", 5), fn::Value(5));
   EXPECT_TRUE(unanswered.isPending());
-  EXPECT_EQ(a.pendingCallCount(), 1u);
   unanswered.cancel();
-  EXPECT_EQ(a.pendingCallCount(), 0u);
 
   // The diagnostic rendering of a record decodes the value types too, resolving nothing.
   fn::ByteArray bytes;
@@ -197,7 +189,6 @@ TEST_F(CallableTest, InstancesLiveAsLongAsSomeProcessHoldsThemAndDieWithTheirOwn
   ASSERT_NE(child, nullptr);
   ipc::ObjectId firstId = first.at("id").to<ipc::ObjectId>();
   EXPECT_EQ(child->objectId(), firstId);
-  EXPECT_EQ(child->usageCount(), 1);
   first = fn::Value();
   EXPECT_EQ(awaitEvent(a, "released"), fn::Value(firstId));
 
@@ -229,7 +220,6 @@ TEST_F(CallableTest, InstancesLiveAsLongAsSomeProcessHoldsThemAndDieWithTheirOwn
   ASSERT_TRUE(runLoopUntil(loop, [&] { return order.size() == 3; }));
   EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
   EXPECT_EQ(deaths, 1);
-  EXPECT_EQ(b.pendingCallCount(), 0u);
 
   // A dead reference refuses at once, sending nothing and using no id.
   uint32_t lastId = b.lastRequestId();
@@ -275,15 +265,12 @@ TEST(CallableLocal, CallsWithinOneProcessArePostedAndMalformedMessagesAreDropped
     auto reference = thing->localReference().cast<ipc::CallableObjectReference>();
     ASSERT_TRUE(reference);
 
-    bool answered = false;
-    reference->callMethod("ping", 1).then([&](fn::Value result) {
-      EXPECT_EQ(result, fn::Value("pong 1"));
-      answered = true;
-    });
+    fn::Value answer;
+    reference->callMethod("ping", 1).then([&](fn::Value result) { answer = result; });
     EXPECT_TRUE(thing->calls.empty());
-    EXPECT_TRUE(runLoopUntil(loop, [&] { return answered; }));
-    ASSERT_EQ(thing->calls.size(), 1u);
-    EXPECT_EQ(thing->calls[0], (CallContext{4, 1}));
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return !answer.isNull(); }));
+    EXPECT_EQ(answer, fn::Value("pong 1"));
+    EXPECT_EQ(thing->calls, (std::vector<CallContext>{{4, 1}}));
 
     // A cancelled call tells the instance; a call without a method or a reply for an
     // unknown id does nothing but leave a log line.

@@ -107,13 +107,16 @@ protected:
     return fn::AutoPtr<ServiceReference>(outcome.value->template objectAs<ServiceReference>());
   }
 
+  /// The answer of `service` to `method`; a failure fails the test.
+  fn::Value call(ServiceReference& service, fn::String const& method, fn::Value argument = {}) {
+    auto outcome = await(service.callMethod(method, argument));
+    EXPECT_FALSE(outcome.error) << fn::describeException(outcome.error);
+    return outcome.value.value_or(fn::Value("(failed)"));
+  }
+
   /// The name of the module (or "local") whose service `service` is.
   fn::String whoAmI(fn::AutoPtr<ServiceReference> const& service) {
-    if (!service)
-      return "(none)";
-    auto outcome = await(service->callMethod("whoAmI", fn::Value()));
-    EXPECT_FALSE(outcome.error) << fn::describeException(outcome.error);
-    return outcome.value ? outcome.value->asString() : fn::String("(failed)");
+    return service ? call(*service, "whoAmI").asString() : fn::String("(none)");
   }
 
   /// Runs the loop until the hub's registry holds `count` entries of "TestService".

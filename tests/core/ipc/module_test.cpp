@@ -49,7 +49,7 @@ protected:
   void SetUp() override {
     directory = testing_support::makeTemporaryDirectory("lumaren-modules");
     for (char const* copy : {TEST_MODULE, TEST_MODULE_B}) {
-      for (char const* suffix : {"MODE", "LAUNCHES", "IDLE_MS"})
+      for (char const* suffix : {"MODE", "IDLE_MS"})
         fn::Environment::unset(variable(copy, suffix).c_str());
     }
     ModuleTest::SetUp();
@@ -232,7 +232,7 @@ TEST_F(ModuleLaunchTest, AnIdleModuleHidesItsServiceAndEnds) {
 namespace {
 
 // A hub in a process of its own, for the test that kills it: launches the test module with the
-// tag "orphan" and writes the file argv[2] once the module connected.
+// tag "orphan" and writes its process id and a line end to the file argv[2] once it connected.
 int runModuleHub(int argc, char** argv) {
   if (argc < 3)
     return 2;
@@ -245,9 +245,10 @@ int runModuleHub(int argc, char** argv) {
       ipc::ModuleDefinition::create(TEST_MODULE, ipc::MODULE_LOADER_NAME, false, false, false));
   fn::String ready = argv[2];
   fn::Handle connections =
-      hub.onWorkerConnected().connect([ready](ipc::Dispatcher::WorkerInfo const& info) {
+      hub.onWorkerConnected().connect([&](ipc::Dispatcher::WorkerInfo const& info) {
         if (info.tag == "orphan")
-          fn::File(ready).writeAll(fn::ByteArray(fn::String("connected")));
+          fn::File(ready).writeAll(
+              fn::ByteArray(fn::String(fmt::format("{}\n", definition->processInfo()->pid))));
       });
   definition->launch(hub, "orphan");
   loop.run();
@@ -262,15 +263,12 @@ TEST_F(ModuleLaunchTest, NoModuleProcessOutlivesAKilledHub) {
   // A stopped module cannot notice that its connection ended (a running one does, as the
   // hub application's tests show): only the system ends it (the parent-death signal, or on
   // Windows the job object the hub put it in).
-  fn::String ready = directory + "/ready";
-  fn::String launches = directory + "/launches";
-  fn::Environment::set(variable(TEST_MODULE, "LAUNCHES").c_str(), launches);
+  fn::String ready = directory + "/module.pid";
   auto hubProcess = ChildProcess::startRole(loop, {"--module-hub", ready});
-  ASSERT_TRUE(pollUntil(
-      loop, [&] { return fn::File(ready).exists(); }, fn::Duration::seconds(10)));
+  // Read whole: a number cut short by the end of the file is still being written.
   int module = 0;
-  std::ifstream(launches) >> module;
-  ASSERT_GT(module, 0);
+  ASSERT_TRUE(pollUntil(
+      loop, [&] { return (std::ifstream(ready) >> module).good(); }, fn::Duration::seconds(10)));
   ASSERT_TRUE(testing_support::suspendProcess(module, true));
 
   hubProcess->kill(SIGKILL);
