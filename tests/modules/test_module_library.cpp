@@ -23,16 +23,6 @@ fn::String setting(char const* suffix) {
   return fn::Environment::get(variable(COPY, suffix).c_str());
 }
 
-// This launch's mode, recorded with the pid.
-fn::String modeOfThisLaunch() {
-  fn::String mode = setting("MODE").trim();
-  if (mode.empty())
-    mode = "normal";
-  if (fn::String launches = setting("LAUNCHES"); !launches.empty())
-    std::ofstream(launches, std::ios::app) << uv_os_getpid() << ' ' << mode << '\n';
-  return mode;
-}
-
 class Service : public ipc::CallableObjectInstance {
 public:
   Service(ipc::Worker& worker, fn::Value identity)
@@ -50,8 +40,6 @@ protected:
                     fn::Value const& argument) override {
     if (method == "whoAmI") {
       sendResult(context, _identity);
-    } else if (method == "echo") {
-      sendResult(context, argument);
     } else if (method == "exit") {
       if (!_identity.get("separateProcess").asBool())
         throw fn::IllegalStateException("A module inside the hub does not end the hub");
@@ -65,15 +53,19 @@ private:
 
 class TestModule : public ipc::Module {
 public:
-  explicit TestModule(ipc::ModuleInitData const& init) : TestModule(init, modeOfThisLaunch()) {}
+  // The idle time-out matters only to a module that wants to end when idle.
+  explicit TestModule(ipc::ModuleInitData const& init)
+      : ipc::Module(
+            init,
+            {.idleTimeout = fn::Duration::milliseconds(setting("IDLE_MS").toInt().value_or(500))}),
+        _mode(setting("MODE").trim()) {}
 
 protected:
   void onConnected() override {
     fn::Value identity = fn::Value::map({{"module", COPY},
                                          {"tag", initData().workerTag()},
                                          {"pid", uv_os_getpid()},
-                                         {"separateProcess", initData().separateProcess()},
-                                         {"mode", _mode}});
+                                         {"separateProcess", initData().separateProcess()}});
     auto const& bus = ipc::MessageBus::processBus();
     // Listening before the service is registered: a test that found the service knows that
     // commands reach the module.
@@ -105,19 +97,6 @@ protected:
   }
 
 private:
-  TestModule(ipc::ModuleInitData const& init, fn::String mode)
-      : ipc::Module(init, options(mode)),
-        _mode(std::move(mode)) {}
-
-  static ipc::Worker::Options options(fn::String const& mode) {
-    ipc::Worker::Options options;
-    if (mode == "idle") {
-      auto milliseconds = setting("IDLE_MS").toInt();
-      options.idleTimeout = fn::Duration::milliseconds(milliseconds ? *milliseconds : 500);
-    }
-    return options;
-  }
-
   fn::String _mode;
   fn::Value _identity;
   bool _terminating = false;

@@ -17,18 +17,15 @@
 // <prefix>IDLE_MS milliseconds (default 500) without traffic the worker hides its registry
 // entries; the module then posts TERMINATING and ends (exit status 0) once a test posts QUIT
 // with its tag. Otherwise it connects, posts CONNECTED on the bus and registers its service.
-// <prefix>LAUNCHES: a file to which every launch appends "<pid> <mode>\n" first thing (the
-// pid is the hub's for an in-process module).
 // <prefix>COMMANDS: a file to which the module appends the body of every "lumaren.command" bus
 // message it hears (the hub's relayed commands), one line each in the value's text form.
 //
 // The service ("<copy>Service" in the registry, priority 0) answers these methods:
-//   "whoAmI"  {"module": copy name, "tag", "pid", "separateProcess", "mode"}
-//   "echo"    its argument
+//   "whoAmI"  {"module": copy name, "tag", "pid", "separateProcess"}
 //   "exit"    ends the process at once with the given status (no answer); in the hub it fails
 //
-// Bus messages (namespaces below), each with {"module", "tag", "pid", "separateProcess",
-// "mode"}: CONNECTED from onConnected(), so hearing it proves the bus was there by then;
+// Bus messages (namespaces below), each with {"module", "tag", "pid", "separateProcess"}:
+// CONNECTED from onConnected(), so hearing it proves the bus was there by then;
 // TERMINATING when an idle module asks to end.
 
 #include "core/ipc/callable_object.h"
@@ -44,7 +41,7 @@ inline constexpr char const* TERMINATING = "test.module.terminating";
 /// Body: the tag of the idle module that may end now.
 inline constexpr char const* QUIT = "test.module.quit";
 
-/// The environment variable `suffix` ("MODE", "LAUNCHES", "IDLE_MS") of a copy.
+/// The environment variable `suffix` ("MODE", "IDLE_MS") of a copy.
 inline fn::String variable(fn::String const& copy, char const* suffix) {
   return fn::String(copy == TEST_MODULE ? "LUMAREN_TEST_MODULE_" : "LUMAREN_TEST_MODULE_B_") +
          suffix;
@@ -58,8 +55,7 @@ inline fn::String serviceClass(fn::String const& copy) {
 template <bool B>
 class ServiceReference : public ipc::CallableObjectReference {
 public:
-  explicit ServiceReference(ipc::ObjectReferenceInitializer& initializer)
-      : ipc::CallableObjectReference(initializer) {}
+  using ipc::CallableObjectReference::CallableObjectReference;
   fn::String className() const override { return serviceClass(B ? TEST_MODULE_B : TEST_MODULE); }
 };
 

@@ -2,10 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <set>
+#include <span>
 #include <stdexcept>
 
 #include "core/fraction.h"
@@ -35,11 +36,7 @@ public:
   ~Child() override { _onGone(objectId()); }
 
 protected:
-  void onMethodCall(CallContext const& context,
-                    fn::String const& method,
-                    fn::Value const&) override {
-    sendResult(context, method);
-  }
+  void onMethodCall(CallContext const&, fn::String const&, fn::Value const&) override {}
 
 private:
   std::function<void(ipc::ObjectId)> _onGone;
@@ -59,7 +56,6 @@ protected:
   }
 
   void onMethodCallCancelled(CallContext const& context) override {
-    _cancelled.append(context.requestId);
     postEvent(context.workerId, "cancelled", context.requestId);
   }
 
@@ -101,8 +97,6 @@ protected:
         sendResult(held, "late answer");
       sendResult(context, _held.size());
       _held.clear();
-    } else if (method == "stats") {
-      sendResult(context, fn::Value::map({{"cancelled", _cancelled}}));
     } else if (method == "emit") {
       postEvent(context.workerId, "direct", argument);
       broadcastEvent("news", argument);
@@ -111,12 +105,9 @@ protected:
       fn::WeakReference<TestService> service(this);
       fn::AutoPtr<Child> child(new Child(worker(), [service](ipc::ObjectId id) {
         if (auto self = service.lock())
-          self->childGone(id);
+          self->broadcastEvent("released", id);
       }));
-      _children.insert(child->objectId());
       sendResult(context, fn::Value::map({{"child", child}, {"id", child->objectId()}}));
-    } else if (method == "children") {
-      sendResult(context, _children.size());
     } else if (method == "keep") {
       // Services kept here relay what they hear, so a test can see which events reached
       // this process.
@@ -132,9 +123,9 @@ protected:
     } else if (method == "inspect") {
       auto const& items = argument.asArray();
       auto* first = items.at(0).objectAs<ipc::ObjectReference>();
-      bool same = true;
-      for (auto const& item : items)
-        same = same && item.objectAs<ipc::ObjectReference>() == first;
+      bool same = std::ranges::all_of(items, [first](fn::Value const& item) {
+        return item.objectAs<ipc::ObjectReference>() == first;
+      });
       sendResult(context,
                  fn::Value::map(
                      {{"listed", _lastObjects.size()},
@@ -153,17 +144,10 @@ protected:
   }
 
 private:
-  void childGone(ipc::ObjectId id) {
-    _children.erase(id);
-    broadcastEvent("released", id);
-  }
-
   fn::String _name;
   fn::Value const& _lastObjects;
   std::vector<CallContext> _held;
-  fn::Value _cancelled = fn::Value::array();
   std::vector<fn::Value> _kept;
-  std::set<ipc::ObjectId> _children;
 };
 
 // What an "inspector=" module shows: its name at the top, a view that leads back to where the
@@ -206,45 +190,19 @@ private:
   fn::RunLoop& _loop;
 };
 
-class ModuleDelegate : public ipc::Worker::Delegate {
+class ModuleDelegate : public ipc::Worker::ClientDelegate {
 public:
   std::function<void()> connected;
   void workerDidConnect(ipc::Worker&) override { connected(); }
-  bool wantsIdleTermination(ipc::Worker&) override { return false; }
-  bool workerCanTerminate(ipc::Worker&) override { return false; }
-  void workerRequestsTermination(ipc::Worker&) override {}
-  void aboutToQuit(ipc::Worker&) override {}
-};
-
-struct ModuleRoles {
-  std::optional<int> registerPriority;
-  bool bus = false;
-  bool sticky = false;
-  fn::String tag;
-  std::vector<fn::String> inspectors;
-
-  bool usesBus() const { return bus || sticky; }
-
-  static ModuleRoles parse(int argc, char** argv) {
-    ModuleRoles roles;
-    for (int i = 4; i < argc; ++i) {
-      std::string_view role = argv[i];
-      if (role.starts_with("register="))
-        roles.registerPriority = std::atoi(argv[i] + 9);
-      else if (role == "bus")
-        roles.bus = true;
-      else if (role == "sticky")
-        roles.sticky = true;
-      else if (role.starts_with("tag="))
-        roles.tag = fn::String(role.substr(4));
-      else if (role.starts_with("inspector="))
-        roles.inspectors.emplace_back(role.substr(10));
-    }
-    return roles;
-  }
 };
 
 }  // namespace
+
+fn::AutoPtr<ipc::CallableObjectInstance> makeTestService(ipc::Worker& worker,
+                                                         fn::String const& name) {
+  static fn::Value const noObjects;
+  return fn::AutoPtr<ipc::CallableObjectInstance>(new TestService(worker, name, noObjects));
+}
 
 fn::ErrorInfo structuredErrorInfo() {
   fn::ErrorInfo info;
@@ -265,10 +223,22 @@ int runTestModule(int argc, char** argv) {
   if (argc < 4)
     return 2;
   fn::String name = argv[2];
-  ModuleRoles roles = ModuleRoles::parse(argc, argv);
+  fn::String tag = "module-" + name;
+  std::optional<int> registerPriority;
+  bool busRole = false, sticky = false;
+  std::vector<fn::String> inspectors;
+  for (std::string_view role : std::span(argv + 4, argc - 4)) {
+    if (role.starts_with("register="))
+      registerPriority = std::atoi(role.data() + 9);
+    else if (role.starts_with("tag="))
+      tag = fn::String(role.substr(4));
+    else if (role.starts_with("inspector="))
+      inspectors.emplace_back(role.substr(10));
+    busRole = busRole || role == "bus";
+    sticky = sticky || role == "sticky";
+  }
   fn::uv::Loop loop;
   ModuleDelegate delegate;
-  fn::String tag = roles.tag.empty() ? "module-" + name : roles.tag;
   ipc::Worker worker(delegate, loop, argv[3], name, tag, false);
   worker.registerObjectReferenceClass<ServiceReference>();
   fn::AutoPtr<TestService> service;
@@ -285,27 +255,27 @@ int runTestModule(int argc, char** argv) {
   int heard = 0;
   delegate.connected = [&] {
     service = fn::AutoPtr<TestService>(new TestService(worker, name, lastObjects));
-    if (roles.registerPriority)
-      worker.registry()->registerObject(service, *roles.registerPriority);
-    if (!roles.inspectors.empty()) {
+    if (registerPriority)
+      worker.registry()->registerObject(service, *registerPriority);
+    if (!inspectors.empty()) {
       core::InspectorRegistry::lookup(worker).then([&](fn::AutoPtr<core::InspectorRegistry> found) {
         inspectorRegistry = found;
-        for (auto const& inspector : roles.inspectors)
+        for (auto const& inspector : inspectors)
           inspectorRegistry->registerInspector(
               inspector, fn::AutoPtr<core::Inspector>(new ModuleInspector(inspector, loop)));
       });
     }
-    if (!roles.usesBus())
+    if (!busRole && !sticky)
       return;
     ipc::MessageBus::lookup(worker).then([&](fn::AutoPtr<ipc::MessageBus> found) {
       bus = found;
-      if (roles.bus) {
+      if (busRole) {
         subscriptions.push_back(
             bus->listen("test.ping", [&](fn::String const&, fn::Value const& body) {
               bus->post("test.pong", fn::Value::map({{"from", name}, {"got", body}}));
             }));
       }
-      if (!roles.sticky) {
+      if (!sticky) {
         bus->post("test.ready", name);
         return;
       }

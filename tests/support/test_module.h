@@ -21,8 +21,7 @@ namespace testing_support {
 /// A reference to a TestService; records the events it hears, in order.
 class ServiceReference : public ipc::CallableObjectReference {
 public:
-  explicit ServiceReference(ipc::ObjectReferenceInitializer& initializer)
-      : ipc::CallableObjectReference(initializer) {}
+  using ipc::CallableObjectReference::CallableObjectReference;
   fn::String className() const override { return "TestService"; }
 
   std::vector<std::pair<fn::String, fn::Value>> events;
@@ -35,6 +34,10 @@ protected:
       onEventHeard(name, argument);
   }
 };
+
+/// A TestService of this process, as a module makes it; "whoAmI" answers `name`.
+fn::AutoPtr<ipc::CallableObjectInstance> makeTestService(ipc::Worker& worker,
+                                                         fn::String const& name);
 
 /// The error information the module's "failStructured" method attaches, so that the caller
 /// can check every piece of it after the trip.

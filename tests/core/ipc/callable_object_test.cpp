@@ -45,10 +45,7 @@ protected:
   void TearDown() override {
     // The modules go first: every call still open ends with their death, and every use
     // they held of this process's objects is handed back, so nothing is left behind.
-    for (auto& [name, module] : modules)
-      module->kill(SIGKILL);
-    for (auto& [name, module] : modules)
-      module->waitForExit();
+    killModules();
     EXPECT_TRUE(runLoopUntil(loop, [&] {
       for (auto& service : services) {
         if (!service->dead())
@@ -66,12 +63,6 @@ protected:
     awaitEntries(modules.size());
     services.push_back(lookup());
     return *services.back();
-  }
-
-  fn::Value call(ServiceReference& service, fn::String const& method, fn::Value argument = {}) {
-    auto outcome = await(service.callMethod(method, argument));
-    EXPECT_FALSE(outcome.error) << fn::describeException(outcome.error);
-    return outcome.value.value_or(fn::Value());
   }
 
   /// Runs the loop until `service` heard the event `name`; returns its argument.
@@ -103,39 +94,29 @@ TEST_F(CallableTest, CallsAreAnsweredWithValuesIntactAndEventsReachCallerOrEvery
       {{"list", fn::Value::array({1, -2, 3.5, fn::Value()})},
        {"fraction", fn::Value::box(core::Fraction(16, 9))},
        {"typed", fn::Value::box(core::TypedByteArray(fn::ByteArray{1, 2, 3}, "image/png"))}});
+  // Boxed values compare by identity; their text forms and types must match.
   fn::Value echoed = call(a, "echo", argument);
-  EXPECT_EQ(echoed.at("list"), argument.at("list"));
-  ASSERT_NE(echoed.at("fraction").boxed<core::Fraction>(), nullptr);
-  EXPECT_EQ(echoed.at("fraction").boxed<core::Fraction>()->toString(), "16/9");
-  ASSERT_NE(echoed.at("typed").boxed<core::TypedByteArray>(), nullptr);
-  EXPECT_EQ(*echoed.at("typed").boxed<core::TypedByteArray>(),
-            core::TypedByteArray(fn::ByteArray{1, 2, 3}, "image/png"));
+  EXPECT_EQ(echoed.toString(), argument.toString());
+  EXPECT_TRUE(echoed.at("fraction").boxed<core::Fraction>());
+  EXPECT_TRUE(echoed.at("typed").boxed<core::TypedByteArray>());
   // The module saw real value types, not opaque bytes.
   EXPECT_EQ(call(a, "describe", argument),
             fn::Value::map({{"fraction", "16/9"}, {"mimeType", "image/png"}, {"byteCount", 3}}));
-
-  // Request ids count per reference, from 1.
-  EXPECT_EQ(a.lastRequestId(), 2u);
-  call(b, "echo", 1);
-  EXPECT_EQ(b.lastRequestId(), 1u);
 
   // B holds A's service too and relays what it hears as "heard" events of its own. Only the
   // caller gets the direct event, and before the broadcast.
   EXPECT_EQ(call(b, "keep", fn::Value(fn::AutoPtr<ServiceReference>(&a))), fn::Value(1));
   EXPECT_EQ(call(a, "emit", "now"), fn::Value(true));
-  EXPECT_EQ(awaitEvent(a, "news"), fn::Value("now"));
   EXPECT_EQ(awaitEvent(b, "heard"), fn::Value("news"));
-  ASSERT_EQ(a.events.size(), 2u);
-  EXPECT_EQ(a.events[0], std::make_pair(fn::String("direct"), fn::Value("now")));
+  awaitEvent(a, "news");
+  EXPECT_EQ(a.events, (decltype(a.events){{"direct", "now"}, {"news", "now"}}));
   EXPECT_EQ(b.events.size(), 1u);
 
   // An unknown method is never answered; later calls are, and the open one can be cancelled.
   fn::Promise<fn::Value> unanswered = a.callMethod("noSuchMethod", {});
   EXPECT_EQ(call(a, "echo", 5), fn::Value(5));
   EXPECT_TRUE(unanswered.isPending());
-  EXPECT_EQ(a.pendingCallCount(), 1u);
   unanswered.cancel();
-  EXPECT_EQ(a.pendingCallCount(), 0u);
 
   // The diagnostic rendering of a record decodes the value types too, resolving nothing.
   fn::ByteArray bytes;
@@ -143,9 +124,8 @@ TEST_F(CallableTest, CallsAreAnsweredWithValuesIntactAndEventsReachCallerOrEvery
   worker->objects().encodePayload(argument, bytes, objects);
   fn::Value rendered = ipc::translatePayload(
       fn::Value::map({{ipc::key::TYPE, ipc::type::MESSAGE}, {ipc::key::PAYLOAD, bytes}}));
-  ASSERT_NE(rendered.at("8-PAYLOAD").at("typed").boxed<core::TypedByteArray>(), nullptr);
-  EXPECT_EQ(rendered.at("8-PAYLOAD").at("typed").boxed<core::TypedByteArray>()->mimeType(),
-            "image/png");
+  EXPECT_EQ(rendered.at("8-PAYLOAD").toString(), argument.toString());
+  EXPECT_TRUE(rendered.at("8-PAYLOAD").at("typed").boxed<core::TypedByteArray>());
 }
 
 TEST_F(CallableTest, ErrorsArriveWithEverythingTheyCarriedAndOnlyOpenCallsAreCancelled) {
@@ -155,40 +135,24 @@ TEST_F(CallableTest, ErrorsArriveWithEverythingTheyCarriedAndOnlyOpenCallsAreCan
   auto structured = await(a.callMethod("failStructured", {}));
   auto const* file = exceptionAs<fn::FileException>(structured.error);
   ASSERT_NE(file, nullptr) << fn::describeException(structured.error);
-  EXPECT_EQ(file->className(), "FileException");
-  EXPECT_EQ(file->message(), "cannot open the recording");
-  auto fields = [](fn::ErrorInfo const& i) {
-    return std::tie(i.detail, i.path, i.errnoValue, i.uvErrno, i.winError, i.errorCode,
-                    i.stackTrace);
-  };
-  fn::ErrorInfo expected = structuredErrorInfo();
-  EXPECT_TRUE(fields(file->info()) == fields(expected));
+  fn::FileException expected("cannot open the recording");
+  expected.info() = structuredErrorInfo();
+  EXPECT_EQ(file->toString(), expected.toString());
+  EXPECT_EQ(file->info().stackTrace, expected.info().stackTrace);
 
-  // The library's own exception comes back as itself.
-  auto dead = await(a.callMethod("failObjectDead", {}));
-  auto const* objectDead = exceptionAs<ipc::ObjectDeadException>(dead.error);
-  ASSERT_NE(objectDead, nullptr);
-  EXPECT_EQ(objectDead->message(), "the tuner went away");
-
-  // A class this process does not know: a runtime exception that still names it. Thrown by
-  // the handler rather than sent, which answers the call all the same.
-  auto unknown = await(a.callMethod("failUnknownClass", {}));
-  auto const* runtime = exceptionAs<fn::RuntimeException>(unknown.error);
-  ASSERT_NE(runtime, nullptr);
-  EXPECT_EQ(runtime->message(), "only here");
-  EXPECT_EQ(runtime->info().detail, "ModuleOnlyException: private");
-
-  // A plain error value, a std::exception and a thrown non-exception.
-  for (auto const& [method, text] :
-       std::vector<std::pair<fn::String, fn::String>>{{"failValue", "disk full"},
-                                                      {"throwStd", "plain failure"},
-                                                      {"throwOther", "Unknown Exception"}}) {
+  // The library's own exception comes back as itself (its class names it); a class this process
+  // does not know as a runtime exception that still names it (thrown by the handler rather than
+  // sent, which answers the call all the same); a plain error value, a std::exception and a thrown
+  // non-exception as plain runtime exceptions.
+  for (auto const& [method, text] : std::vector<std::pair<fn::String, fn::String>>{
+           {"failObjectDead", "ObjectDeadException: the tuner went away"},
+           {"failUnknownClass", "RuntimeException: only here (ModuleOnlyException: private)"},
+           {"failValue", "RuntimeException: disk full"},
+           {"throwStd", "RuntimeException: plain failure"},
+           {"throwOther", "RuntimeException: Unknown Exception"}}) {
     auto outcome = await(a.callMethod(method, {}));
-    auto const* plain = exceptionAs<fn::RuntimeException>(outcome.error);
-    ASSERT_NE(plain, nullptr) << method;
-    EXPECT_EQ(plain->className(), "RuntimeException") << method;
-    EXPECT_EQ(plain->message(), text) << method;
-    EXPECT_FALSE(plain->info().detail) << method;
+    EXPECT_NE(exceptionAs<fn::RuntimeException>(outcome.error), nullptr) << method;
+    EXPECT_EQ(fn::describeException(outcome.error), text);
   }
 
   // Cancelled while open: the instance hears of it, and the caller's continuation never runs.
@@ -205,9 +169,11 @@ TEST_F(CallableTest, ErrorsArriveWithEverythingTheyCarriedAndOnlyOpenCallsAreCan
   ASSERT_TRUE(runLoopUntil(loop, [&] { return answeredOutcome->settled; }));
   answered.cancel();
 
-  // The instance answers the cancelled call anyway: the late answer changes nothing.
+  // The instance answers the cancelled call anyway: the late answer changes nothing. Its answer
+  // comes after any cancellation it heard, and it heard only the one.
   EXPECT_EQ(call(a, "answerHeld"), fn::Value(1));
-  EXPECT_EQ(call(a, "stats"), fn::Value::map({{"cancelled", fn::Value::array({heldId})}}));
+  EXPECT_EQ(std::ranges::count_if(a.events, [](auto const& e) { return e.first == "cancelled"; }),
+            1);
   EXPECT_FALSE(heldOutcome->settled);
   EXPECT_EQ(answeredOutcome->value, fn::Value("x"));
   EXPECT_EQ(a.pendingCallCount(), 0u);
@@ -223,10 +189,8 @@ TEST_F(CallableTest, InstancesLiveAsLongAsSomeProcessHoldsThemAndDieWithTheirOwn
   ASSERT_NE(child, nullptr);
   ipc::ObjectId firstId = first.at("id").to<ipc::ObjectId>();
   EXPECT_EQ(child->objectId(), firstId);
-  EXPECT_EQ(child->usageCount(), 1);
   first = fn::Value();
   EXPECT_EQ(awaitEvent(a, "released"), fn::Value(firstId));
-  EXPECT_EQ(call(a, "children"), fn::Value(0));
 
   // Handed on to B, it outlives our reference...
   a.events.clear();
@@ -235,7 +199,8 @@ TEST_F(CallableTest, InstancesLiveAsLongAsSomeProcessHoldsThemAndDieWithTheirOwn
   EXPECT_EQ(call(b, "keep", second.at("child")), fn::Value(1));
   second = fn::Value();
   drainLoop(loop);
-  EXPECT_EQ(call(a, "children"), fn::Value(1));
+  // A release would reach A before this call, and its event us before the answer.
+  call(a, "echo");
   EXPECT_TRUE(a.events.empty());
 
   // ...until B is killed while holding it. B's open calls fail in the order they were made.
@@ -252,11 +217,9 @@ TEST_F(CallableTest, InstancesLiveAsLongAsSomeProcessHoldsThemAndDieWithTheirOwn
   modules["B"]->kill(SIGKILL);
   EXPECT_EQ(modules["B"]->waitForExit(), -SIGKILL);
   EXPECT_EQ(awaitEvent(a, "released"), fn::Value(secondId));
-  EXPECT_EQ(call(a, "children"), fn::Value(0));
   ASSERT_TRUE(runLoopUntil(loop, [&] { return order.size() == 3; }));
   EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
   EXPECT_EQ(deaths, 1);
-  EXPECT_EQ(b.pendingCallCount(), 0u);
 
   // A dead reference refuses at once, sending nothing and using no id.
   uint32_t lastId = b.lastRequestId();
@@ -302,15 +265,12 @@ TEST(CallableLocal, CallsWithinOneProcessArePostedAndMalformedMessagesAreDropped
     auto reference = thing->localReference().cast<ipc::CallableObjectReference>();
     ASSERT_TRUE(reference);
 
-    bool answered = false;
-    reference->callMethod("ping", 1).then([&](fn::Value result) {
-      EXPECT_EQ(result, fn::Value("pong 1"));
-      answered = true;
-    });
+    fn::Value answer;
+    reference->callMethod("ping", 1).then([&](fn::Value result) { answer = result; });
     EXPECT_TRUE(thing->calls.empty());
-    EXPECT_TRUE(runLoopUntil(loop, [&] { return answered; }));
-    ASSERT_EQ(thing->calls.size(), 1u);
-    EXPECT_EQ(thing->calls[0], (CallContext{4, 1}));
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return !answer.isNull(); }));
+    EXPECT_EQ(answer, fn::Value("pong 1"));
+    EXPECT_EQ(thing->calls, (std::vector<CallContext>{{4, 1}}));
 
     // A cancelled call tells the instance; a call without a method or a reply for an
     // unknown id does nothing but leave a log line.

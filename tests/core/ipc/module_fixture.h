@@ -17,16 +17,11 @@
 
 namespace testing_support {
 
-/// How a promise ended.
+/// How a promise ended (a void promise's value is `true`).
 template <typename T>
 struct Settled {
   bool settled = false;
-  std::optional<T> value;
-  std::exception_ptr error;
-};
-template <>
-struct Settled<void> {
-  bool settled = false;
+  std::optional<std::conditional_t<std::is_void_v<T>, bool, T>> value;
   std::exception_ptr error;
 };
 
@@ -49,10 +44,7 @@ protected:
   }
 
   void TearDown() override {
-    for (auto& [name, module] : modules)
-      module->kill(SIGKILL);
-    for (auto& [name, module] : modules)
-      module->waitForExit();
+    killModules();
     modules.clear();
     // The hub goes before our worker: losing it gives up the uses it counted of our
     // instances (the registry's among them), so they are freed while the worker still lives.
@@ -72,6 +64,12 @@ protected:
     modules[name]->kill(SIGKILL);
     modules[name]->waitForExit();
   }
+  void killModules() {
+    for (auto& [name, module] : modules)
+      module->kill(SIGKILL);
+    for (auto& [name, module] : modules)
+      module->waitForExit();
+  }
 
   /// Runs the loop until `promise` settled; nothing settles inside the call that made it.
   template <typename T>
@@ -86,21 +84,17 @@ protected:
   template <typename T>
   std::shared_ptr<Settled<T>> watch(fn::Promise<T> promise) {
     auto outcome = std::make_shared<Settled<T>>();
-    auto settle = [outcome](std::exception_ptr error) {
+    auto settle = [outcome](std::exception_ptr error, auto value) {
       EXPECT_FALSE(outcome->settled);
       outcome->settled = true;
       outcome->error = error;
+      outcome->value = std::move(value);
     };
-    if constexpr (std::is_void_v<T>) {
-      promise.then([settle] { settle(nullptr); }, settle);
-    } else {
-      promise.then(
-          [outcome, settle](T value) {
-            settle(nullptr);
-            outcome->value = std::move(value);
-          },
-          settle);
-    }
+    auto fail = [settle](std::exception_ptr error) { settle(error, std::nullopt); };
+    if constexpr (std::is_void_v<T>)
+      promise.then([settle] { settle(nullptr, true); }, fail);
+    else
+      promise.then([settle](T value) { settle(nullptr, std::move(value)); }, fail);
     return outcome;
   }
 
@@ -113,13 +107,16 @@ protected:
     return fn::AutoPtr<ServiceReference>(outcome.value->template objectAs<ServiceReference>());
   }
 
+  /// The answer of `service` to `method`; a failure fails the test.
+  fn::Value call(ServiceReference& service, fn::String const& method, fn::Value argument = {}) {
+    auto outcome = await(service.callMethod(method, argument));
+    EXPECT_FALSE(outcome.error) << fn::describeException(outcome.error);
+    return outcome.value.value_or(fn::Value("(failed)"));
+  }
+
   /// The name of the module (or "local") whose service `service` is.
   fn::String whoAmI(fn::AutoPtr<ServiceReference> const& service) {
-    if (!service)
-      return "(none)";
-    auto outcome = await(service->callMethod("whoAmI", fn::Value()));
-    EXPECT_FALSE(outcome.error) << fn::describeException(outcome.error);
-    return outcome.value ? outcome.value->asString() : fn::String("(failed)");
+    return service ? call(*service, "whoAmI").asString() : fn::String("(none)");
   }
 
   /// Runs the loop until the hub's registry holds `count` entries of "TestService".

@@ -6,11 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <deque>
 #include <thread>
 
 #include "child_role.h"
+#include "core/ipc/module_definition.h"
 #include "foundation/uv/process.h"
 #include "hub_fixture.h"
 #include "log_capture.h"
@@ -22,8 +24,9 @@ using namespace testing_support;
 
 enum class Behaviour { Connect, NeverConnect, Crash, FailToStart };
 
-// Children not reaped yet: each test waits for all of them, so none outlives the test's loop.
-int liveChildren = 0;
+// Every child launched: each test waits until all of them have exited, so none outlives the
+// test's loop.
+std::vector<fn::AutoPtr<fn::uv::Process>> children;
 
 // Child roles of a module that crashes at once, and of one that never connects.
 int crash(int, char**) {
@@ -38,60 +41,34 @@ int sleepLong(int, char**) {
 [[maybe_unused]] bool const crashRole = registerChildRole("--exit-3", &crash);
 [[maybe_unused]] bool const sleepRole = registerChildRole("--sleep", &sleepLong);
 
-// A module definition whose launches behave as scripted, one behaviour per attempt (the last
-// one repeats). Like an external module, it reports only the exit of the child it holds.
-class ScriptedModule : public ipc::ModuleDefinition {
+// An external module (the test executable in a child role) whose launches behave as scripted,
+// one behaviour per attempt (the last one repeats).
+class ScriptedModule : public ipc::ExternalModule {
 public:
   ScriptedModule(fn::String name, std::deque<Behaviour> script, bool killable = true)
-      : ModuleDefinition(name),
+      : ExternalModule(name, fn::uv::executablePath(), false),
         _script(std::move(script)),
         _killable(killable) {}
-  ~ScriptedModule() override { kill(true); }
 
   bool launchFirst() const override { return _launchFirst; }
+  bool canBeKilled() const override { return _killable; }
   void launch(ipc::Dispatcher& dispatcher, fn::String const& tag) override {
+    ++launches;
+    ExternalModule::launch(dispatcher, tag);
+    children.push_back(_process);
+  }
+  std::vector<fn::String> arguments(ipc::Dispatcher& dispatcher, fn::String const& tag) override {
     Behaviour behaviour = _script.front();
     if (_script.size() > 1)
       _script.pop_front();
-    ++launches;
     if (behaviour == Behaviour::FailToStart)
       throw fn::IOException("no such module");
-    fn::uv::Process::Options options;
-    options.file = fn::uv::executablePath();
-    options.arguments = {behaviour == Behaviour::Crash ? "--exit-3" : "--sleep"};
-    if (behaviour == Behaviour::Connect) {
-      options.file = fn::uv::executablePath();
-      options.arguments = {"--module", _name, dispatcher.pipePath(), "tag=" + tag, "register=0"};
-    }
-    // Only the exit of the child this definition still holds is reported: killing it, a new
-    // launch or the definition's end lets go of the launch's token.
-    _token = std::make_shared<int>();
-    std::weak_ptr<int> token = _token;
-    _process = fn::uv::Process::spawn(dispatcher.loop(), options,
-                                      [this, token](int64_t status, int signal) {
-                                        --liveChildren;
-                                        if (token.expired())
-                                          return;
-                                        _token.reset();
-                                        _process.reset();
-                                        _onExit.emit(status, signal);
-                                      });
-    ++liveChildren;
+    if (behaviour == Behaviour::Connect)
+      return {"--module", _name, dispatcher.pipePath(), "tag=" + tag, "register=0"};
+    return {behaviour == Behaviour::Crash ? "--exit-3" : "--sleep"};
   }
-  void kill(bool) override {
-    if (_process)
-      _process->kill(SIGKILL);
-    _process.reset();
-    _token.reset();
-  }
-  bool canBeKilled() const override { return _killable; }
-  std::optional<ProcessInfo> processInfo() const override {
-    return _process ? std::optional(ProcessInfo{_process->pid()}) : std::nullopt;
-  }
-  fn::String name() const override { return _name; }
-  fn::String moduleName() const override { return _name; }
 
-  int pid() const { return _process ? _process->pid() : 0; }
+  int pid() const { return processInfo() ? processInfo()->pid : 0; }
 
   bool _launchFirst = false;
   int launches = 0;
@@ -99,8 +76,6 @@ public:
 private:
   std::deque<Behaviour> _script;
   bool _killable;
-  fn::AutoPtr<fn::uv::Process> _process;
-  std::shared_ptr<int> _token;
 };
 
 class ModuleManagerTest : public HubTest {
@@ -110,7 +85,10 @@ protected:
 
   void TearDown() override {
     _manager.reset();
-    EXPECT_TRUE(runLoopUntil(loop, [] { return liveChildren == 0; }));
+    EXPECT_TRUE(runLoopUntil(loop, [] {
+      return std::ranges::all_of(children, [](auto const& child) { return child->exited(); });
+    }));
+    children.clear();
     HubTest::TearDown();
   }
 
