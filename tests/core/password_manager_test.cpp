@@ -11,7 +11,6 @@
 #include "foundation/exception.h"
 #include "foundation/file.h"
 #include "foundation/path_manager.h"
-#include "platform.h"
 #include "test_support.h"
 
 namespace core {
@@ -34,30 +33,34 @@ nlohmann::json storedFile(fn::String const& path) {
 TEST(PasswordManager, StoresSecretsEncryptedPerServiceAndAccount) {
   TemporaryRoot root;
   LogCapture log;
-  auto manager = userManager(root);
+  // The shared instance keeps its file in the user data directory, which its first secret
+  // makes.
+  PasswordManager& manager = PasswordManager::instance();
+  fn::String directory = fn::PathManager::instance().getPath(fn::PathManager::USER_DATA);
+  fn::String path = directory + "/Passwords.prefs";
   bool found = true;
-  EXPECT_EQ(manager->getPassword("mail", "bob", found), "");
+  EXPECT_EQ(manager.getPassword("mail", "bob", found), "");
   EXPECT_FALSE(found);
-  manager->setPassword("mail", "bob", SECRET);
-  manager->setPassword("chat", "bob", "");
-
-  fn::String path = root.file("Passwords.prefs");
+  manager.setPassword("mail", "bob", SECRET);
+  manager.setPassword("chat", "bob", "");
   EXPECT_EQ(fn::File(path).readAll().view().find(SECRET), std::string_view::npos);
+  // Windows keeps the key with the user's account, not in a file.
+  EXPECT_EQ(fn::File(directory + "/Passwords.key").exists(), !testing_support::isWindows());
   auto stored = storedFile(path)["passwords"]["mail"]["bob"];
 
   // Another manager (another process, as far as the file is concerned) sees everything, and
   // encrypting the same secret again gives another text (a fresh nonce).
-  auto other = userManager(root);
-  EXPECT_EQ(other->getPassword("mail", "bob"), SECRET);
-  EXPECT_EQ(other->getPassword("chat", "bob", found), "");
+  PasswordManagerGeneric other(Encryption::createPlatformDefault(), path);
+  EXPECT_EQ(other.getPassword("mail", "bob"), SECRET);
+  EXPECT_EQ(other.getPassword("chat", "bob", found), "");
   EXPECT_TRUE(found);
-  other->setPassword("mail", "bob", SECRET);
+  other.setPassword("mail", "bob", SECRET);
   EXPECT_NE(storedFile(path)["passwords"]["mail"]["bob"], stored);
-  EXPECT_EQ(manager->getPassword("mail", "bob"), SECRET);
+  EXPECT_EQ(manager.getPassword("mail", "bob"), SECRET);
   EXPECT_TRUE(log.linesOf("core.password").empty());
 
   // Removing keeps the emptied service.
-  manager->removePassword("chat", "bob");
+  manager.removePassword("chat", "bob");
   EXPECT_EQ(storedFile(path)["passwords"]["chat"], nlohmann::json::object());
 }
 
@@ -102,22 +105,6 @@ TEST(PasswordManager, ACorruptFileIsReplacedOnlyWhenReading) {
   fn::File(path).remove();
   fn::File(path).createDirectories();
   EXPECT_THROW(manager->getPassword("mail", "bob"), fn::FileException);
-}
-
-TEST(PasswordManager, ThePassThroughEncryptionStoresPlainTextTheSharedInstanceDoesNot) {
-  TemporaryRoot root;
-  PasswordManagerGeneric plain(std::make_unique<Encryption>(), root.file("Plain.prefs"));
-  plain.setPassword("mail", "bob", SECRET);
-  EXPECT_EQ(storedFile(root.file("Plain.prefs"))["passwords"]["mail"]["bob"], SECRET);
-  // The shared instance encrypts, in the user data directory.
-  PasswordManager& shared = PasswordManager::instance();
-  shared.setPassword("mail", "bob", SECRET);
-  fn::String directory = fn::PathManager::instance().getPath(fn::PathManager::USER_DATA);
-  EXPECT_EQ(fn::File(directory + "/Passwords.prefs").readAll().view().find(SECRET),
-            std::string_view::npos);
-  // Windows keeps the key with the user's account, not in a file.
-  EXPECT_EQ(fn::File(directory + "/Passwords.key").exists(), !testing_support::isWindows());
-  EXPECT_EQ(shared.getPassword("mail", "bob"), SECRET);
 }
 
 }  // namespace

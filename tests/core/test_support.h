@@ -6,10 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <vector>
 
+#include "child_process.h"
 #include "foundation/environment.h"
 #include "foundation/path_manager.h"
 #include "log_capture.h"
+#include "loop_runner.h"
 #include "platform.h"
 
 namespace core::testing {
@@ -60,6 +63,24 @@ private:
   fn::String _path;
   fn::String _previous;
 };
+
+/// What a program run to its end on a loop of its own said: its exit status and its outputs,
+/// without the carriage returns of Windows' text mode.
+struct Finished {
+  int64_t status;
+  fn::String out, err;
+};
+inline Finished runToEnd(fn::String const& file, std::vector<fn::String> arguments) {
+  fn::uv::Loop loop;
+  auto child = testing_support::ChildProcess::start(
+      loop, {.file = file, .arguments = std::move(arguments), .capture = true});
+  Finished done{child->waitForExit(), child->out(), child->err()};
+  child.reset();
+  testing_support::drainLoop(loop);
+  std::erase(done.out, '\r');
+  std::erase(done.err, '\r');
+  return done;
+}
 
 using testing_support::LogCapture;
 
