@@ -64,22 +64,23 @@ private:
   fn::String _previous;
 };
 
-/// What a program run to its end on a loop of its own said: its exit status and its outputs,
-/// without the carriage returns of Windows' text mode.
-struct Finished {
-  int64_t status;
+/// Runs a program (by default the test executable, in a role) to its end on a loop of its own,
+/// expecting exit status 0; its outputs, without the carriage returns of Windows' text mode.
+struct Outputs {
   fn::String out, err;
 };
-inline Finished runToEnd(fn::String const& file, std::vector<fn::String> arguments) {
+inline Outputs runToEnd(std::vector<fn::String> arguments,
+                        fn::String const& file = fn::uv::executablePath()) {
   fn::uv::Loop loop;
   auto child = testing_support::ChildProcess::start(
       loop, {.file = file, .arguments = std::move(arguments), .capture = true});
-  Finished done{child->waitForExit(), child->out(), child->err()};
+  EXPECT_EQ(child->waitForExit(), 0) << file << "\n" << child->err();
+  Outputs outputs{child->out(), child->err()};
   child.reset();
   testing_support::drainLoop(loop);
-  std::erase(done.out, '\r');
-  std::erase(done.err, '\r');
-  return done;
+  std::erase(outputs.out, '\r');
+  std::erase(outputs.err, '\r');
+  return outputs;
 }
 
 using testing_support::LogCapture;
