@@ -80,10 +80,9 @@ TEST(PasswordManager, SecretsDoNotDecryptWithAnotherKeyOrFromBadText) {
     if (line.priority == fn::logging::ERR)
       errors.push_back(line.text.substr(0, line.text.find(" [path ")));
   }
-  fn::String const failed = "Could not decrypt password",
-                   wrongSize =
-                       "FileException: The password key file has the wrong size (16 "
-                       "bytes, not 32)";
+  fn::String const failed = "Could not decrypt password";
+  fn::String const wrongSize =
+      "FileException: The password key file has the wrong size (16 bytes, not 32)";
   EXPECT_EQ(errors, (std::vector<fn::String>{
                         failed + ": FileException: There is no password key", failed,
                         failed + ": DataFormatException: Invalid Base64 (at character 0 of 3)",

@@ -21,11 +21,6 @@ using testing::TemporaryRoot;
 
 constexpr std::string_view SECRET = "correct horse battery staple";
 
-std::unique_ptr<PasswordManagerGeneric> userManager(TemporaryRoot const& root) {
-  return std::make_unique<PasswordManagerGeneric>(Encryption::createPlatformDefault(),
-                                                  root.file("Passwords.prefs"));
-}
-
 nlohmann::json storedFile(fn::String const& path) {
   return nlohmann::json::parse("{" + std::string(fn::File(path).readAll().view()) + "}");
 }
@@ -64,47 +59,45 @@ TEST(PasswordManager, StoresSecretsEncryptedPerServiceAndAccount) {
   EXPECT_EQ(storedFile(path)["passwords"]["chat"], nlohmann::json::object());
 }
 
-TEST(PasswordManager, TheTagOfTheFileFormatNamesNoServiceOrAccount) {
-  TemporaryRoot root;
-  auto manager = userManager(root);
-  manager->setPassword("mail", "bob", SECRET);
-  fn::String before(fn::File(root.file("Passwords.prefs")).readAll().view());
-  for (auto [service, account] :
-       {std::pair{"__type__", "bob"}, {"mail", "__type__"}, {"mail.__type__", "bob"}}) {
-    EXPECT_THROW(manager->setPassword(service, account, "x"), fn::IllegalArgumentException);
-    EXPECT_THROW(manager->getPassword(service, account), fn::IllegalArgumentException);
-    EXPECT_THROW(manager->removePassword(service, account), fn::IllegalArgumentException);
-  }
-  // Nothing was written: a fresh process still finds every secret.
-  EXPECT_EQ(fn::String(fn::File(root.file("Passwords.prefs")).readAll().view()), before);
-  EXPECT_EQ(userManager(root)->getPassword("mail", "bob"), SECRET);
-}
-
-TEST(PasswordManager, ACorruptFileIsReplacedOnlyWhenReading) {
+TEST(PasswordManager, ACorruptFileIsReplacedOnlyWhenReadingAndReservedNamesNeverReachIt) {
   TemporaryRoot root;
   fn::String path = root.file("Passwords.prefs");
   fn::ByteArray garbage(std::string_view("\"passwords\": {\"mail\": "));
   fn::File(path).writeAll(garbage);
 
-  auto manager = userManager(root);
-  EXPECT_THROW(manager->setPassword("mail", "bob", SECRET), fn::DataFormatException);
-  EXPECT_THROW(manager->removePassword("mail", "bob"), fn::DataFormatException);
+  PasswordManagerGeneric manager(Encryption::createPlatformDefault(), path);
+  EXPECT_THROW(manager.setPassword("mail", "bob", SECRET), fn::DataFormatException);
+  EXPECT_THROW(manager.removePassword("mail", "bob"), fn::DataFormatException);
   EXPECT_EQ(fn::File(path).readAll(), garbage);
 
   // Reading replaces it with what this manager knows: nothing, in a fresh one.
-  EXPECT_EQ(manager->getPassword("mail", "bob"), "");
+  EXPECT_EQ(manager.getPassword("mail", "bob"), "");
   EXPECT_TRUE(fn::File(path).readAll().empty());
-  manager->setPassword("mail", "bob", SECRET);
+  manager.setPassword("mail", "bob", SECRET);
 
   // A manager that read the file before it broke writes back its last view.
   fn::File(path).writeAll(garbage);
-  EXPECT_EQ(manager->getPassword("mail", "bob"), SECRET);
-  EXPECT_EQ(userManager(root)->getPassword("mail", "bob"), SECRET);
+  EXPECT_EQ(manager.getPassword("mail", "bob"), SECRET);
+
+  // The tag of the file format names no service or account: the file would not read back, and
+  // the next reader would replace it. Nothing is written, and a fresh process still finds every
+  // secret.
+  fn::ByteArray before = fn::File(path).readAll();
+  for (auto [service, account] :
+       {std::pair{"__type__", "bob"}, {"mail", "__type__"}, {"mail.__type__", "bob"}}) {
+    EXPECT_THROW(manager.setPassword(service, account, "x"), fn::IllegalArgumentException);
+    EXPECT_THROW(manager.getPassword(service, account), fn::IllegalArgumentException);
+    EXPECT_THROW(manager.removePassword(service, account), fn::IllegalArgumentException);
+  }
+  EXPECT_EQ(fn::File(path).readAll(), before);
+  EXPECT_EQ(
+      PasswordManagerGeneric(Encryption::createPlatformDefault(), path).getPassword("mail", "bob"),
+      SECRET);
 
   // Errors other than bad content propagate.
   fn::File(path).remove();
   fn::File(path).createDirectories();
-  EXPECT_THROW(manager->getPassword("mail", "bob"), fn::FileException);
+  EXPECT_THROW(manager.getPassword("mail", "bob"), fn::FileException);
 }
 
 }  // namespace
