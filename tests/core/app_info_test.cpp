@@ -3,15 +3,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "child_process.h"
 #include "child_role.h"
 #include "core/preferences.h"
-#include "foundation/environment.h"
 #include "foundation/exception.h"
 #include "foundation/file.h"
-#include "foundation/path_manager.h"
-#include "loop_runner.h"
-#include "platform.h"
 #include "test_support.h"
 
 namespace core {
@@ -47,14 +42,7 @@ int reportIdentity(int, char**) {
 fn::String childIdentity(char const* product = "0") {
   if (product)
     fn::Environment::set("ManagerAppType", product);
-  fn::uv::Loop loop;
-  auto child = testing_support::ChildProcess::start(
-      loop, {.file = fn::uv::executablePath(), .arguments = {"--identity"}, .capture = true});
-  EXPECT_EQ(child->waitForExit(), 0) << child->err();
-  fn::String out = child->out();
-  child.reset();
-  testing_support::drainLoop(loop);
-  return out;
+  return testing::runToEnd({"--identity"}).out;
 }
 
 TEST(AppInfo, TheProductTravelsToChildProcessesThroughTheEnvironment) {
@@ -100,10 +88,9 @@ TEST(AppInfo, TheInstanceIdIsCreatedOnceAndSharedByEveryProcess) {
   stored.reload();
   EXPECT_EQ(stored.root(), fn::Value::map({{"instanceId", id}}));
 
-  struct stat before {};
+  struct stat before = {}, after = {};
   ASSERT_EQ(::stat(path.c_str(), &before), 0);
   EXPECT_TRUE(childIdentity().startsWith(id + " 0\n"));
-  struct stat after {};
   ASSERT_EQ(::stat(path.c_str(), &after), 0);
   if (!testing_support::isWindows()) {
     EXPECT_EQ(before.st_ino, after.st_ino) << "the file was rewritten";

@@ -7,9 +7,8 @@
 #include <chrono>
 #include <thread>
 
-#include "child_process.h"
 #include "child_role.h"
-#include "loop_runner.h"
+#include "test_support.h"
 
 namespace core {
 namespace {
@@ -17,19 +16,14 @@ namespace {
 std::atomic<int> processed{0};
 std::atomic<int> counted{0};
 
-void count(fn::String&) {
-  ++counted;
-}
-void tag(fn::String& line) {
-  line = "[x] " + line;
-}
-void suppressSecrets(fn::String& line) {
+using Callback = ConsoleLogPostProcessor::StandardErrorCallback;
+Callback const count = [](fn::String&) { ++counted; };
+Callback const tag = [](fn::String& line) { line = "[x] " + line; };
+Callback const suppressSecrets = [](fn::String& line) {
   if (line.find("secret") != fn::String::npos)
     line.clear();
-}
-void markProcessed(fn::String&) {
-  ++processed;
-}
+};
+Callback const markProcessed = [](fn::String&) { ++processed; };
 
 void writeError(std::string_view text) {
   ssize_t ignored = ::write(STDERR_FILENO, text.data(), text.size());
@@ -48,14 +42,14 @@ bool waitProcessed(int lines) {
 int captureStandardError(int, char**) {
   ConsoleLogPostProcessor::init();
   ConsoleLogPostProcessor::init();
-  ConsoleLogPostProcessor::registerStandardErrorCallback(&markProcessed);
+  ConsoleLogPostProcessor::registerStandardErrorCallback(markProcessed);
   writeError("plain\n");
   bool first = waitProcessed(1);
 
-  ConsoleLogPostProcessor::registerStandardErrorCallback(&count);
-  ConsoleLogPostProcessor::registerStandardErrorCallback(&count);
-  ConsoleLogPostProcessor::registerStandardErrorCallback(&tag);
-  ConsoleLogPostProcessor::registerStandardErrorCallback(&suppressSecrets);
+  ConsoleLogPostProcessor::registerStandardErrorCallback(count);
+  ConsoleLogPostProcessor::registerStandardErrorCallback(count);
+  ConsoleLogPostProcessor::registerStandardErrorCallback(tag);
+  ConsoleLogPostProcessor::registerStandardErrorCallback(suppressSecrets);
   writeError("ab");
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   int beforeLineFeed = counted;
@@ -64,7 +58,7 @@ int captureStandardError(int, char**) {
   int afterLineFeed = counted;
   writeError("a secret\n");
   bool third = waitProcessed(3);
-  ConsoleLogPostProcessor::unregisterStandardErrorCallback(&count);
+  ConsoleLogPostProcessor::unregisterStandardErrorCallback(count);
   writeError("last\n");
   bool fourth = waitProcessed(4);
   std::printf("%d %d %d %d %d %d %d\n", first, second, third, fourth, beforeLineFeed, afterLineFeed,
@@ -79,19 +73,13 @@ int captureStandardError(int, char**) {
     testing_support::registerChildRole("--stderr-capture", &captureStandardError);
 
 TEST(ConsoleLogPostProcessor, CallbacksSeeWholeLinesAndMayRewriteOrSuppressThem) {
-  fn::uv::Loop loop;
-  auto child = testing_support::ChildProcess::start(
-      loop, {.file = fn::uv::executablePath(), .arguments = {"--stderr-capture"}, .capture = true});
-  EXPECT_EQ(child->waitForExit(), 0);
+  auto child = testing::runToEnd({"--stderr-capture"});
   // Lines wait for their line feed; a callback registered twice runs twice, and one
   // unregistration removes both.
-  EXPECT_EQ(child->out(), "1 1 1 1 0 2 4\n");
-  // Windows' runtime writes a text-mode line feed as CR LF, with or without the capture.
-  fn::String err = child->err();
-  std::erase(err, '\r');
-  EXPECT_EQ(err, "plain\n[x] abc\n[x] last\n[x] unfinished");
-  child.reset();
-  testing_support::drainLoop(loop);
+  EXPECT_EQ(child.out, "1 1 1 1 0 2 4\n");
+  // Without the CR that Windows' runtime writes before a text-mode line feed, with or without
+  // the capture.
+  EXPECT_EQ(child.err, "plain\n[x] abc\n[x] last\n[x] unfinished");
 }
 
 }  // namespace

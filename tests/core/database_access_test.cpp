@@ -32,9 +32,7 @@ Schema const ITEMS_V5 = [](sqlite::Database& db) {
   db.execute("create table items (id integer primary key, title text, rating integer default 0)");
 };
 
-fn::uv::Loop& loop() {
-  return fn::uv::Loop::defaultLoop();
-}
+auto const loop = &fn::uv::Loop::defaultLoop;
 
 class Catalogue : public DatabaseAccess {
 public:

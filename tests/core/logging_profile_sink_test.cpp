@@ -4,19 +4,13 @@
 
 #include <algorithm>
 
-#include "child_process.h"
 #include "child_role.h"
 #include "core/ipc/message_bus.h"
 #include "core/ipc/module.h"
-#include "foundation/environment.h"
 #include "foundation/file.h"
 #include "foundation/log_file_target.h"
 #include "foundation/message_bus.h"
-#include "foundation/path_manager.h"
-#include "foundation/uv/loop.h"
 #include "ipc/hub_fixture.h"
-#include "loop_runner.h"
-#include "platform.h"
 #include "test_support.h"
 
 namespace core {
@@ -26,13 +20,10 @@ using testing::TemporaryRoot;
 using testing_support::ChildProcess;
 using testing_support::runLoopUntil;
 
-fn::String profileDirectory() {
-  return fn::PathManager::instance().getPath(fn::PathManager::APPLICATION_DATA, "logging_profiles/",
-                                             true);
-}
-
 void writeProfile(fn::String const& name, std::string_view text) {
-  fn::File(profileDirectory() + name).writeAll(fn::ByteArray(text));
+  auto& paths = fn::PathManager::instance();
+  fn::File(paths.getPath(fn::PathManager::APPLICATION_DATA, "logging_profiles/" + name, true))
+      .writeAll(fn::ByteArray(text));
 }
 
 fn::String readLog(fn::String const& name) {
@@ -79,20 +70,6 @@ int reportProfiles(int, char** argv) {
 [[maybe_unused]] bool const reportRole =
     testing_support::registerChildRole("--profile-report", &reportProfiles);
 
-fn::String runReport(fn::String const& name) {
-  fn::uv::Loop loop;
-  auto child = ChildProcess::start(
-      loop,
-      {.file = fn::uv::executablePath(), .arguments = {"--profile-report", name}, .capture = true});
-  EXPECT_EQ(child->waitForExit(), 0) << child->err();
-  // Standard output is in text mode on Windows.
-  fn::String out = child->out();
-  std::erase(out, '\r');
-  child.reset();
-  testing_support::drainLoop(loop);
-  return out;
-}
-
 TEST(LoggingProfileSink, ChoosesProfilesForTheProcessAndUserWhateverTheDirectoryOrder) {
   fn::String user = fn::Environment::userName();
   ASSERT_FALSE(user.empty());
@@ -118,7 +95,7 @@ TEST(LoggingProfileSink, ChoosesProfilesForTheProcessAndUserWhateverTheDirectory
       std::reverse(files.begin(), files.end());
     for (auto const& [name, text] : files)
       writeProfile(name, text);
-    EXPECT_EQ(runReport("reporter"), expected);
+    EXPECT_EQ(testing::runToEnd({"--profile-report", "reporter"}).out, expected);
     // The failed reload's error went to the profiles it kept.
     EXPECT_TRUE(readLog("reporter.log")
                     .startsWith(fmt::format("other info\r\nUnhandled exception: FileException: {}",
@@ -135,8 +112,9 @@ TEST(LoggingProfileSink, ChoosesProfilesForTheProcessAndUserWhateverTheDirectory
 fn::logging::Category logVerbose("test.verbose");
 
 // A module process for the verbose-logging test: "--verbose-module PIPE NAME [switch]". It sets
-// up its profiles, allows verbose logging before it connects when told to switch, and logs a
-// DBG line for every "test.log-now" it hears, answering "test.logged".
+// up its profiles and, told to switch, allows verbose logging before it connects; otherwise it
+// logs a DBG line for every "test.log-now" it hears, answering "test.logged". Once connected it
+// posts "test.ready".
 class VerboseModule : public ipc::Module {
 public:
   using ipc::Module::Module;
@@ -145,13 +123,12 @@ protected:
   void onConnected() override {
     fn::MessageBus& bus = fn::MessageBus::instance();
     fn::String name = initData().displayName();
-    if (initData().userData() == "switch")
-      return;
-    _listening = bus.listen("test.log-now", [name](fn::String const&, fn::Value const& body) {
-      logVerbose.log(fn::logging::DBG, "line {} in {}", body.asInt(), name);
-      fn::MessageBus::instance().post("test.logged",
-                                      fn::Value::map({{"from", name}, {"line", body}}));
-    });
+    if (initData().userData() != "switch") {
+      _listening = bus.listen("test.log-now", [name](fn::String const&, fn::Value const& body) {
+        logVerbose.log(fn::logging::DBG, "line {} in {}", body.asInt(), name);
+        fn::MessageBus::instance().post("test.logged", name);
+      });
+    }
     bus.post("test.ready", name);
   }
 
@@ -181,10 +158,7 @@ protected:
     if (switches)
       arguments.push_back("switch");
     auto child = ChildProcess::startRole(loop, arguments);
-    if (name != "switcher") {
-      EXPECT_TRUE(
-          runLoopUntil(loop, [&] { return std::count(ready.begin(), ready.end(), name) > 0; }));
-    }
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return std::ranges::count(ready, name) > 0; })) << name;
     return child;
   }
   /// Asks every listening module to log line `line` and waits for `count` of them to say so.
@@ -206,12 +180,11 @@ TEST_F(VerboseLoggingTest, SwitchedInOneProcessSeenInOthersAndInLaterOnes) {
     bus = found;
   });
   ASSERT_TRUE(runLoopUntil(loop, [&] { return bool(bus); }));
-  listening.push_back(bus->listen("test.ready", [&](fn::String const&, fn::Value const& body) {
-    ready.push_back(body.asString());
-  }));
-  listening.push_back(bus->listen("test.logged", [&](fn::String const&, fn::Value const& body) {
-    logged.push_back(body.get("from").asString());
-  }));
+  for (auto [name, into] : {std::pair{"test.ready", &ready}, {"test.logged", &logged}}) {
+    listening.push_back(bus->listen(name, [into](fn::String const&, fn::Value const& body) {
+      into->push_back(body.asString());
+    }));
+  }
 
   auto early = startModule("early");
   logLine(1, 1);
@@ -220,27 +193,27 @@ TEST_F(VerboseLoggingTest, SwitchedInOneProcessSeenInOthersAndInLaterOnes) {
   auto const& sticky = hub().messageBus()->stickyMessages();
   ASSERT_TRUE(runLoopUntil(
       loop, [&] { return sticky.contains(LoggingProfileSink::ALLOW_VERBOSE_LOGGING); }));
-  EXPECT_EQ(sticky.at(LoggingProfileSink::ALLOW_VERBOSE_LOGGING), fn::Value(true));
   logLine(2, 1);
   auto late = startModule("late");
   logLine(3, 2);
   bus->post(LoggingProfileSink::ALLOW_VERBOSE_LOGGING, false, true);
   logLine(4, 2);
 
-  // Without their hub the modules end, and their files get what they still held.
+  // Without their hub the modules end, and their files get what they still held: the lines
+  // logged while verbose logging was on.
   stopHub();
   for (auto* child : {early.get(), switcher.get(), late.get()})
     EXPECT_EQ(child->waitForExit(), 0);
-  fn::String earlyLog = readLog("early.trace.log");
-  fn::String lateLog = readLog("late.trace.log");
-  for (auto const& [text, log, present] :
-       std::vector<std::tuple<char const*, fn::String, bool>>{{"line 1 in early", earlyLog, false},
-                                                              {"line 2 in early", earlyLog, true},
-                                                              {"line 3 in early", earlyLog, true},
-                                                              {"line 4 in early", earlyLog, false},
-                                                              {"line 3 in late", lateLog, true},
-                                                              {"line 4 in late", lateLog, false}})
-    EXPECT_EQ(log.find(text) != fn::String::npos, present) << text << "\n" << log;
+  auto linesIn = [](fn::String const& name) {
+    fn::String log = readLog(name + ".trace.log"), found;
+    for (int line = 1; line <= 4; ++line) {
+      if (log.find(fmt::format("line {} in {}\r\n", line, name)) != fn::String::npos)
+        found += fmt::format("{} ", line);
+    }
+    return found;
+  };
+  EXPECT_EQ(linesIn("early"), "2 3 ");
+  EXPECT_EQ(linesIn("late"), "3 ");
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include "foundation/exception.h"
 #include "foundation/file.h"
 #include "foundation/path_manager.h"
-#include "platform.h"
 #include "test_support.h"
 
 namespace core {
@@ -22,11 +21,6 @@ using testing::TemporaryRoot;
 
 constexpr std::string_view SECRET = "correct horse battery staple";
 
-std::unique_ptr<PasswordManagerGeneric> userManager(TemporaryRoot const& root) {
-  return std::make_unique<PasswordManagerGeneric>(Encryption::createPlatformDefault(),
-                                                  root.file("Passwords.prefs"));
-}
-
 nlohmann::json storedFile(fn::String const& path) {
   return nlohmann::json::parse("{" + std::string(fn::File(path).readAll().view()) + "}");
 }
@@ -34,90 +28,76 @@ nlohmann::json storedFile(fn::String const& path) {
 TEST(PasswordManager, StoresSecretsEncryptedPerServiceAndAccount) {
   TemporaryRoot root;
   LogCapture log;
-  auto manager = userManager(root);
+  // The shared instance keeps its file in the user data directory, which its first secret
+  // makes.
+  PasswordManager& manager = PasswordManager::instance();
+  fn::String directory = fn::PathManager::instance().getPath(fn::PathManager::USER_DATA);
+  fn::String path = directory + "/Passwords.prefs";
   bool found = true;
-  EXPECT_EQ(manager->getPassword("mail", "bob", found), "");
+  EXPECT_EQ(manager.getPassword("mail", "bob", found), "");
   EXPECT_FALSE(found);
-  manager->setPassword("mail", "bob", SECRET);
-  manager->setPassword("chat", "bob", "");
-
-  fn::String path = root.file("Passwords.prefs");
+  manager.setPassword("mail", "bob", SECRET);
+  manager.setPassword("chat", "bob", "");
   EXPECT_EQ(fn::File(path).readAll().view().find(SECRET), std::string_view::npos);
+  // Windows keeps the key with the user's account, not in a file.
+  EXPECT_EQ(fn::File(directory + "/Passwords.key").exists(), !testing_support::isWindows());
   auto stored = storedFile(path)["passwords"]["mail"]["bob"];
 
   // Another manager (another process, as far as the file is concerned) sees everything, and
   // encrypting the same secret again gives another text (a fresh nonce).
-  auto other = userManager(root);
-  EXPECT_EQ(other->getPassword("mail", "bob"), SECRET);
-  EXPECT_EQ(other->getPassword("chat", "bob", found), "");
+  PasswordManagerGeneric other(Encryption::createPlatformDefault(), path);
+  EXPECT_EQ(other.getPassword("mail", "bob"), SECRET);
+  EXPECT_EQ(other.getPassword("chat", "bob", found), "");
   EXPECT_TRUE(found);
-  other->setPassword("mail", "bob", SECRET);
+  other.setPassword("mail", "bob", SECRET);
   EXPECT_NE(storedFile(path)["passwords"]["mail"]["bob"], stored);
-  EXPECT_EQ(manager->getPassword("mail", "bob"), SECRET);
+  EXPECT_EQ(manager.getPassword("mail", "bob"), SECRET);
   EXPECT_TRUE(log.linesOf("core.password").empty());
 
   // Removing keeps the emptied service.
-  manager->removePassword("chat", "bob");
+  manager.removePassword("chat", "bob");
   EXPECT_EQ(storedFile(path)["passwords"]["chat"], nlohmann::json::object());
 }
 
-TEST(PasswordManager, TheTagOfTheFileFormatNamesNoServiceOrAccount) {
-  TemporaryRoot root;
-  auto manager = userManager(root);
-  manager->setPassword("mail", "bob", SECRET);
-  fn::String before(fn::File(root.file("Passwords.prefs")).readAll().view());
-  for (auto [service, account] :
-       {std::pair{"__type__", "bob"}, {"mail", "__type__"}, {"mail.__type__", "bob"}}) {
-    EXPECT_THROW(manager->setPassword(service, account, "x"), fn::IllegalArgumentException);
-    EXPECT_THROW(manager->getPassword(service, account), fn::IllegalArgumentException);
-    EXPECT_THROW(manager->removePassword(service, account), fn::IllegalArgumentException);
-  }
-  // Nothing was written: a fresh process still finds every secret.
-  EXPECT_EQ(fn::String(fn::File(root.file("Passwords.prefs")).readAll().view()), before);
-  EXPECT_EQ(userManager(root)->getPassword("mail", "bob"), SECRET);
-}
-
-TEST(PasswordManager, ACorruptFileIsReplacedOnlyWhenReading) {
+TEST(PasswordManager, ACorruptFileIsReplacedOnlyWhenReadingAndReservedNamesNeverReachIt) {
   TemporaryRoot root;
   fn::String path = root.file("Passwords.prefs");
   fn::ByteArray garbage(std::string_view("\"passwords\": {\"mail\": "));
   fn::File(path).writeAll(garbage);
 
-  auto manager = userManager(root);
-  EXPECT_THROW(manager->setPassword("mail", "bob", SECRET), fn::DataFormatException);
-  EXPECT_THROW(manager->removePassword("mail", "bob"), fn::DataFormatException);
+  PasswordManagerGeneric manager(Encryption::createPlatformDefault(), path);
+  EXPECT_THROW(manager.setPassword("mail", "bob", SECRET), fn::DataFormatException);
+  EXPECT_THROW(manager.removePassword("mail", "bob"), fn::DataFormatException);
   EXPECT_EQ(fn::File(path).readAll(), garbage);
 
   // Reading replaces it with what this manager knows: nothing, in a fresh one.
-  EXPECT_EQ(manager->getPassword("mail", "bob"), "");
+  EXPECT_EQ(manager.getPassword("mail", "bob"), "");
   EXPECT_TRUE(fn::File(path).readAll().empty());
-  manager->setPassword("mail", "bob", SECRET);
+  manager.setPassword("mail", "bob", SECRET);
 
   // A manager that read the file before it broke writes back its last view.
   fn::File(path).writeAll(garbage);
-  EXPECT_EQ(manager->getPassword("mail", "bob"), SECRET);
-  EXPECT_EQ(userManager(root)->getPassword("mail", "bob"), SECRET);
+  EXPECT_EQ(manager.getPassword("mail", "bob"), SECRET);
+
+  // The tag of the file format names no service or account: the file would not read back, and
+  // the next reader would replace it. Nothing is written, and a fresh process still finds every
+  // secret.
+  fn::ByteArray before = fn::File(path).readAll();
+  for (auto [service, account] :
+       {std::pair{"__type__", "bob"}, {"mail", "__type__"}, {"mail.__type__", "bob"}}) {
+    EXPECT_THROW(manager.setPassword(service, account, "x"), fn::IllegalArgumentException);
+    EXPECT_THROW(manager.getPassword(service, account), fn::IllegalArgumentException);
+    EXPECT_THROW(manager.removePassword(service, account), fn::IllegalArgumentException);
+  }
+  EXPECT_EQ(fn::File(path).readAll(), before);
+  EXPECT_EQ(
+      PasswordManagerGeneric(Encryption::createPlatformDefault(), path).getPassword("mail", "bob"),
+      SECRET);
 
   // Errors other than bad content propagate.
   fn::File(path).remove();
   fn::File(path).createDirectories();
-  EXPECT_THROW(manager->getPassword("mail", "bob"), fn::FileException);
-}
-
-TEST(PasswordManager, ThePassThroughEncryptionStoresPlainTextTheSharedInstanceDoesNot) {
-  TemporaryRoot root;
-  PasswordManagerGeneric plain(std::make_unique<Encryption>(), root.file("Plain.prefs"));
-  plain.setPassword("mail", "bob", SECRET);
-  EXPECT_EQ(storedFile(root.file("Plain.prefs"))["passwords"]["mail"]["bob"], SECRET);
-  // The shared instance encrypts, in the user data directory.
-  PasswordManager& shared = PasswordManager::instance();
-  shared.setPassword("mail", "bob", SECRET);
-  fn::String directory = fn::PathManager::instance().getPath(fn::PathManager::USER_DATA);
-  EXPECT_EQ(fn::File(directory + "/Passwords.prefs").readAll().view().find(SECRET),
-            std::string_view::npos);
-  // Windows keeps the key with the user's account, not in a file.
-  EXPECT_EQ(fn::File(directory + "/Passwords.key").exists(), !testing_support::isWindows());
-  EXPECT_EQ(shared.getPassword("mail", "bob"), SECRET);
+  EXPECT_THROW(manager.getPassword("mail", "bob"), fn::FileException);
 }
 
 }  // namespace

@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "child_process.h"
 #include "child_role.h"
 #include "core/fraction.h"
 #include "core/typed_byte_array.h"
@@ -15,8 +13,6 @@
 #include "foundation/file.h"
 #include "foundation/timestamp.h"
 #include "foundation/uuid.h"
-#include "loop_runner.h"
-#include "platform.h"
 #include "test_support.h"
 
 namespace core {
@@ -93,46 +89,37 @@ TEST(Preferences, MalformedFilesFailWithTheirErrorTextsAndKeepTheObject) {
       {"\"a\": [1,", "DataFormatException", ""},
       {"\"a\": 1}, {\"b\": 2", "DataFormatException", ""},
   };
-  for (auto [text, error, detail] : cases) {
-    fn::File(path).writeAll(fn::ByteArray(text));
+  // A format error names the file.
+  auto refused = [&](std::string_view error, std::string_view detail = "") {
     try {
       preferences.reload();
-      ADD_FAILURE() << text;
+      ADD_FAILURE() << error;
     } catch (fn::Exception const& e) {
-      EXPECT_TRUE((e.className() + ": " + e.message()).starts_with(error)) << text;
-      EXPECT_NE(e.info().detail.value_or("").find(detail), fn::String::npos) << text;
-      EXPECT_TRUE(!error.starts_with("Data") || e.info().path == path) << text;
+      EXPECT_TRUE((e.className() + ": " + e.message()).starts_with(error)) << e.toString();
+      EXPECT_NE(e.info().detail.value_or("").find(detail), fn::String::npos) << e.toString();
+      EXPECT_TRUE(!error.starts_with("Data") || e.info().path == path) << e.toString();
     }
+    fn::File(path).remove();
+  };
+  for (auto [text, error, detail] : cases) {
+    SCOPED_TRACE(text);
+    fn::File(path).writeAll(fn::ByteArray(text));
+    refused(error, detail);
   }
   EXPECT_EQ(preferences.root(), fn::Value::map({{"kept", 1}}));
 
   // What is not a regular file, or too large to be preferences, is refused without waiting
   // for a writer or reading it.
   std::string file(path);
-  std::vector<std::pair<std::function<void()>, std::string_view>> paths = {
-      {[&] {
-         fn::File(path).writeAll({});
-         std::filesystem::resize_file(file, Preferences::MAX_FILE_SIZE + 1);
-       },
-       "DataFormatException: A preferences file may hold at most"},
-  };
+  fn::File(path).writeAll({});
+  std::filesystem::resize_file(file, Preferences::MAX_FILE_SIZE + 1);
+  refused("DataFormatException: A preferences file may hold at most");
   if (!testing_support::isWindows()) {
-    paths.push_back(
-        {[&] { testing_support::makeFifo(path); }, "FileException: Not a regular file"});
-    paths.push_back({[&] { std::filesystem::create_symlink("/dev/zero", file); },
-                     "FileException: Not a regular file"});
+    testing_support::makeFifo(path);
+    refused("FileException: Not a regular file");
+    std::filesystem::create_symlink("/dev/zero", file);
+    refused("FileException: Not a regular file");
   }
-  for (auto const& [make, error] : paths) {
-    fn::File(path).remove();
-    make();
-    try {
-      preferences.reload();
-      ADD_FAILURE() << error;
-    } catch (fn::Exception const& e) {
-      EXPECT_TRUE((e.className() + ": " + e.message()).starts_with(error)) << e.toString();
-    }
-  }
-  fn::File(path).remove();
 
   // An empty MIME type means a plain buffer; an empty or missing file an empty object.
   fn::File(path).writeAll(fn::ByteArray(
@@ -160,9 +147,8 @@ TEST(Preferences, SavesThatFailOrDoNotReadBackLeaveOneFile) {
   // reported.
   preferences.root()["v"]["__type__"] = "vector";
   EXPECT_NO_THROW(preferences.save());
-  auto reports = log.linesOf("fn.exception");
-  ASSERT_EQ(reports.size(), 1u);
-  EXPECT_NE(reports[0].text.find("Unknown value type"), fn::String::npos);
+  EXPECT_EQ(log.linesOf("fn.exception").size(), 1u);
+  EXPECT_TRUE(log.contains("Unknown value type"));
   EXPECT_THROW(preferences.reload(), fn::DataFormatException);
   fn::String saved = readText(preferences.path());
 

@@ -6,10 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <vector>
 
+#include "child_process.h"
 #include "foundation/environment.h"
 #include "foundation/path_manager.h"
 #include "log_capture.h"
+#include "loop_runner.h"
 #include "platform.h"
 
 namespace core::testing {
@@ -60,6 +63,25 @@ private:
   fn::String _path;
   fn::String _previous;
 };
+
+/// Runs a program (by default the test executable, in a role) to its end on a loop of its own,
+/// expecting exit status 0; its outputs, without the carriage returns of Windows' text mode.
+struct Outputs {
+  fn::String out, err;
+};
+inline Outputs runToEnd(std::vector<fn::String> arguments,
+                        fn::String const& file = fn::uv::executablePath()) {
+  fn::uv::Loop loop;
+  auto child = testing_support::ChildProcess::start(
+      loop, {.file = file, .arguments = std::move(arguments), .capture = true});
+  EXPECT_EQ(child->waitForExit(), 0) << file << "\n" << child->err();
+  Outputs outputs{child->out(), child->err()};
+  child.reset();
+  testing_support::drainLoop(loop);
+  std::erase(outputs.out, '\r');
+  std::erase(outputs.err, '\r');
+  return outputs;
+}
 
 using testing_support::LogCapture;
 
