@@ -55,19 +55,15 @@ TEST(Image, StridesOffsetsAndDisplaySize) {
   EXPECT_EQ(yuv(Format::YUV_422, 16, 8)->offsetForPixel(5, 3, 2), 16u * 3 + 2);  // x 2, y 3
   EXPECT_EQ(Image::planeCountForFormat(Format(42)), 0u);
 
-  struct Display {
-    Fraction ratio;
-    uint32_t width, height;
-  };
   // A ratio with a zero term (from a confused peer) changes nothing rather than dividing by 0.
-  for (auto const& c : std::vector<Display>{{{2, 1}, 200, 50},
-                                            {{1, 2}, 100, 100},
-                                            {{1, 1}, 100, 50},
-                                            {{3, 0}, 100, 50},
-                                            {{0, 3}, 100, 50}}) {
-    BufferImage image(Format::Packed8, 100, 50, 0, {}, c.ratio);
-    EXPECT_EQ(image.displayWidth(), c.width) << c.ratio.toString();
-    EXPECT_EQ(image.displayHeight(), c.height) << c.ratio.toString();
+  for (auto [ratio, width, height] : {std::tuple{Fraction(2, 1), 200u, 50u},
+                                      {Fraction(1, 2), 100u, 100u},
+                                      {Fraction(1, 1), 100u, 50u},
+                                      {Fraction(3, 0), 100u, 50u},
+                                      {Fraction(0, 3), 100u, 50u}}) {
+    BufferImage image(Format::Packed8, 100, 50, 0, {}, ratio);
+    EXPECT_EQ(std::pair(image.displayWidth(), image.displayHeight()), std::pair(width, height))
+        << ratio.toString();
   }
 }
 
@@ -88,7 +84,6 @@ TEST(Image, SinglePlaneConstructorRefusesCompressedAndPlanarFormats) {
 TEST(Image, ViewsShareThePlanesOfTheirSource) {
   auto source = yuv(Format::YUV_420, 16, 8);
   auto view = source->subImage(4, 2, 10, 6)->subImage(2, 2, 4, 2);
-  EXPECT_EQ(std::pair(view->width(), view->height()), std::pair(4u, 2u));
   for (unsigned p = 0; p < 3; ++p)
     EXPECT_EQ(view->data(p), source->data(p) + source->offsetForPixel(6, 4, p));
   view->mutableData(0)[0] = 0xee;
@@ -139,7 +134,6 @@ TEST(Image, CloneAddsFilledMarginsAroundACopy) {
     pixels[i] = static_cast<uint8_t>(i);
   auto packed = fn::makeAuto<BufferImage>(Format::Packed32C, 3, 2, 12, pixels, Fraction(1, 1));
   auto framed = packed->clone({.left = 1, .top = 0, .right = 2, .bottom = 1}, 0xaabbccdd);
-  EXPECT_EQ(framed->stride(0), 24u);
   EXPECT_EQ(pixel32(*framed, 1, 0), pixel32(*packed, 0, 0));
   EXPECT_EQ(pixel32(*framed, 3, 1), pixel32(*packed, 2, 1));
   for (auto [x, y] : {std::pair{0, 0}, {4, 1}, {2, 2}})

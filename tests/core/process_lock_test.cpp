@@ -41,14 +41,14 @@ int holdLock(int argc, char** argv) {
 
 class ProcessLockTest : public ::testing::Test {
 protected:
-  /// A child that took the lock, once it said what it got.
-  std::unique_ptr<ChildProcess> holder(fn::String& said) {
+  /// A child that took the lock, once it said that it got what was `expected`.
+  std::unique_ptr<ChildProcess> holder(char const* expected) {
     auto child = ChildProcess::start(
         loop, {.file = fn::uv::executablePath(), .arguments = {"--hold", ROLE}, .capture = true});
     EXPECT_TRUE(testing_support::runLoopUntil(loop, [&] {
       return child->out().find('\n') != fn::String::npos || child->exited();
     })) << child->err();
-    said = child->out().trim();
+    EXPECT_EQ(child->out().trim(), expected) << child->err();
     return child;
   }
 
@@ -57,14 +57,11 @@ protected:
 };
 
 TEST_F(ProcessLockTest, TheFirstHolderIsExclusiveUntilItDiesInAnyWay) {
-  fn::String said;
   for (int signal : {SIGTERM, SIGKILL}) {
     SCOPED_TRACE(signal);
-    auto first = holder(said);
-    EXPECT_EQ(said, "exclusive");
+    auto first = holder("exclusive");
     EXPECT_FALSE(ProcessLock(ROLE).exclusive());
-    auto second = holder(said);
-    EXPECT_EQ(said, "not exclusive");
+    auto second = holder("not exclusive");
     first->kill(signal);
     first->waitForExit();
     // A Windows mutex lives while any process has it open, the second holder too.
@@ -88,10 +85,7 @@ TEST_F(ProcessLockTest, ACopyKeepsTheLockAlive) {
   ASSERT_TRUE(original->exclusive());
   ProcessLock copy = *original;
   original.reset();
-  EXPECT_TRUE(copy.exclusive());
-  fn::String said;
-  auto other = holder(said);
-  EXPECT_EQ(said, "not exclusive");
+  auto other = holder("not exclusive");
 
   // A child process does not inherit the lock: once the copy goes, the name is free although
   // the child still runs (on Windows, where its open mutex keeps the name, once it ended).

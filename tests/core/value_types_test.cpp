@@ -30,7 +30,6 @@ TEST(Fraction, ComparisonsUseUnnormalisedWrappingCrossProducts) {
       {{1, 2}, {1, -2}, false, true},
       // 65536 * 65536 wraps to 0 in 32 bits: decided on 0 < 1.
       {{65536, 1}, {1, 65536}, false, true},
-      {{65536, 1}, {65536 * 2, 2}, true, false},
       // max * 2 wraps to -2: decided on 1 < -2.
       {{1, 2}, {max, 1}, false, false},
   };
@@ -62,16 +61,13 @@ TEST(Fraction, ReductionValueAndTextForms) {
     EXPECT_EQ(Fraction::fromString(malformed).toString(), "0/0") << malformed;
 }
 
-TEST(TypedByteArray, TextFormNamesTheMimeTypeFirst) {
-  EXPECT_EQ(TypedByteArray(fn::ByteArray{1, 2}, "image/png").toString(),
-            "image/png " + fn::ByteArray({1, 2}).toString());
-}
-
-TEST(ValueTypes, StreamFormsAreConsecutiveMessagePackValues) {
+TEST(ValueTypes, StreamFormsAreMessagePackValuesAndTheTextNamesTheMimeType) {
   fn::ByteArray bytes, expected;
   fn::ByteArrayOutputStream out(bytes);
   Fraction(30000, -1001).serialize(out);
-  TypedByteArray(fn::ByteArray{0xff, 0, 7}, "video/mp2t").serialize(out);
+  TypedByteArray typed(fn::ByteArray{0xff, 0, 7}, "video/mp2t");
+  typed.serialize(out);
+  EXPECT_EQ(typed.toString(), "video/mp2t " + fn::ByteArray({0xff, 0, 7}).toString());
   for (fn::Value value : {fn::Value(30000), fn::Value(-1001), fn::Value("video/mp2t"),
                           fn::Value(fn::ByteArray{0xff, 0, 7})})
     fn::mpack::encode(value, expected);
