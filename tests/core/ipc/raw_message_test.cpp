@@ -36,8 +36,9 @@ void expectSameAsDecoded(ipc::RawMessage const& raw, fn::ByteArray const& body) 
   ASSERT_NO_THROW(record = fn::mpack::decode(body.data(), body.size())) << body.toHex();
   EXPECT_EQ(record.at(key::TYPE).asInt(), type::MESSAGE);
   EXPECT_EQ(raw.target(), record.at(key::TARGET_WORKER_ID).to<uint16_t>());
-  if (raw.target() == ipc::NO_WORKER)
+  if (raw.target() == ipc::NO_WORKER) {
     EXPECT_EQ(raw.objectId(), record.at(key::OBJECT_ID).to<ipc::ObjectId>());
+  }
   std::vector<ipc::ObjectId> objects;
   for (auto const& [id, name] : record.get(key::OBJECTS, EMPTY).asMap())
     objects.push_back(id.asUInt());
