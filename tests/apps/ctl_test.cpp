@@ -1,21 +1,28 @@
 // lumaren-ctl end to end: the real tool against a hub in this process and a module process
-// that registers "TestService" (tests/support/test_module.h).
+// that registers "TestService" (tests/support/test_module.h); its log commands write through
+// its profiles, pack the archive and switch verbose logging through that hub.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
 
 #include "child_process.h"
 #include "core/app_info.h"
 #include "core/inspector_registry.h"
+#include "core/ipc/message_bus.h"
 #include "core/ipc/registry.h"
+#include "core/logging_profile_sink.h"
 #include "foundation/file.h"
+#include "foundation/path_manager.h"
 #include "hub_fixture.h"
 #include "platform.h"
 #include "test_module.h"
+#include "test_support.h"
 
 using namespace testing_support;
 using Json = nlohmann::json;
@@ -67,17 +74,61 @@ protected:
     return {status, child->out(), child->err()};
   }
 
+  /// Runs the tool, which must end with `status` and print `error` (whole lines) or a text
+  /// that starts with it.
+  void expectError(std::vector<fn::String> arguments, int64_t status, fn::String const& error) {
+    CtlRun run = ctl(std::move(arguments));
+    EXPECT_EQ(run.status, status) << run.err;
+    EXPECT_TRUE(error.endsWith("\n") ? run.err == error : run.err.startsWith(error)) << run.err;
+  }
+
   static Json json(fn::String const& text) { return Json::parse(std::string_view(text)); }
+  /// The JSON lines of `text` by their `key`.
+  static std::map<std::string, Json> byKey(fn::String const& text, char const* key) {
+    std::map<std::string, Json> found;
+    for (auto const& line : text.trim().split("\n"))
+      found[json(line)[key]] = json(line);
+    return found;
+  }
+
+  bool serviceEntries(size_t count) {
+    return runLoopUntil(loop, [&] { return hub().registry()->entryCount("TestService") == count; });
+  }
+
+  /// Ends a tool that runs until interrupted; Windows cannot interrupt a process of another
+  /// console, so it is ended instead.
+  static void interrupt(ChildProcess& tool) {
+    tool.kill(isWindows() ? SIGKILL : SIGINT);
+    EXPECT_EQ(tool.waitForExit(), isWindows() ? -SIGKILL : 0) << tool.err();
+  }
 
   std::unique_ptr<ChildProcess> service;
+};
+
+class CtlLogTest : public CtlTest {
+protected:
+  /// The text of `entry` in the ZIP archive `archive`, as Python's zipfile reads it.
+  fn::String entryOf(fn::String const& archive, fn::String const& entry) {
+    auto python = ChildProcess::start(
+        loop,
+        {.file = "/usr/bin/python3",
+         .arguments = {"-c",
+                       "import sys, zipfile; "
+                       "sys.stdout.buffer.write(zipfile.ZipFile(sys.argv[1]).read(sys.argv[2]))",
+                       archive, entry},
+         .capture = true});
+    EXPECT_EQ(python->waitForExit(), 0) << python->err();
+    return python->out();
+  }
+
+  core::testing::TemporaryRoot root;
 };
 
 }  // namespace
 
 TEST_F(CtlTest, CallPrintsTheResultOrTheServicesErrorAsJson) {
   service = startTestModule(loop, "svc", hub().pipePath(), {"register=0"});
-  ASSERT_TRUE(
-      runLoopUntil(loop, [this] { return hub().registry()->entryCount("TestService") == 1; }));
+  ASSERT_TRUE(serviceEntries(1));
   // Bytes come back as base64, typed byte arrays tagged.
   auto echoed = ctl({"call", "TestService", "echo",
                      R"({"list": [1, -2.5, "x"], "n": null, "b": {"__type__": "buffer",
@@ -113,25 +164,18 @@ TEST_F(CtlTest, CallPrintsTheResultOrTheServicesErrorAsJson) {
   EXPECT_EQ(unknown.status, 1);
   EXPECT_EQ(json(unknown.err)["CLASS_NAME"], "ModuleOnlyException");
 
-  auto held = ctl({"--timeout", "0.5", "call", "TestService", "hold"});
-  EXPECT_EQ(held.status, 7);
-  EXPECT_EQ(held.err, "lumaren-ctl: no answer from TestService.hold within 0.5 s\n");
+  expectError({"--timeout", "0.5", "call", "TestService", "hold"}, 7,
+              "lumaren-ctl: no answer from TestService.hold within 0.5 s\n");
 }
 
 TEST_F(CtlTest, BadInputIsRefusedBeforeAnyConnection) {
   // A pipe nobody listens on: these must fail for their own reason, not for the pipe.
-  auto badJson = ctl({"--pipe", "/nonexistent/pipe", "call", "TestService", "echo", "{bad"});
-  EXPECT_EQ(badJson.status, 3);
-  EXPECT_TRUE(badJson.err.startsWith("lumaren-ctl: bad JSON argument: Malformed JSON"))
-      << badJson.err;
-  auto badTag = ctl({"--pipe", "/nonexistent/pipe", "post", "ns", R"({"__type__": "date"})"});
-  EXPECT_EQ(badTag.status, 3);
-  EXPECT_TRUE(badTag.err.startsWith("lumaren-ctl: bad JSON message body: ")) << badTag.err;
-
-  auto unknownCommand = ctl({"frobnicate"});
-  EXPECT_EQ(unknownCommand.status, 2);
-  EXPECT_EQ(unknownCommand.err,
-            "lumaren-ctl: unknown command \"frobnicate\" (see lumaren-ctl --help)\n");
+  expectError({"--pipe", "/nonexistent/pipe", "call", "TestService", "echo", "{bad"}, 3,
+              "lumaren-ctl: bad JSON argument: Malformed JSON");
+  expectError({"--pipe", "/nonexistent/pipe", "post", "ns", R"({"__type__": "date"})"}, 3,
+              "lumaren-ctl: bad JSON message body: ");
+  expectError({"frobnicate"}, 2,
+              "lumaren-ctl: unknown command \"frobnicate\" (see lumaren-ctl --help)\n");
   EXPECT_EQ(ctl({"call", "TestService"}).status, 2);
   EXPECT_EQ(ctl({"--timeout", "soon", "lookup", "TestService"}).status, 2);
   auto help = ctl({"--help"});
@@ -140,17 +184,13 @@ TEST_F(CtlTest, BadInputIsRefusedBeforeAnyConnection) {
 
 TEST_F(CtlTest, FindsTheHubOrSaysWhyNot) {
   fn::String missing = fn::String(::testing::TempDir()) + "ctl-no-hub";
-  auto noHub = ctl({"--pipe", missing, "lookup", "TestService"});
-  EXPECT_EQ(noHub.status, 4);
-  EXPECT_EQ(noHub.err, "lumaren-ctl: cannot connect to the hub at " + missing +
-                           ": no such file or directory (ENOENT)\n");
+  expectError({"--pipe", missing, "lookup", "TestService"}, 4,
+              "lumaren-ctl: cannot connect to the hub at " + missing +
+                  ": no such file or directory (ENOENT)\n");
 
   // The registry's own words when nothing of the class turns up in time.
-  auto notThere = ctl({"--timeout", "0.3", "lookup", "NoSuchService"});
-  EXPECT_EQ(notThere.status, 6);
-  EXPECT_TRUE(notThere.err.startsWith(
-      "lumaren-ctl: Object of class NoSuchService is not available. Try restarting "))
-      << notThere.err;
+  expectError({"--timeout", "0.3", "lookup", "NoSuchService"}, 6,
+              "lumaren-ctl: Object of class NoSuchService is not available. Try restarting ");
 
   // The pipe from a pipe file and from the environment; the hub's own suite finds it through
   // the default pipe file in the runtime directory.
@@ -194,9 +234,7 @@ TEST_F(CtlTest, PostedStickyMessageIsWatchedLaterAndLiveOnesFollow) {
 
   // Without a count the watch runs until interrupted, and then ends normally.
   ASSERT_TRUE(runLoopUntil(loop, [&] { return untilStopped->out() == twice->out(); }));
-  // Windows cannot interrupt a process of another console; it is ended instead.
-  untilStopped->kill(isWindows() ? SIGKILL : SIGINT);
-  EXPECT_EQ(untilStopped->waitForExit(), isWindows() ? -SIGKILL : 0) << untilStopped->err();
+  interrupt(*untilStopped);
 }
 
 TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
@@ -236,13 +274,9 @@ TEST_F(CtlTest, InspectorsAreListedAndBrowsed) {
             "lumaren-ctl: no item 9 in this view of 3 items\n"
             "lumaren-ctl: \"x\" is not an item number\n");
 
-  auto unknown = ctl({"inspect", "no-such-key"});
-  EXPECT_EQ(unknown.status, 6);
-  EXPECT_EQ(unknown.err, "lumaren-ctl: no inspector with key no-such-key\n");
-  auto circling = ctl({"inspect", circle, "\"circle\""});
-  EXPECT_EQ(circling.status, 1);
-  EXPECT_EQ(circling.err,
-            "lumaren-ctl: the inspector " + circle + " redirected more than 16 times in a row\n");
+  expectError({"inspect", "no-such-key"}, 6, "lumaren-ctl: no inspector with key no-such-key\n");
+  expectError({"inspect", circle, "\"circle\""}, 1,
+              "lumaren-ctl: the inspector " + circle + " redirected more than 16 times in a row\n");
 }
 
 TEST_F(CtlTest, HashPrintsALinePerFileLikeSha1sumWithoutAHub) {
@@ -258,25 +292,18 @@ TEST_F(CtlTest, HashPrintsALinePerFileLikeSha1sumWithoutAHub) {
   auto bad = ctl({"--pipe", "/nonexistent/pipe", "hash", missing, hello});
   EXPECT_EQ(bad.status, 1);
   EXPECT_EQ(bad.out, HELLO + "  " + hello + "\n");
-  EXPECT_TRUE(
-      bad.err.startsWith("lumaren-ctl: FileException: open failed: No such file or "
-                         "directory [path " +
-                         missing + "]"))
+  EXPECT_TRUE(bad.err.startsWith(
+      "lumaren-ctl: FileException: open failed: No such file or directory [path " + missing + "]"))
       << bad.err;
   fn::File(hello).remove();
 }
 
 TEST_F(CtlTest, WorkersListAndMonitorShowTheRunningHub) {
   service = startTestModule(loop, "svc", hub().pipePath(), {"register=3"});
-  ASSERT_TRUE(
-      runLoopUntil(loop, [this] { return hub().registry()->entryCount("TestService") == 1; }));
+  ASSERT_TRUE(serviceEntries(1));
   auto workers = ctl({"workers"});
   EXPECT_EQ(workers.status, 0) << workers.err;
-  std::map<std::string, Json> byName;
-  for (auto const& line : workers.out.trim().split("\n")) {
-    Json worker = json(line);
-    byName[worker["name"]] = worker;
-  }
+  auto byName = byKey(workers.out, "name");
   ASSERT_EQ(byName.size(), 3u) << workers.out;  // the hub's own, the service, the tool itself
   Json svc = byName.at("svc");
   EXPECT_EQ(svc["pid"], service->pid());
@@ -284,16 +311,11 @@ TEST_F(CtlTest, WorkersListAndMonitorShowTheRunningHub) {
   EXPECT_GT(svc["bytesOut"], 0);
   EXPECT_EQ(svc["queued"], 0);
   EXPECT_EQ(byName.at("DispatcherWorker")["id"], 0);
-  EXPECT_GT(byName.at("lumaren-ctl")["pid"], 0);
   int svcId = svc["id"];
 
   auto listed = ctl({"list"});
   EXPECT_EQ(listed.status, 0) << listed.err;
-  std::map<std::string, Json> entries;
-  for (auto const& line : listed.out.trim().split("\n")) {
-    Json entry = json(line);
-    entries[entry["class"]] = entry;
-  }
+  auto entries = byKey(listed.out, "class");
   EXPECT_EQ(entries.at("TestService")["priority"], 3);
   EXPECT_EQ(entries.at("TestService")["owner"], svcId);
   EXPECT_EQ(entries.at("TestService")["ownerName"], "svc");
@@ -313,17 +335,62 @@ TEST_F(CtlTest, WorkersListAndMonitorShowTheRunningHub) {
   });
   EXPECT_NE(answer, lines.end()) << monitor->out();
   EXPECT_TRUE(hub().monitored());
-  // Windows cannot interrupt a process of another console; it is ended instead.
-  monitor->kill(isWindows() ? SIGKILL : SIGINT);
-  EXPECT_EQ(monitor->waitForExit(), isWindows() ? -SIGKILL : 0) << monitor->err();
+  interrupt(*monitor);
   // Gone with its tool: the hub routes without it again.
   EXPECT_TRUE(runLoopUntil(loop, [&] { return !hub().monitored(); }));
-  // The service goes: the next listings no longer have it, nor its entry.
+  // The service goes, and with it its line.
   service.reset();
-  ASSERT_TRUE(
-      runLoopUntil(loop, [this] { return hub().registry()->entryCount("TestService") == 0; }));
-  auto after = ctl({"workers"});
-  EXPECT_EQ(after.out.trim().split("\n").size(), 2u) << after.out;
-  EXPECT_FALSE(after.out.contains("\"svc\"")) << after.out;
-  EXPECT_FALSE(ctl({"list"}).out.contains("TestService"));
+  ASSERT_TRUE(serviceEntries(0));
+  auto after = byKey(ctl({"workers"}).out, "name");
+  EXPECT_TRUE(after.size() == 2 && !after.contains("svc"));
+}
+
+TEST_F(CtlLogTest, WrittenLinesReachTheArchiveAndVerboseLoggingReachesTheHub) {
+  auto& paths = fn::PathManager::instance();
+  fn::File(paths.getPath(fn::PathManager::APPLICATION_DATA, "logging_profiles/main", true))
+      .writeAll(fn::ByteArray("enabled = true\nthreshold = 4\nforbiddenTags = noise\n"));
+  EXPECT_EQ(ctl({"log", "write", "--category", "net.http", "--priority", "2", "--tag", "t", "hello",
+                 "world"})
+                .status,
+            0);
+  EXPECT_EQ(ctl({"log", "write", "--tag", "noise", "dropped"}).status, 0);
+  fn::String logFile = paths.getPath(fn::PathManager::LOGS, "lumaren-ctl.main.log");
+  EXPECT_EQ(ctl({"log", "profiles"}).out,
+            "{\"enabled\":true,\"name\":\"\",\"output\":\"" + jsonEscaped(logFile) +
+                "\",\"profile\":\"main\",\"simple\":false,\"threshold\":4,\"verbose\":false}\n");
+
+  CtlRun archive = ctl({"log", "archive"});
+  ASSERT_EQ(archive.status, 0) << archive.err;
+  // The archive is read by Python, which Wine does not run; the log file stands in for it.
+  fn::String entry = isWindows() ? fn::String(fn::File(logFile).readAll().view())
+                                 : entryOf(archive.out.trim(), "lumaren-ctl.main.log");
+  EXPECT_TRUE(fn::File(archive.out.trim()).exists());
+  EXPECT_TRUE(std::regex_search(
+      entry, std::regex("\r\n\\d\\d:\\d\\d:\\d\\d WRN [0-9a-f]{2} log_commands:\\d+ +(- )+hello "
+                        "world\r\n$")))
+      << entry;
+  EXPECT_EQ(entry.find("dropped"), fn::String::npos);
+
+  EXPECT_EQ(ctl({"log", "verbose", "on"}).status, 0);
+  auto const& sticky = hub().messageBus()->stickyMessages();
+  ASSERT_TRUE(sticky.contains(core::LoggingProfileSink::ALLOW_VERBOSE_LOGGING));
+  EXPECT_EQ(sticky.at(core::LoggingProfileSink::ALLOW_VERBOSE_LOGGING), fn::Value(true));
+
+  for (auto const& [arguments, message] :
+       std::vector<std::pair<std::vector<fn::String>, char const*>>{
+           {{"log", "verbose", "maybe"}, "log verbose wants on or off, not \"maybe\""},
+           {{"log", "write", "--priority", "9", "x"}, "--priority wants a number from 1"},
+           {{"log", "archive", "--tag", "x"}, "--category, --priority and --tag go with log write"},
+           {{"log", "rotate"}, "unknown log action \"rotate\""}})
+    expectError(arguments, 2, fn::String("lumaren-ctl: ") + message);
+
+  // Where the archive cannot go, the archive's own error line says why.
+  std::filesystem::remove_all(std::string(root.file("documents")));
+  fn::File(root.file("documents")).writeAll(fn::ByteArray("in the way"));
+  CtlRun failed = ctl({"log", "archive"});
+  EXPECT_EQ(failed.status, 1);
+  EXPECT_TRUE(
+      failed.err.contains("ERR core.logArchive: Unexpected exception while zipping and "
+                          "copying logs: FileException: mkdir failed"))
+      << failed.err;
 }

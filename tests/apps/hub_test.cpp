@@ -1,16 +1,16 @@
 // lumaren-hub end to end: the real executable with the example modules, as the README runs it
-// and as a host runs it from a configuration file.
+// and as a host runs it from a configuration file; and what that file may say.
 
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "child_process.h"
+#include "foundation/exception.h"
 #include "foundation/file.h"
-#include "peer.h"
+#include "hub/config.h"
+#include "loop_runner.h"
 #include "platform.h"
 
 using namespace testing_support;
@@ -25,18 +25,41 @@ protected:
     std::filesystem::remove_all(std::string(dir));
   }
 
-  /// `program` from beside this test, with the test's own runtime directory.
-  std::unique_ptr<ChildProcess> start(char const* program, std::vector<fn::String> arguments) {
-    return ChildProcess::start(loop, {.file = siblingProgram(program),
-                                      .arguments = std::move(arguments),
-                                      .environment = {"XDG_RUNTIME_DIR=" + dir},
-                                      .capture = true});
+  /// `program` (from beside this test unless a path) with the test's own runtime directory.
+  std::unique_ptr<ChildProcess> start(fn::String const& program,
+                                      std::vector<fn::String> arguments,
+                                      fn::String const& variable = {}) {
+    std::vector<fn::String> environment{"XDG_RUNTIME_DIR=" + dir};
+    if (!variable.empty())
+      environment.push_back(variable);
+    return ChildProcess::start(loop,
+                               {.file = program.startsWith("/") ? program : siblingProgram(program),
+                                .arguments = std::move(arguments),
+                                .environment = std::move(environment),
+                                .capture = true});
   }
 
-  /// A hub from `config`; it writes its default pipe file in the runtime directory.
-  void startHub(fn::String const& config) {
+  /// A hub from `config`, as process 1 of a new PID namespace if `namespaced`; it writes its
+  /// default pipe file in the runtime directory, then the one it is asked for.
+  void startHub(fn::String const& config,
+                bool namespaced = false,
+                fn::String const& variable = {}) {
     fn::File(dir + "/hub.json").writeAll(fn::ByteArray(config), 0600);
-    hub = start("lumaren-hub", {"--config", dir + "/hub.json", "--pipe-file", dir + "/pipe"});
+    std::vector<fn::String> arguments{"--config", dir + "/hub.json", "--pipe-file", dir + "/pipe"};
+    if (namespaced)
+      arguments.insert(arguments.begin(),
+                       {"--pid", "--fork", "--kill-child", siblingProgram("lumaren-hub")});
+    hub = start(namespaced ? "/usr/bin/unshare" : "lumaren-hub", std::move(arguments), variable);
+  }
+  bool hubPipeWritten() {
+    return runLoopUntil(loop, [&] { return fn::File(dir + "/lumaren/hub.pipe").exists(); });
+  }
+  /// The greeter module, asked through the tool, greets Ada.
+  void expectGreeting() {
+    auto greet =
+        start("lumaren-ctl", {"--timeout", "10", "call", "examples::Greeter", "greet", "\"Ada\""});
+    EXPECT_EQ(greet->waitForExit(), 0) << greet->err() << hub->err();
+    EXPECT_EQ(greet->out(), "\"Bonjour, Ada!\"\n");
   }
 
   fn::uv::Loop loop;
@@ -56,11 +79,10 @@ TEST_F(HubAppTest, DemoRunsTheExampleModulesAndEndsByItself) {
            "[hub] the greeter module is back",
            "[hub] greet answered \"Bonjour, Grace!\"",
        })
-    EXPECT_NE(demo->out().find(line), fn::String::npos) << line << "\n" << demo->out();
+    EXPECT_TRUE(demo->out().contains(line)) << line << "\n" << demo->out();
   // Windows ends a process killed from outside with status 1 and tells no signal.
-  EXPECT_NE(demo->err().find(isWindows() ? "Module greeter did exit (status: 1, signal 0)"
-                                         : "Module greeter did exit (status: 0, signal 9)"),
-            fn::String::npos)
+  EXPECT_TRUE(demo->err().contains(isWindows() ? "Module greeter did exit (status: 1, signal 0)"
+                                               : "Module greeter did exit (status: 0, signal 9)"))
       << demo->err();
 }
 
@@ -76,17 +98,13 @@ TEST_F(HubAppTest, HostsItsModulesAndLeavesNoneBehindWhenStoppedOrKilled) {
     ASSERT_TRUE(runLoopUntil(loop, [&] { return fn::File(dir + "/pipe").exists(); }));
     // The in-process announcer's sticky message reached the greeter process; the tool finds
     // the hub through the default pipe file.
-    auto greet =
-        start("lumaren-ctl", {"--timeout", "10", "call", "examples::Greeter", "greet", "\"Ada\""});
-    ASSERT_EQ(greet->waitForExit(), 0) << greet->err() << hub->err();
-    EXPECT_EQ(greet->out(), "\"Bonjour, Ada!\"\n");
+    expectGreeting();
     EXPECT_EQ(fn::File(dir + "/lumaren/hub.pipe").readAll(), fn::File(dir + "/pipe").readAll());
     // The hub chose the product, so the registry names it to people.
     auto lookup = start("lumaren-ctl", {"--timeout", "0.2", "lookup", "Nothing"});
     EXPECT_NE(lookup->waitForExit(), 0);
-    EXPECT_NE(
-        lookup->err().find("Object of class Nothing is not available. Try restarting Orbisant"),
-        fn::String::npos)
+    EXPECT_TRUE(
+        lookup->err().contains("Object of class Nothing is not available. Try restarting Orbisant"))
         << lookup->err();
 
     // The greeter's loader process is the hub's only child.
@@ -108,9 +126,9 @@ TEST_F(HubAppTest, HostsItsModulesAndLeavesNoneBehindWhenStoppedOrKilled) {
 TEST_F(HubAppTest, ABadConfigurationStopsTheHubWithTheFileNamed) {
   startHub(R"({"modules": [{"name": "greeter", "launchFirst": true}]})");
   EXPECT_EQ(hub->waitForExit(), 1);
-  EXPECT_NE(hub->err().find("only in-process modules can be launched first"), fn::String::npos)
+  EXPECT_TRUE(hub->err().contains("only in-process modules can be launched first") &&
+              hub->err().contains(dir + "/hub.json"))
       << hub->err();
-  EXPECT_NE(hub->err().find(dir + "/hub.json"), fn::String::npos) << hub->err();
   auto unknown = start("lumaren-hub", {"--product", "Nope"});
   EXPECT_EQ(unknown->waitForExit(), 2);
 }
@@ -118,37 +136,21 @@ TEST_F(HubAppTest, ABadConfigurationStopsTheHubWithTheFileNamed) {
 TEST_F(HubAppTest, ModulesRunUnderAHubThatIsTheFirstProcessOfItsNamespace) {
   if (!isRoot())
     GTEST_SKIP() << "needs root (on Linux) for a PID namespace";
-  fn::File(dir + "/hub.json")
-      .writeAll(fn::ByteArray(std::string_view(R"({"modules": [
-          {"name": "announcer", "inProcess": true, "launchFirst": true}, {"name": "greeter"}]})")),
-                0600);
   // The hub is process 1 there, and so the parent of its module loaders, as in a container.
-  hub = ChildProcess::start(
-      loop, {.file = "/usr/bin/unshare",
-             .arguments = {"--pid", "--fork", "--kill-child", siblingProgram("lumaren-hub"),
-                           "--config", dir + "/hub.json"},
-             .environment = {"XDG_RUNTIME_DIR=" + dir},
-             .capture = true});
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return fn::File(dir + "/lumaren/hub.pipe").exists(); }))
-      << hub->err();
-  auto greet =
-      start("lumaren-ctl", {"--timeout", "10", "call", "examples::Greeter", "greet", "\"Ada\""});
-  EXPECT_EQ(greet->waitForExit(), 0) << greet->err() << hub->err();
-  EXPECT_EQ(greet->out(), "\"Bonjour, Ada!\"\n");
+  startHub(R"({"modules": [
+      {"name": "announcer", "inProcess": true, "launchFirst": true}, {"name": "greeter"}]})",
+           true);
+  ASSERT_TRUE(hubPipeWritten()) << hub->err();
+  expectGreeting();
   hub->kill(SIGKILL);
   hub->waitForExit();
 }
 
 TEST_F(HubAppTest, ASecondHubHandsItsCommandLineToTheFirstWhoseModulesHearIt) {
   fn::String commands = dir + "/commands";
-  fn::File(dir + "/hub.json").writeAll(fn::ByteArray(R"({"modules": [{"name": "TestModule"}]})"));
-  hub = ChildProcess::start(
-      loop, {.file = siblingProgram("lumaren-hub"),
-             .arguments = {"--config", dir + "/hub.json"},
-             .environment = {"XDG_RUNTIME_DIR=" + dir, "LUMAREN_TEST_MODULE_COMMANDS=" + commands},
-             .capture = true});
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return fn::File(dir + "/lumaren/hub.pipe").exists(); }))
-      << hub->err();
+  startHub(R"({"modules": [{"name": "TestModule"}]})", false,
+           "LUMAREN_TEST_MODULE_COMMANDS=" + commands);
+  ASSERT_TRUE(hubPipeWritten()) << hub->err();
   // Once its service is found, the module listens to commands.
   auto found = start("lumaren-ctl", {"--timeout", "20", "lookup", "TestModuleService"});
   ASSERT_EQ(found->waitForExit(fn::Duration::seconds(30)), 0) << found->err() << hub->err();
@@ -166,7 +168,7 @@ TEST_F(HubAppTest, ASecondHubHandsItsCommandLineToTheFirstWhoseModulesHearIt) {
     return fn::File(commands).exists() ? fn::String(fn::File(commands).readAll().view())
                                        : fn::String();
   };
-  ASSERT_TRUE(runLoopUntil(loop, [&] { return heard().find("movie.mkv") != fn::String::npos; }))
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return heard().contains("movie.mkv"); }))
       << heard() << hub->err();
   EXPECT_TRUE(heard().startsWith(
       fmt::format(R"({{"arguments": ["--timeout", "7", "--config", "{}/missing.json"], )"
@@ -180,8 +182,42 @@ TEST_F(HubAppTest, ASecondHubHandsItsCommandLineToTheFirstWhoseModulesHearIt) {
   hub->waitForExit();
   auto nobody = start("lumaren-ctl", {"command", "1"});
   EXPECT_EQ(nobody->waitForExit(), 4);
-  EXPECT_NE(nobody->err().find("no running instance takes commands"), fn::String::npos)
-      << nobody->err();
+  EXPECT_TRUE(nobody->err().contains("no running instance takes commands")) << nobody->err();
+}
+
+TEST(HubConfig, EverythingIsOptionalAndWhatCannotBeUsedIsRejectedNamingTheEntry) {
+  auto empty = hub::parseConfig("{}");
+  EXPECT_EQ(empty.timeout, fn::Duration::seconds(30));
+  EXPECT_TRUE(empty.modules.empty());
+  for (auto const& [text, message] : std::vector<std::pair<char const*, char const*>>{
+           {"{\"modules\": [", ""},  // malformed JSON, in the parser's words
+           {"[]", "the configuration must be a JSON object"},
+           {R"({"modules": [], "timout": 3})", "unknown key \"timout\""},
+           {R"({"timeout": 0})", "\"timeout\" must be a number of seconds between 1 and 3600"},
+           {R"({"timeout": 18446744073709551615})",
+            "\"timeout\" must be a number of seconds between 1 and 3600"},
+           {R"({"modules": {}})", "\"modules\" must be an array"},
+           {R"({"modules": [7]})", "module 1: expected an object"},
+           {R"({"modules": [{"name": "../evil"}]})",
+            "module 1: \"name\" must be a library name without a directory"},
+           {R"({"modules": [{"name": "a", "inProces": true}]})",
+            "module 1: unknown key \"inProces\""},
+           {R"({"modules": [{"name": "a", "inProcess": "yes"}]})",
+            "module a: \"inProcess\" must be true or false"},
+           {R"({"modules": [{"name": "a", "launchFirst": true}]})",
+            "module a: only in-process modules can be launched first"},
+           {R"({"modules": [{"name": "a"}, {"name": "a"}]})", "module a is listed twice"},
+           {R"({"modules": [{"name": "a", "inProcess": true, "launchFirst": true},
+                       {"name": "b", "inProcess": true, "launchFirst": true}]})",
+            "module b: only one module can be launched first"}}) {
+    try {
+      hub::parseConfig(text, "/etc/hub.json");
+      ADD_FAILURE() << "accepted " << text;
+    } catch (fn::DataFormatException const& e) {
+      EXPECT_EQ(*message ? fn::String(e.message()) : fn::String(), message) << text;
+      EXPECT_EQ(e.info().path, "/etc/hub.json");
+    }
+  }
 }
 
 }  // namespace

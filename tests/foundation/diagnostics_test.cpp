@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cerrno>
-
 #include "foundation/assert.h"
 #include "foundation/exception.h"
 #include "foundation/file.h"

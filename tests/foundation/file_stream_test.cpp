@@ -1,7 +1,6 @@
 #include "foundation/file_stream.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 

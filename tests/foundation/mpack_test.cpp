@@ -40,21 +40,17 @@ TEST(MessagePack, EveryKindRoundTripsInTheStandardWireForm) {
       {Value::array({Value(), true, false}), {0x93, 0xc0, 0xc3, 0xc2}},
       {"ab", {0xa2, 'a', 'b'}},                       // text is str
       {ByteArray{'a', 'b'}, {0xc4, 0x02, 'a', 'b'}},  // bytes are bin
+      // Objects travel through extension hooks (the callable object suite proves them across
+      // processes); without a hook an object is written as nil.
+      {Value::map({{"r", Value::box(42)}}), {0x81, 0xa1, 'r', 0xc0}},
   };
   for (auto const& [value, bytes] : forms) {
     EXPECT_EQ(encoded(value), bytes) << value.toString();
     EXPECT_EQ(decoded(bytes).type(), value.type()) << value.toString();
   }
-  // A float32 from another writer reads as the same number.
+  // A float32 from another writer reads as the same number; without a hook, an ext as null.
   EXPECT_EQ(decoded(ByteArray{0xca, 0x3f, 0xc0, 0, 0}), Value(1.5));
-}
-
-// Objects travelling through extension hooks are proven across processes by the callable
-// object suite; without a hook, an object is written as nil and an ext value reads as null.
-TEST(MessagePack, WithoutAHookObjectsAreNilAndExtensionsNull) {
-  EXPECT_EQ(encoded(Value::map({{"ratio", Value::box(42)}})),
-            (ByteArray{0x81, 0xa5, 'r', 'a', 't', 'i', 'o', 0xc0}));
-  EXPECT_TRUE(decoded(ByteArray{0x92, 0xd5, 0x02, 0xfd, 0x04, 0x01}).element(0).isNull());
+  EXPECT_EQ(decoded(ByteArray{0x92, 0xd5, 0x02, 0xfd, 0x04, 0x01}), Value::array({Value(), 1}));
 }
 
 TEST(MessagePack, MalformedOrTooDeepInputThrowsDataFormatException) {

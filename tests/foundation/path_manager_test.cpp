@@ -1,7 +1,6 @@
 #include "foundation/path_manager.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 

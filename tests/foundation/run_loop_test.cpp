@@ -99,12 +99,6 @@ TEST(RunLoop, ThrowingTaskIsReportedAndTheLoopGoesOn) {
                           "1 fn.exception Unhandled exception: std::runtime_error: timer boom"}));
 }
 
-}  // namespace
-}  // namespace fn
-
-namespace fn {
-namespace {
-
 TEST(Process, GivenEnvironmentEntriesReplaceInheritedOnes) {
   uv::Loop loop;
   int64_t status = -1;

@@ -17,7 +17,6 @@ constexpr int64_t I64_MAX = std::numeric_limits<int64_t>::max();
 TEST(Value, IntegersAreOneKeyStayExactAndConvertOnlyWithinRange) {
   // 1 in the unsigned 8-bit wire form is the same key as 1 from anywhere else.
   Value decoded = mpack::decode(ByteArray{0xcc, 0x01}.data(), 2);
-  EXPECT_EQ(decoded.type(), Value::Type::Integer);
   Value map = Value::map({{1, "one"}});
   map[Value(1u)] = "uno";
   map[decoded] = "eins";

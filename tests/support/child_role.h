@@ -10,7 +10,5 @@ namespace testing_support {
 using ChildMain = int (*)(int argc, char** argv);
 
 bool registerChildRole(char const* flag, ChildMain main);
-/// The role registered for `flag`, or null.
-ChildMain childRole(char const* flag);
 
 }  // namespace testing_support

@@ -4,6 +4,7 @@
 #include <uv.h>
 
 #include <cstring>
+#include <optional>
 
 #include "core/ipc/message.h"
 #include "core/ipc/message_helper.h"
@@ -98,9 +99,7 @@ std::unique_ptr<Peer> Peer::start(fn::uv::Loop& loop,
                                   fn::String const& pipePath,
                                   PeerOptions options) {
   uv_file toRelay[2], fromRelay[2];
-  if (uv_pipe(toRelay, 0, UV_NONBLOCK_PIPE) != 0)
-    return nullptr;
-  if (uv_pipe(fromRelay, UV_NONBLOCK_PIPE, 0) != 0)
+  if (uv_pipe(toRelay, 0, UV_NONBLOCK_PIPE) != 0 || uv_pipe(fromRelay, UV_NONBLOCK_PIPE, 0) != 0)
     return nullptr;
   std::unique_ptr<Peer> peer(new Peer(loop));
   std::vector<fn::String> arguments = {"--peer", pipePath};
@@ -146,12 +145,11 @@ void Peer::sendRaw(fn::ByteArray const& bytes) {
 }
 
 void Peer::close() {
-  if (_control)
-    _control->close();
-  _control.reset();
-  if (_fromRelay)
-    _fromRelay->close();
-  _fromRelay.reset();
+  for (auto* stream : {&_control, &_fromRelay}) {
+    if (*stream)
+      (*stream)->close();
+    stream->reset();
+  }
 }
 
 uint16_t Peer::hello(fn::String const& name, fn::String const& tag) {
@@ -162,25 +160,17 @@ uint16_t Peer::hello(fn::String const& name, fn::String const& tag) {
 }
 
 fn::Value Peer::expect(std::function<bool(fn::Value const&)> const& match, fn::Duration timeout) {
-  fn::Value found;
-  bool matched = false;
-  bool ok = runLoopUntil(
-      _loop,
-      [&] {
-        while (!matched && !_received.empty()) {
-          fn::Value record = std::move(_received.front());
-          _received.pop_front();
-          if (match(record)) {
-            found = std::move(record);
-            matched = true;
-          }
-        }
-        return matched;
-      },
-      timeout);
-  if (!ok)
+  std::optional<fn::Value> found;
+  auto arrived = [&] {
+    for (; !found && !_received.empty(); _received.pop_front()) {
+      if (match(_received.front()))
+        found = std::move(_received.front());
+    }
+    return found.has_value();
+  };
+  if (!runLoopUntil(_loop, arrived, timeout))
     ADD_FAILURE() << "no matching record arrived in time";
-  return found;
+  return found.value_or(fn::Value());
 }
 
 fn::Value Peer::expectType(int type, fn::Duration timeout) {

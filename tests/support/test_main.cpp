@@ -22,11 +22,6 @@ bool registerChildRole(char const* flag, ChildMain main) {
   return true;
 }
 
-ChildMain childRole(char const* flag) {
-  auto found = roles().find(flag);
-  return found == roles().end() ? nullptr : found->second;
-}
-
 }  // namespace testing_support
 
 // The test executable doubles as the peer and module processes of the end-to-end tests.
@@ -34,8 +29,8 @@ int main(int argc, char** argv) {
   using namespace testing_support;
   registerChildRole("--peer", &runPeerRelay);
   registerChildRole("--module", &runTestModule);
-  if (auto role = argc > 1 ? childRole(argv[1]) : nullptr)
-    return role(argc, argv);
+  if (auto role = argc > 1 ? roles().find(argv[1]) : roles().end(); role != roles().end())
+    return role->second(argc, argv);
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }
