@@ -7,7 +7,10 @@
 // "D-Bus" rows measure the same call between two sd-bus peers through a private dbus-daemon.
 // Then the cost of the hub's monitor hook, and the scale runs (scale_runs.h).
 //
-//   lumaren-bench [--quick] [--only messages|calls|dbus|monitor|scale]
+//   lumaren-bench [--quick] [--only messages|floor|calls|dbus|monitor|scale] [--cpu0] [--profile]
+//
+// --cpu0 takes only the figures on CPU 0; --profile runs one latency round and a million round
+// trips, so that a profiler sees the throughput phase alone.
 
 #include <fcntl.h>
 #include <sched.h>
@@ -408,7 +411,7 @@ void printScale(Settings const& settings) {
       scale.residentAfterSleeper / 1048576.0);
 }
 
-int drive(Settings const& settings, std::string_view only) {
+int drive(Settings const& settings, std::string_view only, bool cpu0Only) {
   if (only == "scale") {
     printScale(settings);
     return 0;
@@ -423,11 +426,14 @@ int drive(Settings const& settings, std::string_view only) {
   fmt::print("{:<14} {:>14} {:>14} {:>8} {:>16} {:>16} {:>8}\n", "cpus", "median core",
              "median floor", "ratio", "rt/s core", "rt/s floor", "share");
   for (int cpu : {-1, 0}) {
+    if (cpu0Only && cpu < 0)
+      continue;
     pinTo(cpu);  // children inherit the affinity
-    if (only == "calls" || only == "messages" || only == "dbus") {
+    if (only == "calls" || only == "messages" || only == "floor" || only == "dbus") {
       // For profiling one path at a time.
       Figures one = only == "calls"  ? measureCall(settings)
-                    : only == "dbus" ? measureDbus(settings)
+                    : only == "dbus"  ? measureDbus(settings)
+                    : only == "floor" ? measureFloor(settings, frameSize)
                                      : measureFramework(settings);
       fmt::print("{:<14} {:>11.1f} us {:>31.0f}\n", cpu < 0 ? "unpinned" : "cpu 0",
                  one.medianMicros, one.roundTripsPerSecond);
@@ -489,5 +495,8 @@ int main(int argc, char** argv) {
   Settings settings;
   if (std::find(args.begin(), args.end(), "--quick") != args.end())
     settings = Settings{500, 20000, 200, 100000};
-  return drive(settings, option("--only"));
+  if (std::find(args.begin(), args.end(), "--profile") != args.end())
+    settings = Settings{1, 1000000, 1000, 1000000};
+  bool cpu0Only = std::find(args.begin(), args.end(), "--cpu0") != args.end();
+  return drive(settings, option("--only"), cpu0Only);
 }

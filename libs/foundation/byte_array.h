@@ -29,8 +29,9 @@ public:
     size_t at = size();
     if (capacity() - at < count)
       reserve(std::max(at + count, capacity() * 2));
-    resize(at + count);
-    std::memcpy(data() + at, bytes, count);
+    // Inserted, not resized and copied over: resizing would zero the bytes first.
+    auto const* first = static_cast<uint8_t const*>(bytes);
+    insert(end(), first, first + count);
   }
   std::string_view view() const { return {reinterpret_cast<char const*>(data()), size()}; }
 

@@ -132,6 +132,48 @@ private:
   uint8_t _buffer[512];
 };
 
+/// Writes the heads of MessagePack values (integers, map headers, byte-array headers) into a
+/// buffer the caller made large enough (at most 9 bytes a piece): for hot paths that gather
+/// the fixed part of a record on the stack and append it at once.
+class Writer {
+public:
+  explicit Writer(uint8_t* at) : _start(at), _at(at) {}
+
+  size_t written() const { return static_cast<size_t>(_at - _start); }
+
+  void unsignedInteger(uint64_t v) {
+    if (v <= 0x7f)
+      *_at++ = static_cast<uint8_t>(v);
+    else if (v <= 0xff)
+      tagged(0xcc, v, 1);
+    else if (v <= 0xffff)
+      tagged(0xcd, v, 2);
+    else if (v <= 0xffffffff)
+      tagged(0xce, v, 4);
+    else
+      tagged(0xcf, v, 8);
+  }
+  void mapHeader(size_t n) {
+    if (n <= 15)
+      *_at++ = static_cast<uint8_t>(0x80 | n);
+    else
+      n <= 0xffff ? tagged(0xde, n, 2) : tagged(0xdf, n, 4);
+  }
+  void binaryHeader(size_t n) {
+    n <= 0xff ? tagged(0xc4, n, 1) : n <= 0xffff ? tagged(0xc5, n, 2) : tagged(0xc6, n, 4);
+  }
+
+private:
+  void tagged(uint8_t tag, uint64_t v, int bytes) {
+    *_at++ = tag;
+    for (int i = bytes - 1; i >= 0; --i)
+      *_at++ = static_cast<uint8_t>(v >> (8 * i));
+  }
+
+  uint8_t* _start;
+  uint8_t* _at;
+};
+
 /// Appends the encoding of `value` to `out`.
 FN_EXPORT void encode(Value const& value, ByteArray& out, ValueSerializer* hook = nullptr);
 

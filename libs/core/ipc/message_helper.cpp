@@ -34,22 +34,46 @@ void MessageWriter::encodeObjectMessage(fn::ByteArray& out,
                                         uint16_t target,
                                         fn::ByteArray const& payload,
                                         fn::Value const& objects) {
-  size_t start = out.size();
-  out.resize(start + 4);
-  fn::mpack::Encoder encoder(out);
-  encoder.mapHeader(5);
-  encoder.integer(key::TYPE);
-  encoder.integer(type::MESSAGE);
-  encoder.integer(key::OBJECT_ID);
-  encoder.unsignedInteger(objectId);
-  encoder.integer(key::TARGET_WORKER_ID);
-  encoder.integer(target);
-  encoder.integer(key::PAYLOAD);
-  encoder.binary(payload.data(), payload.size());
-  encoder.integer(key::OBJECTS);
-  encoder.value(objects);
-  encoder.flush();
-  patchLength(out, start);
+  // Everything before the payload is at most 4 + 1 + 2 + 10 + 4 + 6 bytes, gathered here and
+  // appended at once with the frame's length already in place; the objects are almost always
+  // an empty map, one byte.
+  uint8_t head[32];
+  fn::mpack::Writer writer(head + 4);
+  writer.mapHeader(5);
+  writer.unsignedInteger(key::TYPE);
+  writer.unsignedInteger(type::MESSAGE);
+  writer.unsignedInteger(key::OBJECT_ID);
+  writer.unsignedInteger(objectId);
+  writer.unsignedInteger(key::TARGET_WORKER_ID);
+  writer.unsignedInteger(target);
+  writer.unsignedInteger(key::PAYLOAD);
+  writer.binaryHeader(payload.size());
+  size_t headSize = writer.written();
+  bool noObjects = objects.isMap() && objects.asMap().empty();
+  fn::ByteArray listed;
+  if (!noObjects) {
+    listed.push_back(static_cast<uint8_t>(key::OBJECTS));
+    fn::mpack::encode(objects, listed);
+  }
+  auto length =
+      static_cast<uint32_t>(headSize + payload.size() + (noObjects ? 2 : listed.size()));
+  for (int i = 0; i < 4; ++i)
+    head[i] = static_cast<uint8_t>(length >> (8 * i));
+  // One resize and plain copies: each append would be a call of its own.
+  size_t at = out.size();
+  out.resize(at + 4 + length);
+  uint8_t* p = out.data() + at;
+  std::memcpy(p, head, 4 + headSize);
+  p += 4 + headSize;
+  if (!payload.empty())
+    std::memcpy(p, payload.data(), payload.size());
+  p += payload.size();
+  if (noObjects) {
+    p[0] = static_cast<uint8_t>(key::OBJECTS);
+    p[1] = 0x80;
+  } else {
+    std::memcpy(p, listed.data(), listed.size());
+  }
 }
 
 size_t MessageWriter::encodeInstanceRelease(fn::ByteArray& out, uint64_t objectId, uint32_t count) {

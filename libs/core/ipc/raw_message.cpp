@@ -406,12 +406,20 @@ void RawMessage::appendFrame(fn::ByteArray& out, uint16_t source) const {
   auto bodySize = static_cast<uint32_t>(headerSize + before + entrySize + after);
   uint8_t prefix[4] = {static_cast<uint8_t>(bodySize), static_cast<uint8_t>(bodySize >> 8),
                        static_cast<uint8_t>(bodySize >> 16), static_cast<uint8_t>(bodySize >> 24)};
-  out.reserve(out.size() + 4 + bodySize);
-  out.append(prefix, sizeof prefix);
-  out.append(header, headerSize);
-  out.append(_body + _entriesStart, before);
-  out.append(entry, entrySize);
-  out.append(_body + _sourceEnd, after);
+  // One resize and plain copies: each append would be a call of its own.
+  size_t at = out.size();
+  out.resize(at + 4 + bodySize);
+  uint8_t* p = out.data() + at;
+  auto put = [&p](void const* bytes, size_t count) {
+    if (count > 0)
+      std::memcpy(p, bytes, count);
+    p += count;
+  };
+  put(prefix, sizeof prefix);
+  put(header, headerSize);
+  put(_body + _entriesStart, before);
+  put(entry, entrySize);
+  put(_body + _sourceEnd, after);
 }
 
 }  // namespace ipc

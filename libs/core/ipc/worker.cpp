@@ -162,7 +162,7 @@ void Worker::sendMessageToWorker(uint16_t target,
   FN_ASSERT_LOOP_THREAD();
   // The payload is encoded once into a scratch buffer and the frame written straight into
   // the stream: the hot path builds no record value.
-  thread_local fn::ByteArray bytes;
+  fn::ByteArray& bytes = _payloadScratch;
   bytes.clear();
   fn::Value objects = fn::Value::map();
   _objects.encodePayload(write, bytes, objects);
@@ -237,11 +237,10 @@ bool Worker::deliverRawMessage(uint8_t const* body, size_t length) {
   FN_ASSERT_LOOP_THREAD();
   try {
     // Almost every message carries an empty map of objects: no need to decode that.
-    thread_local fn::Value const NO_OBJECTS = fn::Value::map();
     fn::ByteView listed = _rawMessage.objectsBytes();
     fn::Value objects = listed.empty() ? fn::Value()
                         : listed.size() == 1 && listed[0] == 0x80
-                            ? NO_OBJECTS
+                            ? fn::Value::map()
                             : fn::mpack::decode(listed.data(), listed.size());
     deliver(*_rawMessage.objectId(), _rawMessage.source().value_or(NO_WORKER),
             *_rawMessage.payload(), objects);

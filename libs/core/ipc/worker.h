@@ -165,6 +165,8 @@ private:
   fn::AutoPtr<fn::uv::PipeStream> _stream;
   MessageReader _reader;
   RawMessage _rawMessage;
+  // Where an outgoing payload is encoded before its frame is written.
+  fn::ByteArray _payloadScratch;
   WorkerObjectManager _objects;
   // Released after _lifetime expired, so the reference (and the hub's registry it holds) is
   // freed at once instead of in a task the loop may never run.
