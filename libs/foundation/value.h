@@ -296,8 +296,14 @@ public:
     if (a._type == b._type) {
       if (a._type == Type::Integer)
         return a._s.i < b._s.i;
-      if (a._type == Type::String)
-        return a._s.string < b._s.string;
+      if (a._type == Type::String) {
+        // Keys mostly differ in their first byte: decided here, without a call to memcmp.
+        // Bytes compare unsigned, as std::string does.
+        std::string_view x = a._s.string, y = b._s.string;
+        if (!x.empty() && !y.empty() && x[0] != y[0])
+          return static_cast<unsigned char>(x[0]) < static_cast<unsigned char>(y[0]);
+        return x < y;
+      }
     }
     return (a <=> b) < 0;
   }

@@ -49,7 +49,7 @@ void MessageWriter::encodeObjectMessage(fn::ByteArray& out,
   writer.unsignedInteger(key::PAYLOAD);
   writer.binaryHeader(payload.size());
   size_t headSize = writer.written();
-  bool noObjects = objects.isMap() && objects.asMap().empty();
+  bool noObjects = objects.isNull() || (objects.isMap() && objects.asMap().empty());
   fn::ByteArray listed;
   if (!noObjects) {
     listed.push_back(static_cast<uint8_t>(key::OBJECTS));

@@ -164,11 +164,11 @@ void Worker::sendMessageToWorker(uint16_t target,
   // the stream: the hot path builds no record value.
   fn::ByteArray& bytes = _payloadScratch;
   bytes.clear();
-  fn::Value objects = fn::Value::map();
+  fn::Value objects;  // a map once the payload holds an object
   _objects.encodePayload(write, bytes, objects);
   // The hub counts one use of each of our own objects per message that carries it; we hold
   // the instance once per counted use until the hub releases it.
-  for (auto const& [id, name] : objects.asMap()) {
+  for (auto const& [id, name] : objects.isMap() ? objects.asMap() : fn::Value::Map()) {
     if (ownerOf(id.asUInt()) != _workerId)
       continue;
     if (auto instance = _objects.instance(id.asUInt()))
@@ -238,9 +238,8 @@ bool Worker::deliverRawMessage(uint8_t const* body, size_t length) {
   try {
     // Almost every message carries an empty map of objects: no need to decode that.
     fn::ByteView listed = _rawMessage.objectsBytes();
-    fn::Value objects = listed.empty() ? fn::Value()
-                        : listed.size() == 1 && listed[0] == 0x80
-                            ? fn::Value::map()
+    fn::Value objects = listed.empty() || (listed.size() == 1 && listed[0] == 0x80)
+                            ? fn::Value()
                             : fn::mpack::decode(listed.data(), listed.size());
     deliver(*_rawMessage.objectId(), _rawMessage.source().value_or(NO_WORKER),
             *_rawMessage.payload(), objects);

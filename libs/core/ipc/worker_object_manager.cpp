@@ -46,6 +46,8 @@ public:
       bytes[i] = static_cast<uint8_t>(id >> (8 * i));
     out.write(bytes, sizeof bytes);
     fn::Value key(id);
+    if (!_objects.isMap())
+      _objects = fn::Value::map();
     if (!_objects.contains(key))
       _objects[key] = reference->className();
     return OBJECT_TYPE_CODE;

@@ -52,7 +52,7 @@ public:
   using PayloadWriter = fn::FunctionRef<void(fn::mpack::Encoder&, fn::mpack::ValueSerializer&)>;
 
   /// Encodes `payload` into `bytes`, listing every distinct object in `objects` (id to class
-  /// name).
+  /// name; a null `objects` becomes a map at the first object and stays null without one).
   void encodePayload(fn::Value const& payload, fn::ByteArray& bytes, fn::Value& objects);
   void encodePayload(PayloadWriter write, fn::ByteArray& bytes, fn::Value& objects);
   /// Decodes a payload, resolving object ids to local references or held (or new) remote
