@@ -107,12 +107,14 @@ private:
       bytes[1 + i] = static_cast<uint8_t>(value >> (8 * (sizeof(T) - 1 - i)));
     put(bytes, sizeof bytes);
   }
-  void u8(uint8_t b) {
+  // Forced inline: the value encoder is recursive, and the compiler would otherwise keep
+  // these one-byte writes as calls.
+  [[gnu::always_inline]] void u8(uint8_t b) {
     if (_n == sizeof _buffer)
       flush();
     _buffer[_n++] = b;
   }
-  void put(void const* bytes, size_t count) {
+  [[gnu::always_inline]] void put(void const* bytes, size_t count) {
     // An empty byte array has no data pointer, and memcpy must not be given a null one.
     if (count == 0)
       return;

@@ -28,7 +28,7 @@ public:
     // the length of the call.
     // The read callback keeps the connection alive while its frames are handled.
     reader.onFrame([this](uint8_t const* body, size_t length) {
-      return this->dispatcher.forwardRawMessage(Connection(this), body, length);
+      return this->dispatcher.forwardRawMessage(*this, body, length);
     });
     reader.onMessage([this](fn::Value record, size_t length) {
       Connection self(this);
@@ -236,19 +236,26 @@ void Dispatcher::forwardMessageToWorker(Connection const& target, fn::Value cons
 // bytes it came in with SOURCE_WORKER_ID spliced in. What RawMessage cannot vouch for, and
 // everything while the debug line (which renders the decoded record) is on, is declined and
 // takes the decoding path.
-bool Dispatcher::forwardRawMessage(Connection const& connection,
+bool Dispatcher::forwardRawMessage(WorkerConnection& connection,
                                    uint8_t const* body,
                                    size_t length) {
   if (_monitor || logDispatcher.enabled(fn::logging::DBG) || !_rawMessage.scan(body, length))
     return false;
-  ++connection->recordsIn;
-  connection->bytesIn += length + 4;
-  uint16_t source = connection->info.workerId;
+  ++connection.recordsIn;
+  connection.bytesIn += length + 4;
+  uint16_t source = connection.info.workerId;
   countInstanceUses(source, _rawMessage.objects());
-  collectTargets(_rawMessage.target(), _rawMessage.objectId().value_or(0));
-  for (auto const& holder : _targets)
-    forwardRawMessageToWorker(holder, source);
-  _targets.clear();
+  if (uint16_t target = _rawMessage.target(); target != NO_WORKER) {
+    // The common case, one target: forwarded from its entry in the table, which nothing
+    // forwarding does can remove.
+    if (auto found = _workers.find(target); found != _workers.end())
+      forwardRawMessageToWorker(found->second, source);
+  } else {
+    collectTargets(target, _rawMessage.objectId().value_or(0));
+    for (auto const& holder : _targets)
+      forwardRawMessageToWorker(holder, source);
+    _targets.clear();
+  }
   releaseUnheld(source, _rawMessage.objects());
   return true;
 }

@@ -130,7 +130,7 @@ private:
   void onReferenceRelease(Connection const& connection, fn::Value const& record);
   void onWorkerMessage(Connection const& connection, fn::Value record, size_t length);
   void forwardMessageToWorker(Connection const& target, fn::Value const& record);
-  bool forwardRawMessage(Connection const& connection, uint8_t const* body, size_t length);
+  bool forwardRawMessage(WorkerConnection& connection, uint8_t const* body, size_t length);
   void forwardRawMessageToWorker(Connection const& target, uint16_t source);
   void checkQueue(Connection const& connection);
   void countInstanceUses(uint16_t source, std::vector<ObjectId> const& objects);

@@ -304,6 +304,8 @@ bool RawMessage::scan(uint8_t const* body, size_t length) {
   bool hasType = false;
   bool hasTarget = false;
   int lastKey = -1;
+  // Tested in the order of the keys rather than switched on: each test then goes the same
+  // way record after record, where a jump table's target changes with every entry.
   for (uint64_t i = 0; i < _entryCount; ++i) {
     size_t entryStart = cursor.at();
     uint8_t keyByte;
@@ -316,79 +318,76 @@ bool RawMessage::scan(uint8_t const* body, size_t length) {
       sourcePlaced = true;
     }
     uint64_t number;
-    switch (keyByte) {
-      case key::TYPE:
-        if (!readNonNegative(cursor, number) || number != type::MESSAGE)
-          return false;
-        hasType = true;
-        break;
-      case key::OBJECT_ID: {
-        // Only routing to every holder needs it; another kind matters only then.
-        uint8_t tag;
-        Integer id;
-        if (!cursor.peek(tag))
-          return false;
-        if (!isIntegerTag(tag)) {
-          if (!skipValue(cursor, 1))
-            return false;
-        } else if (!cursor.byte(tag) || !readInteger(cursor, tag, id)) {
-          return false;
-        } else if (!id.negative) {
-          _objectId = id.bits;
-        }
-        break;
-      }
-      case key::SOURCE_WORKER_ID: {
-        uint8_t tag;
-        if (cursor.peek(tag) && (tag <= 0x7f || tag == 0xcc || tag == 0xcd)) {
-          if (!readNonNegative(cursor, number) || number > NO_WORKER)
-            return false;
-          _source = static_cast<uint16_t>(number);
-        } else if (!skipValue(cursor, 1)) {
-          return false;
-        }
-        _sourceStart = entryStart;
-        _sourceEnd = cursor.at();
-        _hasSource = true;
-        sourcePlaced = true;
-        break;
-      }
-      case key::PAYLOAD: {
-        size_t start = cursor.at();
+    if (keyByte == key::TYPE) {
+      if (!readNonNegative(cursor, number) || number != type::MESSAGE)
+        return false;
+      hasType = true;
+    } else if (keyByte == key::OBJECT_ID) {
+      // Only routing to every holder needs it; another kind matters only then.
+      uint8_t tag;
+      Integer id;
+      if (!cursor.peek(tag))
+        return false;
+      if (!isIntegerTag(tag)) {
         if (!skipValue(cursor, 1))
           return false;
-        uint8_t tag = body[start];
-        size_t header = tag == 0xc4 ? 2 : tag == 0xc5 ? 3 : tag == 0xc6 ? 5 : 0;
-        if (header)
-          _payload = fn::ByteView(body + start + header, cursor.at() - start - header);
-        break;
+      } else if (!cursor.byte(tag) || !readInteger(cursor, tag, id)) {
+        return false;
+      } else if (!id.negative) {
+        _objectId = id.bits;
       }
-      case key::TARGET_WORKER_ID:
+    } else if (keyByte == key::SOURCE_WORKER_ID) {
+      uint8_t tag;
+      if (cursor.peek(tag) && (tag <= 0x7f || tag == 0xcc || tag == 0xcd)) {
         if (!readNonNegative(cursor, number) || number > NO_WORKER)
           return false;
-        _target = static_cast<uint16_t>(number);
-        hasTarget = true;
-        break;
-      case key::OBJECTS: {
-        size_t start = cursor.at();
-        uint8_t tag;
-        uint64_t count;
-        if (!cursor.byte(tag) || !readMapCount(cursor, tag, count))
-          return false;
-        for (uint64_t j = 0; j < count; ++j) {
-          if (!readNonNegative(cursor, number) || (j > 0 && number <= _objects.back()))
-            return false;
-          _objects.push_back(number);
-          if (!skipValue(cursor, 2))
-            return false;
-        }
-        _objectsBytes = fn::ByteView(body + start, cursor.at() - start);
-        break;
+        _source = static_cast<uint16_t>(number);
+      } else if (!skipValue(cursor, 1)) {
+        return false;
       }
-      default:
-        if (!skipValue(cursor, 1))
+      _sourceStart = entryStart;
+      _sourceEnd = cursor.at();
+      _hasSource = true;
+      sourcePlaced = true;
+    } else if (keyByte == key::TARGET_WORKER_ID) {
+      if (!readNonNegative(cursor, number) || number > NO_WORKER)
+        return false;
+      _target = static_cast<uint16_t>(number);
+      hasTarget = true;
+    } else if (keyByte == key::PAYLOAD) {
+      uint8_t tag;
+      uint64_t n;
+      uint8_t const* bytes;
+      if (!cursor.peek(tag))
+        return false;
+      if (tag == 0xc4 || tag == 0xc5 || tag == 0xc6) {
+        // A byte array, as payloads are, read here rather than skipped in general.
+        cursor.byte(tag);
+        if (!(tag == 0xc4   ? readCount<uint8_t>(cursor, 0, n)
+              : tag == 0xc5 ? readCount<uint16_t>(cursor, 0x100, n)
+                            : readCount<uint32_t>(cursor, 0x10000, n)) ||
+            !cursor.bytes(n, bytes))
           return false;
-        break;
+        _payload = fn::ByteView(bytes, n);
+      } else if (!skipValue(cursor, 1)) {
+        return false;
+      }
+    } else if (keyByte == key::OBJECTS) {
+      size_t start = cursor.at();
+      uint8_t tag;
+      uint64_t count;
+      if (!cursor.byte(tag) || !readMapCount(cursor, tag, count))
+        return false;
+      for (uint64_t j = 0; j < count; ++j) {
+        if (!readNonNegative(cursor, number) || (j > 0 && number <= _objects.back()))
+          return false;
+        _objects.push_back(number);
+        if (!skipValue(cursor, 2))
+          return false;
+      }
+      _objectsBytes = fn::ByteView(body + start, cursor.at() - start);
+    } else if (!skipValue(cursor, 1)) {
+      return false;
     }
   }
   if (!cursor.atEnd() || !hasType || !hasTarget)
