@@ -276,7 +276,7 @@ private:
 
   void readMap(Value& out, size_t n, size_t depth) {
     enter(depth, 2 * n);
-    Value::Map map;
+    Value::Map& map = out.assignMap();
     map.reserve(n);
     bool ordered = true;
     for (size_t i = 0; i < n; ++i) {
@@ -288,7 +288,6 @@ private:
     }
     if (!ordered)
       map.restoreOrder();
-    out = Value(std::move(map));
   }
 
   // Every element takes at least one byte: a count beyond what is left is a lie, and is

@@ -268,6 +268,13 @@ public:
     new (&_s.string) fn::String(text);
     _type = Type::String;
   }
+  /// Makes the value an empty map, built where the value lies, and returns it to be filled.
+  Map& assignMap() {
+    reset();
+    new (&_s.map) Map();
+    _type = Type::Map;
+    return _s.map;
+  }
 
   /// Makes the value a map if it is null, then returns the member (inserted as null).
   Value& operator[](Value const& key);
