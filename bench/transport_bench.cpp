@@ -431,10 +431,10 @@ int drive(Settings const& settings, std::string_view only, bool cpu0Only) {
     pinTo(cpu);  // children inherit the affinity
     if (only == "calls" || only == "messages" || only == "floor" || only == "dbus") {
       // For profiling one path at a time.
-      Figures one = only == "calls"  ? measureCall(settings)
+      Figures one = only == "calls"   ? measureCall(settings)
                     : only == "dbus"  ? measureDbus(settings)
                     : only == "floor" ? measureFloor(settings, frameSize)
-                                     : measureFramework(settings);
+                                      : measureFramework(settings);
       fmt::print("{:<14} {:>11.1f} us {:>31.0f}\n", cpu < 0 ? "unpinned" : "cpu 0",
                  one.medianMicros, one.roundTripsPerSecond);
       continue;

@@ -11,7 +11,7 @@ namespace {
 [[gnu::tls_model("initial-exec")]]
 #endif
 thread_local RunLoop* current = nullptr;
-}
+}  // namespace
 
 RunLoop::RunLoop() = default;
 

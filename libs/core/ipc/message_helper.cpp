@@ -55,8 +55,7 @@ void MessageWriter::encodeObjectMessage(fn::ByteArray& out,
     listed.push_back(static_cast<uint8_t>(key::OBJECTS));
     fn::mpack::encode(objects, listed);
   }
-  auto length =
-      static_cast<uint32_t>(headSize + payload.size() + (noObjects ? 2 : listed.size()));
+  auto length = static_cast<uint32_t>(headSize + payload.size() + (noObjects ? 2 : listed.size()));
   for (int i = 0; i < 4; ++i)
     head[i] = static_cast<uint8_t>(length >> (8 * i));
   // One resize and plain copies: each append would be a call of its own.
