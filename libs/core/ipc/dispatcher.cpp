@@ -200,6 +200,8 @@ void Dispatcher::onHello(Connection const& connection, fn::Value const& record) 
   logDispatcher.log(fn::logging::DBG, "Worker {} ({}) connected - assigning Id {}", displayName,
                     tag, id);
   connection->info = WorkerInfo{id, displayName, tag};
+  if (_workers.size() <= id)
+    _workers.resize(id + 1);
   _workers[id] = connection;
   _onWorkerConnected.emit(connection->info);
   send(connection, fn::Value::map({{key::TYPE, type::HELLO}, {key::WORKER_ID, id}}));
@@ -248,8 +250,8 @@ bool Dispatcher::forwardRawMessage(WorkerConnection& connection,
   if (uint16_t target = _rawMessage.target(); target != NO_WORKER) {
     // The common case, one target: forwarded from its entry in the table, which nothing
     // forwarding does can remove.
-    if (auto found = _workers.find(target); found != _workers.end())
-      forwardRawMessageToWorker(found->second, source);
+    if (auto const* found = workerConnection(target))
+      forwardRawMessageToWorker(*found, source);
   } else {
     collectTargets(target, _rawMessage.objectId().value_or(0));
     for (auto const& holder : _targets)
@@ -286,16 +288,16 @@ void Dispatcher::countInstanceUses(uint16_t source, std::vector<ObjectId> const&
 // forwarded, because forwarding counts uses in the same table, which may rehash.
 void Dispatcher::collectTargets(uint16_t target, ObjectId objectId) {
   if (target != NO_WORKER) {
-    if (auto found = _workers.find(target); found != _workers.end())
-      _targets.push_back(found->second);
+    if (auto const* found = workerConnection(target))
+      _targets.push_back(*found);
     return;
   }
   if (objectId != REGISTRY_OBJECT_ID) {
     _holders.clear();
     _usage.holders(objectId, _holders);
     for (uint16_t workerId : _holders) {
-      if (auto found = _workers.find(workerId); found != _workers.end())
-        _targets.push_back(found->second);
+      if (auto const* found = workerConnection(workerId))
+        _targets.push_back(*found);
     }
     return;
   }
@@ -324,7 +326,7 @@ void Dispatcher::increaseUsageCount(ObjectId objectId, uint16_t workerId) {
 
 void Dispatcher::onReferenceRelease(Connection const& connection, fn::Value const& record) {
   auto objectId = record.at(key::OBJECT_ID).to<ObjectId>();
-  if (!_workers.contains(ownerOf(objectId)))
+  if (!workerConnection(ownerOf(objectId)))
     return;
   auto usageCount = record.at(key::USAGE_COUNT).to<uint32_t>();
   uint16_t holder = connection->info.workerId;
@@ -359,11 +361,11 @@ void Dispatcher::releaseInstance(ObjectId objectId) {
                                           fn::debug::internal::formatValues(objectId));
     return;
   }
-  auto owner = _workers.find(ownerOf(objectId));
-  if (owner == _workers.end())
+  Connection const* owner = workerConnection(ownerOf(objectId));
+  if (!owner)
     return;
   // A dying holder may release a million objects at once: no record value for each.
-  Connection const& connection = owner->second;
+  Connection const& connection = *owner;
   if (connection->ended || connection->overflowed)
     return;
   connection->stream->writeWith([&](fn::ByteArray& out) {
@@ -387,8 +389,13 @@ void Dispatcher::workerDied(Connection const& connection) {
   connection->notRespondingTimer.invalidate();
   connection->nextPingTimer.invalidate();
   connection->overflowTimer.invalidate();
-  if (auto found = _workers.find(id); found != _workers.end() && found->second == connection)
-    _workers.erase(found);
+  if (id < _workers.size() && _workers[id] == connection) {
+    _workers[id] = nullptr;
+    while (!_workers.empty() && !_workers.back())
+      _workers.pop_back();
+    if (_workers.capacity() > 64 && _workers.size() * 4 < _workers.capacity())
+      _workers.shrink_to_fit();
+  }
   _connections.erase(connection);
 
   std::vector<ObjectId> released;

@@ -139,6 +139,10 @@ private:
   void increaseUsageCount(ObjectId objectId, uint16_t workerId);
   void releaseInstance(ObjectId objectId);
   uint16_t nextWorkerId() { return _workerIdCounter++; }
+  /// The connection of worker `id`, or null.
+  Connection const* workerConnection(uint16_t id) const {
+    return id < _workers.size() && _workers[id] ? &_workers[id] : nullptr;
+  }
   void onWorkerEOS(Connection const& connection);
   void workerDied(Connection const& connection);
   void scheduleNextPing(Connection const& connection);
@@ -157,7 +161,10 @@ private:
   fn::String _pipePath;
   fn::AutoPtr<fn::uv::PipeStream> _pipeStream;
   std::set<Connection> _connections;
-  std::unordered_map<uint16_t, Connection> _workers;
+  // The connections that said HELLO, by worker id. Ids are handed out in sequence, so a
+  // vector indexed by id finds a message's target without hashing; it reaches only as far as
+  // the highest id connected (at most 65,536 pointers).
+  std::vector<Connection> _workers;
   UsageTable _usage;
   uint16_t _workerIdCounter = 0;
   // The MESSAGE being routed: as it came (raw), its decoded object ids, and the connections it
