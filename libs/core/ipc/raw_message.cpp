@@ -285,6 +285,55 @@ size_t writeUnsigned16(uint16_t value, uint8_t* out) {
 
 }  // namespace
 
+// The shape our own encoder gives nearly every MESSAGE, read straight through: TYPE, OBJECT_ID,
+// SOURCE_WORKER_ID (only once the hub added it), TARGET_WORKER_ID, a byte-array PAYLOAD and an
+// empty OBJECTS map. The same checks as the general reading below apply; anything else is
+// left to it.
+bool RawMessage::scanCommonShape() {
+  Cursor cursor(_body, _length);
+  uint8_t b, keyByte;
+  uint64_t number;
+  if (!cursor.byte(b) || (b != 0x85 && b != 0x86))
+    return false;
+  _entryCount = b & 0x0f;
+  _entriesStart = 1;
+  _hasSource = b == 0x86;
+  auto key = [&cursor, &keyByte](int expected) {
+    return cursor.byte(keyByte) && keyByte == expected;
+  };
+  if (!key(key::TYPE) || !readNonNegative(cursor, number) || number != type::MESSAGE)
+    return false;
+  if (!key(key::OBJECT_ID) || !readNonNegative(cursor, number))
+    return false;
+  _objectId = number;
+  _sourceStart = cursor.at();
+  if (_hasSource) {
+    if (!key(key::SOURCE_WORKER_ID) || !readNonNegative(cursor, number) || number > NO_WORKER)
+      return false;
+    _source = static_cast<uint16_t>(number);
+  }
+  _sourceEnd = cursor.at();
+  if (!key(key::TARGET_WORKER_ID) || !readNonNegative(cursor, number) || number > NO_WORKER)
+    return false;
+  _target = static_cast<uint16_t>(number);
+  uint8_t tag;
+  uint64_t n;
+  uint8_t const* bytes;
+  if (!key(key::PAYLOAD) || !cursor.byte(tag) ||
+      !(tag == 0xc4   ? readCount<uint8_t>(cursor, 0, n)
+        : tag == 0xc5 ? readCount<uint16_t>(cursor, 0x100, n)
+        : tag == 0xc6 ? readCount<uint32_t>(cursor, 0x10000, n)
+                      : false) ||
+      !cursor.bytes(n, bytes))
+    return false;
+  _payload = fn::ByteView(bytes, n);
+  size_t objectsStart = cursor.at() + 1;
+  if (!key(key::OBJECTS) || !cursor.byte(tag) || tag != 0x80 || !cursor.atEnd())
+    return false;
+  _objectsBytes = fn::ByteView(_body + objectsStart, 1);
+  return true;
+}
+
 bool RawMessage::scan(uint8_t const* body, size_t length) {
   _body = body;
   _length = length;
@@ -294,6 +343,12 @@ bool RawMessage::scan(uint8_t const* body, size_t length) {
   _source.reset();
   _payload.reset();
   _objectsBytes = {};
+  if (scanCommonShape())
+    return true;
+  _hasSource = false;
+  _objectId.reset();
+  _source.reset();
+  _payload.reset();
   Cursor cursor(body, length);
   uint8_t b;
   if (!cursor.byte(b) || !readMapCount(cursor, b, _entryCount))

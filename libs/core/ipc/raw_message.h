@@ -44,6 +44,8 @@ public:
   void appendFrame(fn::ByteArray& out, uint16_t source) const;
 
 private:
+  bool scanCommonShape();
+
   uint8_t const* _body = nullptr;
   size_t _length = 0;
   size_t _entriesStart = 0;

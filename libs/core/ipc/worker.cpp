@@ -168,11 +168,13 @@ void Worker::sendMessageToWorker(uint16_t target,
   _objects.encodePayload(write, bytes, objects);
   // The hub counts one use of each of our own objects per message that carries it; we hold
   // the instance once per counted use until the hub releases it.
-  for (auto const& [id, name] : objects.isMap() ? objects.asMap() : fn::Value::Map()) {
-    if (ownerOf(id.asUInt()) != _workerId)
-      continue;
-    if (auto instance = _objects.instance(id.asUInt()))
-      instance->increateUsageCount();
+  if (objects.isMap()) {
+    for (auto const& [id, name] : objects.asMap()) {
+      if (ownerOf(id.asUInt()) != _workerId)
+        continue;
+      if (auto instance = _objects.instance(id.asUInt()))
+        instance->increateUsageCount();
+    }
   }
   if (!_stream || _ended || _overflowed)
     return;

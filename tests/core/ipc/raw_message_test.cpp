@@ -39,6 +39,19 @@ void expectSameAsDecoded(ipc::RawMessage const& raw, fn::ByteArray const& body) 
   if (raw.target() == ipc::NO_WORKER) {
     EXPECT_EQ(raw.objectId(), record.at(key::OBJECT_ID).to<ipc::ObjectId>());
   }
+  // What a worker delivers from: the object, the sender and the payload's bytes.
+  fn::Value const& id = record.get(key::OBJECT_ID);
+  if (id.isInteger() && id.asInt() >= 0) {
+    EXPECT_EQ(raw.objectId(), id.asUInt());
+  }
+  fn::Value const& source = record.get(key::SOURCE_WORKER_ID);
+  EXPECT_EQ(raw.source().has_value(),
+            source.isInteger() && source.asInt() >= 0 && source.asInt() <= ipc::NO_WORKER);
+  fn::Value const& payload = record.get(key::PAYLOAD);
+  ASSERT_EQ(raw.payload().has_value(), payload.isByteArray());
+  if (payload.isByteArray()) {
+    EXPECT_EQ(fn::ByteArray(raw.payload()->begin(), raw.payload()->end()), payload.asByteArray());
+  }
   std::vector<ipc::ObjectId> objects;
   for (auto const& [id, name] : record.get(key::OBJECTS, EMPTY).asMap())
     objects.push_back(id.asUInt());
