@@ -115,15 +115,20 @@ void MessageReader::feed(char const* bytes, ssize_t count) {
   size_t remaining = static_cast<size_t>(count);
   while (remaining > 0 && !_failed) {
     if (_headerFill < 4) {
-      size_t take = std::min(remaining, 4 - _headerFill);
-      std::memcpy(_header + _headerFill, p, take);
+      // A whole header in the chunk, as it nearly always is, is read where it lies.
+      size_t take = _headerFill == 0 && remaining >= 4 ? 4 : std::min(remaining, 4 - _headerFill);
+      uint8_t const* header = p;
+      if (take < 4) {
+        std::memcpy(_header + _headerFill, p, take);
+        header = _header;
+      }
       _headerFill += take;
       p += take;
       remaining -= take;
       if (_headerFill < 4)
         return;
-      _length = static_cast<uint32_t>(_header[0]) | static_cast<uint32_t>(_header[1]) << 8 |
-                static_cast<uint32_t>(_header[2]) << 16 | static_cast<uint32_t>(_header[3]) << 24;
+      _length = static_cast<uint32_t>(header[0]) | static_cast<uint32_t>(header[1]) << 8 |
+                static_cast<uint32_t>(header[2]) << 16 | static_cast<uint32_t>(header[3]) << 24;
       if (_length > _maxFrameSize) {
         fail(fn::uv::Status(fmt::format("MessageHelper frame of {} bytes is over the limit of {}",
                                         _length, _maxFrameSize),
