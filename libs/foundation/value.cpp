@@ -251,13 +251,7 @@ Value const& Value::throwNoSuchKey(Value const& key) const {
   throw withDetail(RangeException("No such key"), key.toString());
 }
 
-bool Value::asBool() const {
-  if (_type == Type::Boolean)
-    return _s.b;
-  throwWrongType(Type::Boolean);
-}
-
-int64_t Value::asInt() const {
+int64_t Value::convertToInt() const {
   if (_type == Type::Integer)
     return _s.i;
   // Only values above INT64_MAX are held unsigned: none of them fits.
@@ -272,7 +266,7 @@ int64_t Value::asInt() const {
   throwWrongType(Type::Integer);
 }
 
-uint64_t Value::asUInt() const {
+uint64_t Value::convertToUInt() const {
   if (_type == Type::UnsignedInteger)
     return _s.u;
   if (double const* d = _type == Type::Double ? &_s.d : nullptr;
@@ -295,48 +289,6 @@ double Value::asDouble() const {
   if (_type == Type::UnsignedInteger)
     return static_cast<double>(_s.u);
   throwWrongType(Type::Double);
-}
-
-String const& Value::asString() const {
-  if (_type == Type::String)
-    return _s.string;
-  throwWrongType(Type::String);
-}
-
-ByteArray const& Value::asByteArray() const {
-  if (_type == Type::ByteArray)
-    return _s.bytes;
-  throwWrongType(Type::ByteArray);
-}
-
-ByteArray& Value::asByteArray() {
-  if (_type == Type::ByteArray)
-    return _s.bytes;
-  throwWrongType(Type::ByteArray);
-}
-
-Value::Array const& Value::asArray() const {
-  if (_type == Type::Array)
-    return _s.array;
-  throwWrongType(Type::Array);
-}
-
-Value::Array& Value::asArray() {
-  if (_type == Type::Array)
-    return _s.array;
-  throwWrongType(Type::Array);
-}
-
-Value::Map const& Value::asMap() const {
-  if (_type == Type::Map)
-    return _s.map;
-  throwWrongType(Type::Map);
-}
-
-Value::Map& Value::asMap() {
-  if (_type == Type::Map)
-    return _s.map;
-  throwWrongType(Type::Map);
 }
 
 AutoPtr<RefCountedObject> const& Value::asObject() const {

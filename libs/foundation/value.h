@@ -176,18 +176,23 @@ public:
   bool isMap() const { return is(Type::Map); }
   bool isObject() const { return is(Type::Object); }
 
-  // Accessors throw RangeException when the value has another kind.
-  bool asBool() const;
-  int64_t asInt() const;
-  uint64_t asUInt() const;
+  // Accessors throw RangeException when the value has another kind. The value of the kind
+  // asked for is returned inline: encoders and record readers ask for them at every value.
+  bool asBool() const {
+    return _type == Type::Boolean ? _s.b : (throwWrongType(Type::Boolean), false);
+  }
+  int64_t asInt() const { return _type == Type::Integer ? _s.i : convertToInt(); }
+  uint64_t asUInt() const {
+    return _type == Type::Integer && _s.i >= 0 ? static_cast<uint64_t>(_s.i) : convertToUInt();
+  }
   double asDouble() const;
-  fn::String const& asString() const;
-  fn::ByteArray const& asByteArray() const;
-  fn::ByteArray& asByteArray();
-  Array const& asArray() const;
-  Array& asArray();
-  Map const& asMap() const;
-  Map& asMap();
+  fn::String const& asString() const { return held<Type::String>(_s.string); }
+  fn::ByteArray const& asByteArray() const { return held<Type::ByteArray>(_s.bytes); }
+  fn::ByteArray& asByteArray() { return held<Type::ByteArray>(_s.bytes); }
+  Array const& asArray() const { return held<Type::Array>(_s.array); }
+  Array& asArray() { return held<Type::Array>(_s.array); }
+  Map const& asMap() const { return held<Type::Map>(_s.map); }
+  Map& asMap() { return held<Type::Map>(_s.map); }
   AutoPtr<RefCountedObject> const& asObject() const;
 
   /// The integer checked to fit T; RangeException otherwise.
@@ -348,6 +353,14 @@ private:
   inline Value const* findString(std::string_view key) const;
   [[noreturn]] Value const& throwNoSuchKey(Value const& key) const;
   [[noreturn]] void throwWrongType(Type expected) const;
+  int64_t convertToInt() const;
+  uint64_t convertToUInt() const;
+  template <Type T, typename M>
+  M& held(M& member) const {
+    if (_type != T)
+      throwWrongType(T);
+    return member;
+  }
   [[noreturn]] void throwOutOfRange() const;
 
   Type _type = Type::Null;
