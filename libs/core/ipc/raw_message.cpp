@@ -283,6 +283,21 @@ size_t writeUnsigned16(uint16_t value, uint8_t* out) {
   return 3;
 }
 
+// The `count` (1 to 8) bytes at `p` as a big-endian number, if there are that many.
+[[gnu::always_inline]] inline bool readBigEndian(uint8_t const*& p,
+                                                 uint8_t const* end,
+                                                 size_t count,
+                                                 uint64_t& out) {
+  if (count == 0 || static_cast<size_t>(end - p) < count)
+    return false;
+  uint64_t value = 0;
+  for (size_t i = 0; i < count; ++i)
+    value = (value << 8) | p[i];
+  p += count;
+  out = value;
+  return true;
+}
+
 // At `p`, the one-byte key `expected` and a non-negative integer in its shortest form, as the
 // general reading demands; forced inline, since this runs for every record.
 [[gnu::always_inline]] inline bool readEntry(uint8_t const*& p,
@@ -298,12 +313,9 @@ size_t writeUnsigned16(uint16_t value, uint8_t* out) {
     return true;
   }
   size_t size = tag == 0xcc ? 1 : tag == 0xcd ? 2 : tag == 0xce ? 4 : tag == 0xcf ? 8 : 0;
-  if (size == 0 || static_cast<size_t>(end - p) < size)
+  uint64_t value;
+  if (!readBigEndian(p, end, size, value))
     return false;
-  uint64_t value = 0;
-  for (size_t i = 0; i < size; ++i)
-    value = (value << 8) | p[i];
-  p += size;
   out = value;
   // The value needs every byte it was given.
   return size == 1 ? value > 0x7f : value >> (4 * size) != 0;
@@ -346,12 +358,9 @@ bool RawMessage::scanCommonShape() {
   uint8_t tag = p[1];
   size_t header = tag == 0xc4 ? 1 : tag == 0xc5 ? 2 : tag == 0xc6 ? 4 : 0;
   p += 2;
-  if (header == 0 || static_cast<size_t>(end - p) < header)
+  uint64_t size;
+  if (!readBigEndian(p, end, header, size))
     return false;
-  uint64_t size = 0;
-  for (size_t i = 0; i < header; ++i)
-    size = (size << 8) | p[i];
-  p += header;
   if ((header == 2 && size < 0x100) || (header == 4 && size < 0x10000) ||
       static_cast<uint64_t>(end - p) < size)
     return false;
