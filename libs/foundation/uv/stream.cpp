@@ -119,6 +119,21 @@ void Stream::flush() {
   _flushQueued = false;
   if (_closing || _pending.empty())
     return;
+  // With nobody waiting to hear of this batch, it goes to the kernel directly: no request, no
+  // change to what the loop polls for, no completion to run. libuv refuses (UV_EAGAIN) while
+  // earlier writes are still queued, so the order holds. What the kernel did not take, and any
+  // error, goes the usual way below.
+  if (_pendingCallbacks.empty()) {
+    uv_buf_t direct = uv_buf_init(reinterpret_cast<char*>(_pending.data()),
+                                  static_cast<unsigned>(_pending.size()));
+    int written = uv_try_write(_handle, &direct, 1);
+    if (written == static_cast<int>(_pending.size())) {
+      _pending.clear();
+      return;
+    }
+    if (written > 0)
+      _pending.erase(_pending.begin(), _pending.begin() + written);
+  }
   auto* request = new WriteRequest{};
   request->stream = AutoPtr<Stream>(this);
   request->bytes.swap(_pending);
