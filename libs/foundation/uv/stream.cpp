@@ -128,7 +128,10 @@ void Stream::flush() {
                                   static_cast<unsigned>(_pending.size()));
     int written = uv_try_write(_handle, &direct, 1);
     if (written == static_cast<int>(_pending.size())) {
+      // The buffer stays for the next batch, as a spare would, unless it is unusually large.
       _pending.clear();
+      if (_pending.capacity() > MAX_SPARE_CAPACITY)
+        ByteArray().swap(_pending);
       return;
     }
     if (written > 0)
