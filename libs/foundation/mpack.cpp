@@ -20,13 +20,10 @@ void Encoder::signedInteger(int64_t v) {
 }
 
 void Encoder::largeUnsignedInteger(uint64_t v) {
-  if (v <= 0xff)
-    return tagged<uint8_t>(0xcc, static_cast<uint8_t>(v));
-  if (v <= 0xffff)
-    return tagged<uint16_t>(0xcd, static_cast<uint16_t>(v));
-  if (v <= 0xffffffff)
-    return tagged<uint32_t>(0xce, static_cast<uint32_t>(v));
-  tagged<uint64_t>(0xcf, v);
+  uint8_t bytes[9];
+  Writer writer(bytes);
+  writer.unsignedInteger(v);
+  put(bytes, writer.written());
 }
 
 void Encoder::floating(double d) {

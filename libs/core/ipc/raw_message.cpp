@@ -4,6 +4,8 @@
 #include <limits>
 #include <string_view>
 
+#include "foundation/mpack.h"
+
 namespace ipc {
 
 namespace {
@@ -250,39 +252,6 @@ bool readNonNegative(Cursor& cursor, uint64_t& out) {
   return true;
 }
 
-size_t writeMapHeader(uint64_t count, uint8_t* out) {
-  if (count <= 15) {
-    out[0] = static_cast<uint8_t>(0x80 | count);
-    return 1;
-  }
-  if (count <= 0xffff) {
-    out[0] = 0xde;
-    out[1] = static_cast<uint8_t>(count >> 8);
-    out[2] = static_cast<uint8_t>(count);
-    return 3;
-  }
-  out[0] = 0xdf;
-  for (int i = 0; i < 4; ++i)
-    out[1 + i] = static_cast<uint8_t>(count >> (8 * (3 - i)));
-  return 5;
-}
-
-size_t writeUnsigned16(uint16_t value, uint8_t* out) {
-  if (value <= 0x7f) {
-    out[0] = static_cast<uint8_t>(value);
-    return 1;
-  }
-  if (value <= 0xff) {
-    out[0] = 0xcc;
-    out[1] = static_cast<uint8_t>(value);
-    return 2;
-  }
-  out[0] = 0xcd;
-  out[1] = static_cast<uint8_t>(value >> 8);
-  out[2] = static_cast<uint8_t>(value);
-  return 3;
-}
-
 // The `count` (1 to 8) bytes at `p` as a big-endian number, if there are that many.
 [[gnu::always_inline]] inline bool readBigEndian(uint8_t const*& p,
                                                  uint8_t const* end,
@@ -491,9 +460,14 @@ bool RawMessage::scan(uint8_t const* body, size_t length) {
 
 void RawMessage::appendFrame(fn::ByteArray& out, uint16_t source) const {
   uint8_t header[5];
-  size_t headerSize = writeMapHeader(_entryCount + (_hasSource ? 0 : 1), header);
-  uint8_t entry[4] = {static_cast<uint8_t>(key::SOURCE_WORKER_ID)};
-  size_t entrySize = 1 + writeUnsigned16(source, entry + 1);
+  fn::mpack::Writer headerWriter(header);
+  headerWriter.mapHeader(_entryCount + (_hasSource ? 0 : 1));
+  size_t headerSize = headerWriter.written();
+  uint8_t entry[4];
+  fn::mpack::Writer entryWriter(entry);
+  entryWriter.unsignedInteger(key::SOURCE_WORKER_ID);
+  entryWriter.unsignedInteger(source);
+  size_t entrySize = entryWriter.written();
   size_t before = _sourceStart - _entriesStart;
   size_t after = _length - _sourceEnd;
   auto bodySize = static_cast<uint32_t>(headerSize + before + entrySize + after);
