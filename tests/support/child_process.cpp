@@ -48,7 +48,6 @@ std::unique_ptr<ChildProcess> ChildProcess::start(fn::uv::Loop& loop, Options co
   spawn.file = options.file;
   spawn.arguments = options.arguments;
   spawn.environment = options.environment;
-  spawn.extraDescriptors = options.extraDescriptors;
   spawn.standardInput = options.standardInput;
   spawn.standardOutput = options.standardOutput;
   std::optional<Pipe> input, out, err;
@@ -76,11 +75,8 @@ std::unique_ptr<ChildProcess> ChildProcess::start(fn::uv::Loop& loop, Options co
 }
 
 std::unique_ptr<ChildProcess> ChildProcess::startRole(fn::uv::Loop& loop,
-                                                      std::vector<fn::String> arguments,
-                                                      std::vector<int> extraDescriptors) {
-  return start(loop, {.file = fn::uv::executablePath(),
-                      .arguments = std::move(arguments),
-                      .extraDescriptors = std::move(extraDescriptors)});
+                                                      std::vector<fn::String> arguments) {
+  return start(loop, {.file = fn::uv::executablePath(), .arguments = std::move(arguments)});
 }
 
 void ChildProcess::capture(int fd, fn::String& into) {

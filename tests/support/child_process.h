@@ -28,8 +28,6 @@ public:
     /// buffer.
     bool capture = false;
     fn::String input{};
-    /// Descriptors the child gets as 3, 4, ... (not on Windows).
-    std::vector<int> extraDescriptors{};
     /// Without `capture`: descriptors that become the child's standard input and output.
     int standardInput = -1;
     int standardOutput = -1;
@@ -38,8 +36,7 @@ public:
   static std::unique_ptr<ChildProcess> start(fn::uv::Loop& loop, Options const& options);
   /// The test executable with `arguments`, the first of which names the role.
   static std::unique_ptr<ChildProcess> startRole(fn::uv::Loop& loop,
-                                                 std::vector<fn::String> arguments,
-                                                 std::vector<int> extraDescriptors = {});
+                                                 std::vector<fn::String> arguments);
   ~ChildProcess();
 
   void kill(int signal);

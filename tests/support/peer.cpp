@@ -133,7 +133,10 @@ std::unique_ptr<Peer> Peer::start(fn::uv::Loop& loop,
 }
 
 Peer::~Peer() {
-  close();
+  for (auto const& stream : {_control, _fromRelay}) {
+    if (stream)
+      stream->close();
+  }
 }
 
 void Peer::send(fn::Value const& record) {
@@ -142,14 +145,6 @@ void Peer::send(fn::Value const& record) {
 
 void Peer::sendRaw(fn::ByteArray const& bytes) {
   _control->write(bytes);
-}
-
-void Peer::close() {
-  for (auto* stream : {&_control, &_fromRelay}) {
-    if (*stream)
-      (*stream)->close();
-    stream->reset();
-  }
 }
 
 uint16_t Peer::hello(fn::String const& name, fn::String const& tag) {

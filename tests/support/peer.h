@@ -29,12 +29,11 @@ public:
   static std::unique_ptr<Peer> start(fn::uv::Loop& loop,
                                      fn::String const& pipePath,
                                      PeerOptions options = {});
+  /// Closes the control pipes: the relay closes its hub connection and exits.
   ~Peer();
 
   void send(fn::Value const& record);
   void sendRaw(fn::ByteArray const& bytes);
-  /// Closes the control socket: the relay closes its hub connection and exits.
-  void close();
 
   /// Sends HELLO and returns the worker id of the reply (NO_WORKER on failure).
   uint16_t hello(fn::String const& name, fn::String const& tag = "");
