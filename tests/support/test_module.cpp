@@ -225,7 +225,7 @@ int runTestModule(int argc, char** argv) {
   fn::String name = argv[2];
   fn::String tag = "module-" + name;
   std::optional<int> registerPriority;
-  bool busRole = false, sticky = false;
+  bool busRole = false;
   std::vector<fn::String> inspectors;
   for (std::string_view role : std::span(argv + 4, argc - 4)) {
     if (role.starts_with("register="))
@@ -235,7 +235,6 @@ int runTestModule(int argc, char** argv) {
     else if (role.starts_with("inspector="))
       inspectors.emplace_back(role.substr(10));
     busRole = busRole || role == "bus";
-    sticky = sticky || role == "sticky";
   }
   fn::uv::Loop loop;
   ModuleDelegate delegate;
@@ -265,22 +264,16 @@ int runTestModule(int argc, char** argv) {
               inspector, fn::AutoPtr<core::Inspector>(new ModuleInspector(inspector, loop)));
       });
     }
-    if (!busRole && !sticky)
+    if (!busRole)
       return;
     ipc::MessageBus::lookup(worker).then([&](fn::AutoPtr<ipc::MessageBus> found) {
       bus = found;
-      if (busRole) {
+      bus->getStickyMessages().then([&] {
         subscriptions.push_back(
             bus->listen("test.ping", [&](fn::String const&, fn::Value const& body) {
               bus->post("test.pong", fn::Value::map({{"from", name}, {"got", body}}));
             }));
-      }
-      if (!sticky) {
-        bus->post("test.ready", name);
-        return;
-      }
-      bus->getStickyMessages().then([&] {
-        // Subscribing after the fetch: the stored message is replayed to this late listener.
+        // Subscribing after the fetch: a stored message is replayed to this late listener.
         subscriptions.push_back(
             bus->listen("test.config", [&](fn::String const&, fn::Value const& body) {
               ++heard;

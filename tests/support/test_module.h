@@ -44,11 +44,10 @@ fn::AutoPtr<ipc::CallableObjectInstance> makeTestService(ipc::Worker& worker,
 fn::ErrorInfo structuredErrorInfo();
 
 /// Starts the module `name` connected to the hub at `pipePath`. `roles`: "register=<priority>"
-/// registers the service under "TestService"; "bus" answers each "test.ping" with
-/// "test.pong"; "sticky" fetches the sticky
-/// messages, then listens to "test.config" and reports each delivery as "test.heard";
-/// "inspector=<name>" registers an inspector under that name (repeatable). Modules with a bus
-/// role post "test.ready" once set up; "tag=<tag>" is the tag its HELLO carries.
+/// registers the service under "TestService"; "bus" fetches the sticky messages, then answers
+/// each "test.ping" with "test.pong", reports each delivery on "test.config" as "test.heard"
+/// and posts "test.ready"; "inspector=<name>" registers an inspector under that name
+/// (repeatable); "tag=<tag>" is the tag its HELLO carries.
 std::unique_ptr<ChildProcess> startTestModule(fn::uv::Loop& loop,
                                               fn::String const& name,
                                               fn::String const& pipePath,

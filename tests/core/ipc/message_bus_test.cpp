@@ -80,7 +80,7 @@ TEST_F(BusTest, StickyMessagesReachAProcessThatSubscribesLater) {
 
   auto heard = hear("test.heard");
   auto ready = hear("test.ready");
-  startModule("late", {"sticky"});
+  startModule("late", {"bus"});
   ASSERT_TRUE(runLoopUntil(loop, [&] { return ready->size() == 1 && heard->size() == 1; }));
   // The late module fetched both stored namespaces, and its listener, subscribed after the
   // fetch, got the latest config once.
