@@ -151,7 +151,8 @@ private:
 };
 
 // What an "inspector=" module shows: its name at the top, a view that leads back to where the
-// caller came from, a redirect to that view, and a view answered later.
+// caller came from, a redirect to that view, one that redirects to itself forever, and a view
+// answered later.
 class ModuleInspector : public core::Inspector {
 public:
   ModuleInspector(fn::String name, fn::RunLoop& loop) : _name(std::move(name)), _loop(loop) {}
@@ -167,6 +168,8 @@ public:
       writer.append("back", refererAction);
     else if (action == fn::Value("elsewhere"))
       result = core::InspectionResult::redirectTo("details");
+    else if (action == fn::Value("circle"))
+      result = core::InspectionResult::redirectTo("circle");
     return result;
   }
 
