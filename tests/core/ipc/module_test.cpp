@@ -1,16 +1,14 @@
 #include "core/ipc/module.h"
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <list>
 
 #include "child_process.h"
-#include "child_role.h"
 #include "core/ipc/module_definition.h"
 #include "foundation/environment.h"
-#include "foundation/file.h"
 #include "foundation/path_manager.h"
 #include "foundation/shared_library.h"
 #include "module_fixture.h"
@@ -92,15 +90,11 @@ protected:
 
   /// What the module launched with `tag` said on the bus when it connected.
   fn::Value awaitConnected(fn::String const& tag) {
-    fn::Value found;
-    EXPECT_TRUE(runLoopUntil(loop, [&] {
-      for (auto const& body : connected) {
-        if (body.get("tag") == fn::Value(tag))
-          found = body;
-      }
-      return !found.isNull();
-    })) << tag;
-    return found;
+    auto said = [&] {
+      return std::ranges::find_if(connected, [&](auto const& b) { return b.get("tag") == tag; });
+    };
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return said() != connected.end(); })) << tag;
+    return said() != connected.end() ? *said() : fn::Value();
   }
 
   /// The result of `method` called on the current service of `copy`.
@@ -227,54 +221,4 @@ TEST_F(ModuleLaunchTest, AnIdleModuleHidesItsServiceAndEnds) {
   bus->post(QUIT, "idle-1");
   ASSERT_TRUE(runLoopUntil(loop, [&] { return !module.exits.empty(); }));
   EXPECT_EQ(module.exits[0], std::make_pair(0LL, 0));
-}
-
-namespace {
-
-// A hub in a process of its own, for the test that kills it: launches the test module with the
-// tag "orphan" and writes its process id and a line end to the file argv[2] once it connected.
-int runModuleHub(int argc, char** argv) {
-  if (argc < 3)
-    return 2;
-  fn::uv::Loop& loop = fn::uv::Loop::defaultLoop();
-  ipc::Dispatcher hub(loop, fn::Duration::seconds(30));
-  hub.bind();
-  hub.start();
-  registerServiceReferences(hub.worker());
-  std::unique_ptr<ipc::ModuleDefinition> definition(
-      ipc::ModuleDefinition::create(TEST_MODULE, ipc::MODULE_LOADER_NAME, false, false, false));
-  fn::String ready = argv[2];
-  fn::Handle connections =
-      hub.onWorkerConnected().connect([&](ipc::Dispatcher::WorkerInfo const& info) {
-        if (info.tag == "orphan")
-          fn::File(ready).writeAll(
-              fn::ByteArray(fn::String(fmt::format("{}\n", definition->processInfo()->pid))));
-      });
-  definition->launch(hub, "orphan");
-  loop.run();
-  return 0;
-}
-
-[[maybe_unused]] bool const hubRole = registerChildRole("--module-hub", &runModuleHub);
-
-}  // namespace
-
-TEST_F(ModuleLaunchTest, NoModuleProcessOutlivesAKilledHub) {
-  // A stopped module cannot notice that its connection ended (a running one does, as the
-  // hub application's tests show): only the system ends it (the parent-death signal, or on
-  // Windows the job object the hub put it in).
-  fn::String ready = directory + "/module.pid";
-  auto hubProcess = ChildProcess::startRole(loop, {"--module-hub", ready});
-  // Read whole: a number cut short by the end of the file is still being written.
-  int module = 0;
-  ASSERT_TRUE(pollUntil(
-      loop, [&] { return (std::ifstream(ready) >> module).good(); }, fn::Duration::seconds(10)));
-  ASSERT_TRUE(testing_support::suspendProcess(module, true));
-
-  hubProcess->kill(SIGKILL);
-  EXPECT_EQ(hubProcess->waitForExit(), -SIGKILL);
-  EXPECT_TRUE(pollUntil(
-      loop, [&] { return processEnded(module); }, fn::Duration::seconds(2)));
-  if (!processEnded(module))
-    uv_kill(module, SIGKILL);
 }
