@@ -34,30 +34,28 @@ TEST_F(RegistryTest, HighestPriorityWinsThenTheNewestAndDeadModulesDropOut) {
   EXPECT_EQ(hub().registry()->entryCount(""), 0u);
 }
 
-TEST_F(RegistryTest, ALookupWaitsForAnInstanceRegisteredLaterOrFailsNamingTheClass) {
+TEST_F(RegistryTest, LookupsWaitForAVisibleEntryOrFailNamingTheClass) {
   auto pending = watch(worker->registry()->getInstance("TestService", fn::Duration::seconds(10)));
   auto missing = watch(worker->registry()->getInstance("NoSuchService", fn::Duration::seconds(1)));
   ASSERT_TRUE(runLoopUntil(loop, [&] { return hub().registry()->waiterCount() == 2; }));
   EXPECT_FALSE(pending->settled);
 
-  startModule("late", {"register=0"});
+  // Registered later, it answers the waiting lookup.
+  startModule("visible", {"register=-1"});
   ASSERT_TRUE(runLoopUntil(loop, [&] { return pending->settled && missing->settled; }));
   ASSERT_FALSE(pending->error) << fn::describeException(pending->error);
   EXPECT_EQ(whoAmI(fn::AutoPtr<ServiceReference>(pending->value->objectAs<ServiceReference>())),
-            "late");
+            "visible");
   auto const* timedOut = exceptionAs<fn::OperationTimedOutException>(missing->error);
   ASSERT_NE(timedOut, nullptr) << fn::describeException(missing->error);
   EXPECT_EQ(timedOut->message(),
             "Object of class NoSuchService is not available. Try restarting Lumaren");
   EXPECT_EQ(hub().registry()->waiterCount(), 0u);
-}
 
-TEST_F(RegistryTest, HiddenEntriesAreSkippedAndShowingThemAgainAnswersWaiters) {
+  // Hidden entries are skipped; showing them again answers the lookups waiting by then.
   auto local = makeTestService(*worker, "local");
   auto registered = await(worker->registry()->registerObject(local, 3));
   ASSERT_FALSE(registered.error) << fn::describeException(registered.error);
-  startModule("visible", {"register=-1"});
-  awaitEntries(2);
   EXPECT_EQ(whoAmI(lookup()), "local");
 
   auto hidden = await(worker->registry()->callMethod("setInstancesHidden", true));
