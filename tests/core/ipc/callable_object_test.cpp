@@ -1,5 +1,6 @@
 #include "core/ipc/callable_object.h"
 
+#include <algorithm>
 #include <csignal>
 #include <map>
 
@@ -11,6 +12,7 @@
 
 using namespace testing_support;
 using CallContext = ipc::CallableObjectInstance::CallContext;
+using Event = std::pair<fn::String, fn::Value>;
 
 namespace {
 
@@ -67,18 +69,10 @@ protected:
 
   /// Runs the loop until `service` heard the event `name`; returns its argument.
   fn::Value awaitEvent(ServiceReference& service, fn::String const& name) {
-    fn::Value argument;
-    bool heard = runLoopUntil(loop, [&] {
-      for (auto const& [event, value] : service.events) {
-        if (event == name) {
-          argument = value;
-          return true;
-        }
-      }
-      return false;
-    });
-    EXPECT_TRUE(heard) << "no event " << name;
-    return argument;
+    auto first = [&] { return std::ranges::find(service.events, name, &Event::first); };
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return first() != service.events.end(); }))
+        << "no event " << name;
+    return first() != service.events.end() ? first()->second : fn::Value();
   }
 
   std::vector<fn::AutoPtr<ServiceReference>> services;

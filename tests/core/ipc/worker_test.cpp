@@ -37,11 +37,9 @@ class Listener : public ipc::ObjectReference {
 public:
   explicit Listener(ipc::ObjectReferenceInitializer& init) : ipc::ObjectReference(init) {}
   fn::String className() const override { return "Listener"; }
-  std::vector<fn::Value> received;
   int deaths = 0;
 
 protected:
-  void onMessage(fn::Value const& message) override { received.push_back(message); }
   void onObjectDead() override { ++deaths; }
 };
 
