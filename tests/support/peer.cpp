@@ -154,7 +154,7 @@ uint16_t Peer::hello(fn::String const& name, fn::String const& tag) {
   return reply.isMap() ? reply.at(ipc::key::WORKER_ID).to<uint16_t>() : ipc::NO_WORKER;
 }
 
-fn::Value Peer::expect(std::function<bool(fn::Value const&)> const& match, fn::Duration timeout) {
+fn::Value Peer::expect(std::function<bool(fn::Value const&)> const& match) {
   std::optional<fn::Value> found;
   auto arrived = [&] {
     for (; !found && !_received.empty(); _received.pop_front()) {
@@ -163,17 +163,15 @@ fn::Value Peer::expect(std::function<bool(fn::Value const&)> const& match, fn::D
     }
     return found.has_value();
   };
-  if (!runLoopUntil(_loop, arrived, timeout))
+  if (!runLoopUntil(_loop, arrived))
     ADD_FAILURE() << "no matching record arrived in time";
   return found.value_or(fn::Value());
 }
 
-fn::Value Peer::expectType(int type, fn::Duration timeout) {
-  return expect(
-      [type](fn::Value const& r) {
-        return r.get(ipc::key::TYPE).isInteger() && r.get(ipc::key::TYPE).asInt() == type;
-      },
-      timeout);
+fn::Value Peer::expectType(int type) {
+  return expect([type](fn::Value const& r) {
+    return r.get(ipc::key::TYPE).isInteger() && r.get(ipc::key::TYPE).asInt() == type;
+  });
 }
 
 }  // namespace testing_support

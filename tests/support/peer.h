@@ -39,10 +39,9 @@ public:
   uint16_t hello(fn::String const& name, fn::String const& tag = "");
 
   /// Runs the loop until a record matching `match` arrived and returns it (removing it and
-  /// every record received before it). Fails the test and returns null after `timeout`.
-  fn::Value expect(std::function<bool(fn::Value const&)> const& match,
-                   fn::Duration timeout = fn::Duration::seconds(10));
-  fn::Value expectType(int type, fn::Duration timeout = fn::Duration::seconds(10));
+  /// every record received before it). Fails the test and returns null after 10 s.
+  fn::Value expect(std::function<bool(fn::Value const&)> const& match);
+  fn::Value expectType(int type);
   /// The records received and not yet consumed by expect().
   std::deque<fn::Value>& received() { return _received; }
 

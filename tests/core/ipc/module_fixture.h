@@ -73,11 +73,10 @@ protected:
 
   /// Runs the loop until `promise` settled; nothing settles inside the call that made it.
   template <typename T>
-  Settled<T> await(fn::Promise<T> promise, fn::Duration timeout = fn::Duration::seconds(10)) {
+  Settled<T> await(fn::Promise<T> promise) {
     auto outcome = watch(std::move(promise));
     EXPECT_FALSE(outcome->settled) << "a continuation ran inside the call";
-    EXPECT_TRUE(runLoopUntil(
-        loop, [&] { return outcome->settled; }, timeout));
+    EXPECT_TRUE(runLoopUntil(loop, [&] { return outcome->settled; }));
     return *outcome;
   }
 
@@ -99,8 +98,8 @@ protected:
   }
 
   /// The service a lookup of "TestService" finds, or null after a failure.
-  fn::AutoPtr<ServiceReference> lookup(fn::Duration timeout = fn::Duration::seconds(5)) {
-    auto outcome = await(worker->registry()->getInstance("TestService", timeout));
+  fn::AutoPtr<ServiceReference> lookup() {
+    auto outcome = await(worker->registry()->getInstance("TestService", fn::Duration::seconds(5)));
     EXPECT_FALSE(outcome.error) << fn::describeException(outcome.error);
     if (!outcome.value)
       return nullptr;
