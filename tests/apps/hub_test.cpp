@@ -112,8 +112,9 @@ TEST_F(HubAppTest, HostsItsModulesAndLeavesNoneBehindWhenStoppedOrKilled) {
     // object the hub put it in).
     std::vector<int> modules = childProcesses(hub->pid());
     ASSERT_EQ(modules.size(), 1u);
-    if (signal == SIGKILL)
+    if (signal == SIGKILL) {
       ASSERT_TRUE(suspendProcess(modules[0], true));
+    }
     // Windows has no termination request a process can handle: both signals end it at once.
     bool graceful = signal == SIGTERM && !isWindows();
     hub->kill(signal);

@@ -431,10 +431,14 @@ void Dispatcher::send(Connection const& connection, fn::Value const& record) {
   checkQueue(connection);
 }
 
+// Run after every record written: the check itself is kept small enough to be inlined.
 void Dispatcher::checkQueue(Connection const& connection) {
+  if (connection->stream->pendingBytes() > _options.maxQueuedBytes && !connection->overflowed)
+    endOverflowingConnection(connection);
+}
+
+void Dispatcher::endOverflowingConnection(Connection const& connection) {
   size_t queued = connection->stream->pendingBytes();
-  if (queued <= _options.maxQueuedBytes || connection->overflowed)
-    return;
   connection->overflowed = true;
   logDispatcher.log(fn::logging::ERR,
                     "Worker {} ({}) is not reading: {} bytes queued for it, over the limit of {}; "

@@ -133,6 +133,7 @@ private:
   bool forwardRawMessage(WorkerConnection& connection, uint8_t const* body, size_t length);
   void forwardRawMessageToWorker(Connection const& target, uint16_t source);
   void checkQueue(Connection const& connection);
+  void endOverflowingConnection(Connection const& connection);
   void countInstanceUses(uint16_t source, std::vector<ObjectId> const& objects);
   void collectTargets(uint16_t target, ObjectId objectId);
   void releaseUnheld(uint16_t source, std::vector<ObjectId> const& objects);

@@ -8,12 +8,6 @@ namespace fn::uv {
 
 namespace {
 constexpr size_t MAX_SPARE_CAPACITY = 1024 * 1024;
-// A batch this large goes out before the iteration ends when the peer can run beside us: it
-// starts on these records while we produce the rest, instead of the two taking turns. Only
-// while the kernel takes everything at once: a peer that stops reading leaves the bytes in
-// one growing buffer, which is given back whole when the peer is cut off, not in thousands
-// of small writes.
-constexpr size_t EARLY_WRITE_BYTES = 8 * 1024;
 }  // namespace
 
 struct Stream::WriteRequest {

@@ -42,13 +42,23 @@ public:
   void write(ByteArray const& bytes, WriteCallback done = {});
   /// Lets `fill` append the bytes to send straight into the pending buffer (no copy).
   template <typename Fill>
-  void writeWith(Fill&& fill, WriteCallback done = {}) {
+  void writeWith(Fill&& fill, WriteCallback done) {
     if (_closing) {
       failWrite(std::move(done));
       return;
     }
     fill(_pending);
     queued(std::move(done));
+  }
+  /// The same without a callback. Most records are written so, one after another within an
+  /// iteration: once the batch's flush is arranged there is nothing more to do for them.
+  template <typename Fill>
+  void writeWith(Fill&& fill) {
+    if (_closing)
+      return;
+    fill(_pending);
+    if (!_flushQueued || _pending.size() >= EARLY_WRITE_BYTES)
+      queued({});
   }
   /// Bytes queued but not yet handed to the kernel.
   size_t pendingBytes() const { return _pending.size() + _inFlight; }
@@ -75,6 +85,13 @@ protected:
   void attachHandle();
 
 private:
+  // A batch this large goes out before the iteration ends when the peer can run beside us: it
+  // starts on these records while we produce the rest, instead of the two taking turns. Only
+  // while the kernel takes everything at once: a peer that stops reading leaves the bytes in
+  // one growing buffer, which is given back whole when the peer is cut off, not in thousands
+  // of small writes.
+  static constexpr size_t EARLY_WRITE_BYTES = 8 * 1024;
+
   struct WriteRequest;
   void queued(WriteCallback done);
   void failWrite(WriteCallback done);
