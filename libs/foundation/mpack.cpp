@@ -327,17 +327,16 @@ private:
   Limits _limits;
 };
 
-// Parses one value at `offset`; advances it. Throws on malformed or truncated input.
-Value parseOne(uint8_t const* data,
-               size_t size,
-               size_t& offset,
-               ValueDeserializer* hook,
-               Limits limits) {
+// Parses one value at `offset` into `out`; advances it. Throws on malformed or truncated input.
+void parseOne(uint8_t const* data,
+              size_t size,
+              size_t& offset,
+              Value& out,
+              ValueDeserializer* hook,
+              Limits limits) {
   Reader reader(data, size, offset, hook, limits);
-  Value value;
-  reader.read(value, 0);
+  reader.read(out, 0);
   offset = reader.offset();
-  return value;
 }
 
 }  // namespace
@@ -352,14 +351,19 @@ void encode(Value const& value, ByteArray& out, ValueSerializer* hook) {
 }
 
 Value decode(uint8_t const* data, size_t size, ValueDeserializer* hook, Limits limits) {
+  Value value;
+  decode(data, size, value, hook, limits);
+  return value;
+}
+
+void decode(uint8_t const* data, size_t size, Value& out, ValueDeserializer* hook, Limits limits) {
   size_t offset = 0;
   if (size == 0)
     throw DataFormatException("Malformed MessagePack: no bytes");
-  Value value = parseOne(data, size, offset, hook, limits);
+  parseOne(data, size, offset, out, hook, limits);
   if (offset != size)
     throw withDetail(DataFormatException("Malformed MessagePack: trailing bytes"),
                      fmt::format("{} of {} bytes used", offset, size));
-  return value;
 }
 
 void Serializer::serialize(Value const& value) {
@@ -387,7 +391,8 @@ std::optional<Value> Deserializer::deserialize() {
   if (_offset >= size)
     return std::nullopt;
   size_t before = _offset;
-  Value value = parseOne(data, size, _offset, _hook, _limits);
+  Value value;
+  parseOne(data, size, _offset, value, _hook, _limits);
   if (memory)
     memory->skip(_offset - before);
   return value;

@@ -184,6 +184,13 @@ FN_EXPORT Value decode(uint8_t const* data,
                        size_t size,
                        ValueDeserializer* hook = nullptr,
                        Limits limits = {});
+/// The same into `out`, whose storage is reused where it fits (a map keeps its room for
+/// entries). After an exception `out` holds some value, not necessarily the one it had.
+FN_EXPORT void decode(uint8_t const* data,
+                      size_t size,
+                      Value& out,
+                      ValueDeserializer* hook = nullptr,
+                      Limits limits = {});
 
 class FN_EXPORT Serializer {
 public:

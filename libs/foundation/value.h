@@ -62,6 +62,7 @@ public:
   iterator erase(const_iterator at);
   void clear();
   void reserve(size_t n);
+  size_t capacity() const { return _entries.capacity(); }
 
   bool operator==(ValueMap const& other) const;
 
@@ -274,7 +275,12 @@ public:
     _type = Type::String;
   }
   /// Makes the value an empty map, built where the value lies, and returns it to be filled.
+  /// A map keeps the room it had for entries.
   Map& assignMap() {
+    if (_type == Type::Map) {
+      _s.map.clear();
+      return _s.map;
+    }
     reset();
     new (&_s.map) Map();
     _type = Type::Map;

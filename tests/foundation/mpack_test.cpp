@@ -48,6 +48,12 @@ TEST(MessagePack, EveryKindRoundTripsInTheStandardWireForm) {
     EXPECT_EQ(encoded(value), bytes) << value.toString();
     EXPECT_EQ(decoded(bytes).type(), value.type()) << value.toString();
   }
+  // Decoded into a value that held a larger map, nothing of that map remains.
+  for (auto const& [value, bytes] : forms) {
+    Value into = Value::map({{1, "stale"}, {"r", 2}, {"z", Value::array({3})}});
+    mpack::decode(bytes.data(), bytes.size(), into);
+    EXPECT_EQ(into, decoded(bytes)) << value.toString();
+  }
   // A float32 from another writer reads as the same number; without a hook, an ext as null.
   EXPECT_EQ(decoded(ByteArray{0xca, 0x3f, 0xc0, 0, 0}), Value(1.5));
   EXPECT_EQ(decoded(ByteArray{0x92, 0xd5, 0x02, 0xfd, 0x04, 0x01}), Value::array({Value(), 1}));

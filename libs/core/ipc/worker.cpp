@@ -191,10 +191,14 @@ void Worker::write(fn::Value const& record) {
   checkQueue();
 }
 
+// Run after every record written: the check itself is kept small enough to be inlined.
 void Worker::checkQueue() {
+  if (_stream->pendingBytes() > _options.maxQueuedBytes)
+    leaveOverflowingHub();
+}
+
+void Worker::leaveOverflowingHub() {
   size_t queued = _stream->pendingBytes();
-  if (queued <= _options.maxQueuedBytes)
-    return;
   _overflowed = true;
   logWorker.log(fn::logging::ERR,
                 "Worker {} ({}) leaves the hub, which is not reading: {} bytes queued for it, "
@@ -316,11 +320,41 @@ void Worker::deliverObjectMessage(fn::Value const& record) {
   deliver(id, source, record.at(key::PAYLOAD).asByteArray(), record.get(key::OBJECTS));
 }
 
-void Worker::deliver(ObjectId id,
-                     uint16_t source,
-                     fn::ByteView payloadBytes,
-                     fn::Value const& objects) {
-  fn::Value payload = _objects.decodePayload(payloadBytes, objects);
+// Payloads are decoded into a value kept from one delivery to the next, so that a map's
+// entries need no allocation of their own each time. A delivery nested in another's handler
+// (one that runs the loop) decodes into a value of its own.
+void Worker::deliver(ObjectId id, uint16_t source, fn::ByteView bytes, fn::Value const& objects) {
+  if (_payloadBusy) {
+    fn::Value payload;
+    deliverPayload(id, source, bytes, objects, payload);
+    return;
+  }
+  _payloadBusy = true;
+  try {
+    deliverPayload(id, source, bytes, objects, _payload);
+  } catch (...) {
+    recyclePayload();
+    throw;
+  }
+  recyclePayload();
+}
+
+// Emptied at once, not at the next delivery: the references a payload holds go when it was
+// handled, as they would with a value of its own. A map grown unusually large is not kept.
+void Worker::recyclePayload() {
+  _payloadBusy = false;
+  if (_payload.isMap() && _payload.asMap().capacity() <= 16)
+    _payload.asMap().clear();
+  else
+    _payload = fn::Value();
+}
+
+void Worker::deliverPayload(ObjectId id,
+                            uint16_t source,
+                            fn::ByteView bytes,
+                            fn::Value const& objects,
+                            fn::Value& payload) {
+  _objects.decodePayload(bytes, objects, payload);
   if (ownerOf(id) == _workerId) {
     fn::AutoPtr<ObjectInstance> instance = _objects.instance(id);
     if (!instance)

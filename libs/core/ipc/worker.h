@@ -140,9 +140,16 @@ private:
   void deliverObjectMessage(fn::Value const& record);
   bool deliverRawMessage(uint8_t const* body, size_t length);
   void deliver(ObjectId id, uint16_t source, fn::ByteView payload, fn::Value const& objects);
+  void deliverPayload(ObjectId id,
+                      uint16_t source,
+                      fn::ByteView bytes,
+                      fn::Value const& objects,
+                      fn::Value& payload);
+  void recyclePayload();
   void reportBadRecord(std::optional<uint16_t> source);
   void write(fn::Value const& record);
   void checkQueue();
+  void leaveOverflowingHub();
   void takeRegistry();
   void terminationHandshakeDone(bool hidden);
   void armTerminationTimer(fn::Duration delay);
@@ -167,6 +174,9 @@ private:
   RawMessage _rawMessage;
   // Where an outgoing payload is encoded before its frame is written.
   fn::ByteArray _payloadScratch;
+  // Where an incoming payload is decoded, unless a delivery is already using it.
+  fn::Value _payload;
+  bool _payloadBusy = false;
   WorkerObjectManager _objects;
   // Released after _lifetime expired, so the reference (and the hub's registry it holds) is
   // freed at once instead of in a task the loop may never run.

@@ -166,7 +166,9 @@ void WorkerObjectManager::encodePayload(PayloadWriter write,
   write(out, hook);
 }
 
-fn::Value WorkerObjectManager::decodePayload(fn::ByteView bytes, fn::Value const& objects) {
+void WorkerObjectManager::decodePayload(fn::ByteView bytes,
+                                        fn::Value const& objects,
+                                        fn::Value& out) {
   // The hub counted one use for us of every listed object of another worker, whatever becomes
   // of the payload. The uses go onto the references first (one per message and object, however
   // often the object occurs), so that they are handed back even when the payload turns out
@@ -185,8 +187,10 @@ fn::Value WorkerObjectManager::decodePayload(fn::ByteView bytes, fn::Value const
       listed.push_back(std::move(held));
     }
   }
-  if (bytes.empty())
-    return fn::Value();
+  if (bytes.empty()) {
+    out = fn::Value();
+    return;
+  }
   PayloadDeserializer hook([&](ObjectId id) -> fn::Value {
     if (ownerOf(id) == _worker.workerId()) {
       auto local = instance(id);
@@ -197,7 +201,7 @@ fn::Value WorkerObjectManager::decodePayload(fn::ByteView bytes, fn::Value const
     fn::Value const& name = objects.get(fn::Value(id));
     return fn::Value(createReference(id, name.isString() ? name.asString() : fn::String()));
   });
-  return fn::mpack::decode(bytes.data(), bytes.size(), &hook);
+  fn::mpack::decode(bytes.data(), bytes.size(), out, &hook);
 }
 
 void WorkerObjectManager::killReferences(std::function<bool(ObjectId)> const& matches,

@@ -56,8 +56,9 @@ public:
   void encodePayload(fn::Value const& payload, fn::ByteArray& bytes, fn::Value& objects);
   void encodePayload(PayloadWriter write, fn::ByteArray& bytes, fn::Value& objects);
   /// Decodes a payload, resolving object ids to local references or held (or new) remote
-  /// references, then counts one use per listed object for the remote references held.
-  fn::Value decodePayload(fn::ByteView bytes, fn::Value const& objects);
+  /// references, then counts one use per listed object for the remote references held. Into
+  /// `out`, whose room is reused.
+  void decodePayload(fn::ByteView bytes, fn::Value const& objects, fn::Value& out);
 
   /// Marks every reference to an object of `workerId` dead, then notifies each once.
   void workerDied(uint16_t workerId);

@@ -33,6 +33,29 @@ private:
   bool _keeps;
 };
 
+// Handling its first message, asks for the next one and runs the loop until it came: the inner
+// payload is kept first, then the outer one as it is after the inner delivery.
+class Nesting : public ipc::ObjectInstance {
+public:
+  Nesting(ipc::Worker& worker, fn::uv::Loop& loop) : ipc::ObjectInstance(worker), _loop(loop) {}
+  std::vector<fn::Value> received;
+  std::function<void()> askForNext;
+
+protected:
+  void onMessage(uint16_t, fn::Value const& message) override {
+    if (!_nested) {
+      _nested = true;
+      askForNext();
+      runLoopUntil(_loop, [&] { return !received.empty(); });
+    }
+    received.push_back(message);
+  }
+
+private:
+  fn::uv::Loop& _loop;
+  bool _nested = false;
+};
+
 class Listener : public ipc::ObjectReference {
 public:
   explicit Listener(ipc::ObjectReferenceInitializer& init) : ipc::ObjectReference(init) {}
@@ -106,6 +129,18 @@ TEST_F(WorkerTest, InstanceLivesExactlyAsLongAsRemoteUsesAreCounted) {
   // One release of all three uses: a single INSTANCE_RELEASE drops three uses and three retains.
   peer->send(HubTest::release(weak.lock()->objectId(), 3));
   ASSERT_TRUE(runLoopUntil(loop, [&] { return weak.expired(); }));
+
+  // A message delivered inside another's handler does not disturb the outer one's payload.
+  fn::AutoPtr<Nesting> nesting(new Nesting(*worker, loop));
+  auto numbered = [&](uint8_t n) {
+    return HubTest::message(nesting->objectId(), worker->workerId(), fn::Value::map(),
+                            fn::ByteArray{0x81, 0xa1, 'n', n});
+  };
+  nesting->askForNext = [&] { peer->send(numbered(2)); };
+  peer->send(numbered(1));
+  ASSERT_TRUE(runLoopUntil(loop, [&] { return nesting->received.size() == 2; }));
+  EXPECT_EQ(nesting->received[0], fn::Value::map({{"n", 2}}));
+  EXPECT_EQ(nesting->received[1], fn::Value::map({{"n", 1}}));
 }
 
 TEST_F(WorkerTest, ReceivedReferencesAreCountedReleasedAndDieWithTheirOwner) {
