@@ -15,6 +15,40 @@ namespace fn {
 /// Bytes borrowed for the length of a call; a ByteArray converts to it.
 using ByteView = std::span<uint8_t const>;
 
+/// memcpy for the short runs of record heads, keys and small texts, copied inline with two
+/// overlapping loads and stores where a call to memcpy would cost more than the copy.
+// Inlined into a copy from a small array, the branches for longer runs than the array holds
+// are never taken, but the compiler's bounds warnings do not know it.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Warray-bounds"
+#pragma GCC diagnostic ignored "-Wstringop-overread"
+#endif
+[[gnu::always_inline]] inline void copyBytes(void* to, void const* from, size_t n) {
+  auto* d = static_cast<uint8_t*>(to);
+  auto const* s = static_cast<uint8_t const*>(from);
+  auto overlapping = [&]<typename Word>(Word) {
+    Word first, last;
+    std::memcpy(&first, s, sizeof(Word));
+    std::memcpy(&last, s + n - sizeof(Word), sizeof(Word));
+    std::memcpy(d, &first, sizeof(Word));
+    std::memcpy(d + n - sizeof(Word), &last, sizeof(Word));
+  };
+  if (n > 16)
+    std::memcpy(d, s, n);
+  else if (n >= 8)
+    overlapping(uint64_t{});
+  else if (n >= 4)
+    overlapping(uint32_t{});
+  else if (n >= 2)
+    overlapping(uint16_t{});
+  else if (n == 1)
+    *d = *s;
+}
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
 /// A growable run of bytes.
 class FN_EXPORT ByteArray : public std::vector<uint8_t> {
 public:

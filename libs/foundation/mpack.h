@@ -125,7 +125,7 @@ private:
         return;
       }
     }
-    std::memcpy(_buffer + _n, bytes, count);
+    copyBytes(_buffer + _n, bytes, count);
     _n += count;
   }
 

@@ -20,5 +20,19 @@ TEST(ByteArray, Base64UsesTheStandardAlphabetWithPaddingAndLineBreaks) {
     EXPECT_THROW(ByteArray::fromBase64(bad), DataFormatException) << bad;
 }
 
+// Every length takes its own path through the inline copy: each must copy exactly its bytes.
+TEST(ByteArray, CopyBytesCopiesEveryLengthExactly) {
+  uint8_t from[20], to[22];
+  for (size_t i = 0; i < sizeof from; ++i)
+    from[i] = static_cast<uint8_t>(i + 1);
+  for (size_t n = 0; n <= sizeof from; ++n) {
+    std::fill(std::begin(to), std::end(to), 0);
+    copyBytes(to + 1, from, n);
+    EXPECT_TRUE(std::equal(from, from + n, to + 1)) << n;
+    EXPECT_EQ(to[0], 0) << n;
+    EXPECT_EQ(to[n + 1], 0) << n;
+  }
+}
+
 }  // namespace
 }  // namespace fn

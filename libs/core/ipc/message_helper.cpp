@@ -62,7 +62,7 @@ void MessageWriter::encodeObjectMessage(fn::ByteArray& out,
   size_t at = out.size();
   out.resize(at + 4 + length);
   uint8_t* p = out.data() + at;
-  std::memcpy(p, head, 4 + headSize);
+  fn::copyBytes(p, head, 4 + headSize);
   p += 4 + headSize;
   if (!payload.empty())
     std::memcpy(p, payload.data(), payload.size());

@@ -478,8 +478,7 @@ void RawMessage::appendFrame(fn::ByteArray& out, uint16_t source) const {
   out.resize(at + 4 + bodySize);
   uint8_t* p = out.data() + at;
   auto put = [&p](void const* bytes, size_t count) {
-    if (count > 0)
-      std::memcpy(p, bytes, count);
+    fn::copyBytes(p, bytes, count);
     p += count;
   };
   put(prefix, sizeof prefix);
