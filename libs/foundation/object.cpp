@@ -22,21 +22,10 @@ String demangledTypeName(std::type_info const& type) {
   return String(status == 0 && name ? name.get() : type.name());
 }
 
-void WeakReferencableObject::release() const {
-  if (_strong.fetch_sub(1, std::memory_order_acq_rel) != 1)
-    return;
+void WeakReferencableObject::lastReleased() const {
   if (WeakBlock* block = _weak.load(std::memory_order_acquire))
     block->kill();
   const_cast<WeakReferencableObject*>(this)->deleteInstance();
-}
-
-bool WeakReferencableObject::tryRetain() const {
-  int count = _strong.load(std::memory_order_relaxed);
-  while (count > 0) {
-    if (_strong.compare_exchange_weak(count, count + 1, std::memory_order_acq_rel))
-      return true;
-  }
-  return false;
 }
 
 WeakBlock* WeakReferencableObject::weakBlock() const {

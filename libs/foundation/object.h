@@ -51,10 +51,21 @@ public:
   WeakReferencableObject(WeakReferencableObject const&) = delete;
   WeakReferencableObject& operator=(WeakReferencableObject const&) = delete;
 
+  // Inline: every AutoPtr copy and every lookup of a live object goes through these.
   void retain() const { _strong.fetch_add(1, std::memory_order_relaxed); }
-  void release() const;
+  void release() const {
+    if (_strong.fetch_sub(1, std::memory_order_acq_rel) == 1)
+      lastReleased();
+  }
   /// Takes a strong reference unless the count already fell to zero (the object is dying).
-  bool tryRetain() const;
+  bool tryRetain() const {
+    int count = _strong.load(std::memory_order_relaxed);
+    while (count > 0) {
+      if (_strong.compare_exchange_weak(count, count + 1, std::memory_order_acq_rel))
+        return true;
+    }
+    return false;
+  }
   int refCount() const { return _strong.load(std::memory_order_relaxed); }
 
   /// The block weak references share; created on first use.
@@ -67,6 +78,8 @@ protected:
   ~WeakReferencableObject() override;
 
 private:
+  void lastReleased() const;
+
   mutable std::atomic<int> _strong{0};
   mutable std::atomic<WeakBlock*> _weak{nullptr};
 };
