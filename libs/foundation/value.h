@@ -62,7 +62,7 @@ public:
   iterator erase(const_iterator at);
   void clear();
   void reserve(size_t n);
-  size_t capacity() const { return _entries.capacity(); }
+  size_t capacity() const;
 
   bool operator==(ValueMap const& other) const;
 
@@ -417,6 +417,9 @@ inline ValueMap::Entry& ValueMap::appendUnordered() {
 }
 inline void ValueMap::reserve(size_t n) {
   _entries.reserve(n);
+}
+inline size_t ValueMap::capacity() const {
+  return _entries.capacity();
 }
 inline ValueMap::const_iterator ValueMap::find(int64_t key) const {
   // Records have a handful of entries: a linear scan beats a binary search there.
