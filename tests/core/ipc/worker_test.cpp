@@ -7,6 +7,7 @@
 #include "core/ipc/payload.h"
 #include "foundation/mpack.h"
 #include "hub_fixture.h"
+#include "platform.h"
 
 using namespace testing_support;
 using ipc::NO_WORKER;
@@ -129,8 +130,15 @@ TEST_F(WorkerTest, InstanceLivesExactlyAsLongAsRemoteUsesAreCounted) {
   // One release of all three uses: a single INSTANCE_RELEASE drops three uses and three retains.
   peer->send(HubTest::release(weak.lock()->objectId(), 3));
   ASSERT_TRUE(runLoopUntil(loop, [&] { return weak.expired(); }));
+}
 
-  // A message delivered inside another's handler does not disturb the outer one's payload.
+TEST_F(WorkerTest, AMessageDeliveredInsideAnothersHandlerLeavesItsPayloadAlone) {
+  // libuv on Windows asks a pipe for more only after its read callback returned: a handler
+  // that runs the loop receives nothing more from the hub there.
+  SKIP_ON_WINDOWS("no delivery inside another's handler");
+  uint16_t p;
+  auto peer = connect("P", p);
+  auto worker = makeWorker();
   fn::AutoPtr<Nesting> nesting(new Nesting(*worker, loop));
   auto numbered = [&](uint8_t n) {
     return HubTest::message(nesting->objectId(), worker->workerId(), fn::Value::map(),
