@@ -64,8 +64,7 @@ void MessageWriter::encodeObjectMessage(fn::ByteArray& out,
   uint8_t* p = out.data() + at;
   fn::copyBytes(p, head, 4 + headSize);
   p += 4 + headSize;
-  if (!payload.empty())
-    std::memcpy(p, payload.data(), payload.size());
+  fn::copyBytes(p, payload.data(), payload.size());
   p += payload.size();
   if (noObjects) {
     p[0] = static_cast<uint8_t>(key::OBJECTS);
